@@ -1,0 +1,96 @@
+#include "engine/pacing.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "app/test_settings.h"
+#include "engine/clock.h"
+#include "engine/run_records.h"
+
+namespace {
+
+constexpr std::int64_t first_burst_usec = 10000;     // the credit a test starts with
+constexpr std::int64_t partner_wait_usec = 1000000;  // a silence this long ends a batch
+
+// Room that the window leaves, counted in 64 bits: a machine that slept for an hour owes more than 2^31 packets.
+std::int64_t window_room(const test_settings* settings, const run_state* run) {
+  const std::uint32_t unreported = run->current_tx__packet - run->oldest_outstanding;
+  return std::max<std::int64_t>(static_cast<std::int64_t>(settings->max_outstanding) - unreported, 0);
+}
+
+std::uint32_t credit_in_packets(const test_settings* settings, const run_state* run, std::int64_t elapsed) {
+  if (elapsed == 0) return 0;
+  return static_cast<std::uint32_t>((run->pacing_remainder_usec + elapsed) / settings->delay_usec);
+}
+
+std::int64_t as_wait(std::int64_t usec) {
+  return std::clamp<std::int64_t>(usec, 0, std::numeric_limits<std::int32_t>::max());
+}
+
+std::int64_t usec_until_timeout(const test_settings* settings, const run_state* run, std::int64_t now) {
+  const packet_slot* oldest = slot_of(run, run->oldest_outstanding);
+  const std::int64_t timeout = settings->timeout_usec;
+  return oldest->outstanding != 0 ? timeout - usec_between(oldest->tx_time, now) : timeout;
+}
+
+}  // namespace
+
+std::uint32_t packets_due(const test_settings* settings, run_state* run) {
+  if (is_monitor(settings) && settings->tcp != 0) return 0;  // a TCP monitor never transmits
+
+  const std::int64_t now = clock_now();
+  const bool nothing_sent = run->current_tx__packet == 0;
+  const std::int64_t elapsed = nothing_sent ? first_burst_usec : usec_between(run->last_tx_time, now);
+
+  std::uint32_t due = credit_in_packets(settings, run, elapsed);
+  if (nothing_sent && due == 0) due = 1;
+  if (run->current_tx__packet + due >= settings->total_requests) {
+    due = settings->total_requests - run->current_tx__packet;
+  }
+  if (settings->command_mode != 0) due = 1;
+  if (settings->ignore_responses == 0) {
+    due = static_cast<std::uint32_t>(std::min<std::int64_t>(due, window_room(settings, run)));
+  }
+
+  if (due != 0) {
+    run->last_tx_time = now;
+    run->pacing_remainder_usec = (run->pacing_remainder_usec + elapsed) % settings->delay_usec;
+  }
+  return due;
+}
+
+std::int64_t time_until_next_event(const test_settings* settings, const run_state* run) {
+  if (settings->partner_mode != 0) return partner_wait_usec;
+
+  const std::int64_t now = clock_now();
+  std::int64_t wait = usec_until_timeout(settings, run, now);
+  const bool more_to_send = run->current_tx__packet < settings->total_requests;
+  const bool window_has_room = run->current_tx__packet - run->oldest_outstanding < settings->max_outstanding;
+  if (more_to_send && window_has_room) {
+    const packet_slot* newest = slot_of(run, run->current_tx__packet - 1);
+    const std::int64_t until_next = settings->delay_usec - usec_between(newest->tx_time, now);
+    wait = std::min(wait, until_next);
+  }
+  return as_wait(wait);
+}
+
+std::int64_t time_until_timeout(const test_settings* settings, const run_state* run) {
+  return as_wait(usec_until_timeout(settings, run, clock_now()));
+}
+
+bool duration_is_over(const test_settings* settings, const test_stats* stats, std::int64_t now) {
+  if (settings->duration_sec == 0) return false;
+  return usec_between(stats->start_time, now) > settings->duration_sec * usec_per_second;
+}
+
+void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats) {
+  const std::int64_t step = run->last_tx_time - now;
+  if (step <= 0) return;
+  stats->start_time -= step;
+  run->last_tx_time -= step;
+  const std::uint32_t in_table = std::min(run->current_tx__packet - run->oldest_outstanding, run->packet_table_size);
+  for (std::uint32_t back = 1; back <= in_table; ++back) {
+    packet_slot* slot = slot_of(run, run->current_tx__packet - back);
+    if (slot->outstanding != 0) slot->tx_time -= step;
+  }
+}

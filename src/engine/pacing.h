@@ -1,0 +1,29 @@
+// Pacing: how many packets now, how long to wait. Arithmetic on the records, no I/O but the clock.
+#pragma once
+
+#include <cstdint>
+
+struct run_state;
+struct test_settings;
+struct test_stats;
+
+// How many packets the pacing releases now; 0 = none yet. Elapsed time is a credit: every release spends whole periods
+// of settings->delay_usec (usec) and keeps the remainder in `run`, so rounding never adds up over a stream. The window,
+// unless responses are ignored, and the requests left bound the result. Reads the clock once; changes `run` only when
+// the result is not 0.
+[[nodiscard]] std::uint32_t packets_due(const test_settings* settings, run_state* run);
+
+// How long, in usec, the test may wait for a frame before something is due: 0 to 2147483647. A monitor and a commander
+// wait in slices of one second; echo mode until the oldest request times out or the next one may go.
+[[nodiscard]] std::int64_t time_until_next_event(const test_settings* settings, const run_state* run);
+
+// The same for a run that sends nothing more: usec until the oldest request times out.
+[[nodiscard]] std::int64_t time_until_timeout(const test_settings* settings, const run_state* run);
+
+// True when `now` (ticks) is past the duration that the test was given; never without one.
+[[nodiscard]] bool duration_is_over(const test_settings* settings, const test_stats* stats, std::int64_t now);
+
+// When `now` (ticks) shows that the clock was set back behind the last release, moves the stored times of the run back
+// with it, as far as they are still compared with the present: otherwise nothing would be due, and nothing time out,
+// until the clock has caught up again.
+void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats);

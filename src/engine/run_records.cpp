@@ -1,0 +1,3 @@
+#include "engine/run_records.h"
+
+run_state* current_run_state = nullptr;

@@ -1,0 +1,69 @@
+// The records that describe one run besides its settings.
+//
+// Times are clock ticks (engine/clock.h), addresses IPv4 in network byte order, sequence numbers unsigned 32-bit.
+#pragma once
+
+#include <cstdint>
+
+inline constexpr std::uint32_t packet_table_slots = 65536;  // a power of two: a slot is found by masking
+
+// One request in flight; the slot of sequence number n is n & (packet_table_size - 1).
+struct packet_slot {
+  std::uint32_t outstanding;   // 1 while the request awaits its answer
+  std::uint32_t sequence;      // run_state.current_tx__packet when it was sent
+  std::uint16_t slot_index;    // its own index in the table
+  std::uint16_t process_id;    // low 16 bits of test_settings.process_id at send
+  std::uint32_t responder;     // who answered: address; 0 = nobody yet
+  std::uint32_t destination;   // address
+  std::uint8_t response_type;  // ICMP type of the answer
+  std::int64_t tx_time;        // ticks
+  std::int64_t rx_time;        // ticks; also when the request was settled as lost
+};
+
+struct run_state {
+  std::uint32_t oldest_outstanding;    // lower edge of the window: the oldest request not yet reported
+  std::uint32_t last_rx_seq;           // of the last stream packet
+  std::uint32_t current_tx__packet;    // sequence number of the next request = requests sent
+  std::uint32_t batch;                 // batches completed; in a command run and a partner's stream, the batch number
+  std::int64_t last_rx_time;           // ticks; arrival of the last stream packet, 0 = none yet
+  std::int64_t last_tx_time;           // ticks; the last pacing decision that released packets
+  std::int64_t pacing_remainder_usec;  // elapsed time not yet turned into packets
+  packet_slot* packet_table;           // owned by the test loop
+  std::uint32_t packet_table_size;     // slots
+  int data_socket;                     // -1 = closed, or a TCP monitor without a connection
+  int listen_socket;                   // of a TCP monitor; 0 = none
+  std::uint32_t transmit_length;       // bytes handed to the socket per test packet
+  std::uint32_t payload_length;        // of these, data bytes
+  std::uint32_t stop_requested;        // flag: the duration has elapsed
+};
+
+struct test_stats {
+  std::int64_t start_time;            // ticks
+  std::int64_t end_time;              // ticks
+  std::int64_t latency_min;           // ticks; round trips, in a stream the gaps between arrivals
+  std::int64_t latency_max;           // ticks
+  std::int64_t latency_sum;           // ticks
+  std::uint64_t tx_packets;           // packets and commands sent
+  std::uint64_t rx_packets;           // responses and stream packets received; in command mode of this batch
+  std::uint64_t lost_packets;         // timed out, overtaken, skipped; in command mode lost in good batches
+  std::uint64_t lost_in_bad_samples;  // command mode: lost in bad batches
+  std::uint64_t late_arrivals;        // stream packets more than timeout_usec after the one before
+  std::uint64_t late_responses;       // echo responses for a request no longer outstanding
+  double buffer_consumption_usec;     // spread of this batch's arrivals against their schedule
+  std::int32_t batch_first_seq;       // first sequence number of this batch; -1 = none
+  std::int32_t batch_last_seq;        // last sequence number of this batch; -1 = none
+  std::uint32_t bad_samples;          // batches whose first or last packet did not arrive
+};
+
+// The run of this process, for whoever reports at its end. Set by app/program just before the test starts.
+extern run_state* current_run_state;
+
+// The slot of a sequence number. The table is there (it lives from the start to the end of run_test).
+inline packet_slot* slot_of(const run_state* run, std::uint32_t sequence) {
+  return &run->packet_table[sequence & (run->packet_table_size - 1)];
+}
+
+// A 64-bit counter as the signed 32-bit number that "%d" prints.
+constexpr std::int32_t low32(std::uint64_t counter) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(counter));
+}
