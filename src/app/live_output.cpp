@@ -1,0 +1,33 @@
+#include "app/live_output.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace {
+
+void fill_closed_standard_descriptors() {
+  int descriptor = open("/dev/null", O_RDWR);
+  while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = open("/dev/null", O_RDWR);
+  if (descriptor >= 0) close(descriptor);
+}
+
+bool both_streams_lead_to_one_place() {
+  struct stat out = {};
+  struct stat err = {};
+  if (fstat(STDOUT_FILENO, &out) != 0 || fstat(STDERR_FILENO, &err) != 0) return false;
+  return out.st_dev == err.st_dev && out.st_ino == err.st_ino;
+}
+
+}  // namespace
+
+void set_up_standard_streams() {
+  fill_closed_standard_descriptors();
+  std::setvbuf(stdout, nullptr, both_streams_lead_to_one_place() ? _IOLBF : _IOFBF, BUFSIZ);
+}
+
+void flush_output() {
+  std::fflush(stdout);
+}
