@@ -1,0 +1,159 @@
+#include "net/icmp_handler.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "app/test_settings.h"
+#include "engine/clock.h"
+#include "engine/run_records.h"
+#include "net/address_text.h"
+#include "wire/checksum.h"
+#include "wire/icmp_echo.h"
+
+namespace {
+
+void settle_slot(packet_slot* slot, std::uint8_t response_type, std::uint32_t responder) {
+  slot->rx_time = clock_now();
+  slot->response_type = response_type;
+  slot->outstanding = 0;
+  slot->responder = responder;
+}
+
+// Echo requests to one host come back in order, so a reply that overtakes older requests tells that they are lost.
+// Requests below the report cursor are settled already; until the window has filled once, nothing is declared lost.
+void declare_overtaken_lost(const test_settings* settings, test_stats* stats, const run_state* run,
+                            const packet_slot* answered) {
+  if (settings->total_requests != settings->echo_count) return;
+  if (run->current_tx__packet < settings->max_outstanding) return;
+  std::uint32_t sequence = std::max(run->current_tx__packet - settings->max_outstanding, run->oldest_outstanding);
+  for (; sequence < run->current_tx__packet; ++sequence) {
+    packet_slot* slot = slot_of(run, sequence);
+    if (slot == answered) return;
+    if (slot->outstanding == 0) continue;
+    settle_slot(slot, icmp_echo_reply, 0);
+    ++stats->lost_packets;
+  }
+}
+
+int settle_echo_reply(const icmp_echo* echo, std::uint32_t source, const test_settings* settings, test_stats* stats,
+                      run_state* run) {
+  packet_slot* slot = slot_of(run, echo->sequence);
+  if (slot->outstanding == 0) {
+    if (settings->no_timeout_messages == 0) {
+      std::fprintf(stdout, "Err- Unexpected echo response received. Duplicate or out of order, ID %d\n",
+                   static_cast<int>(echo->sequence & (run->packet_table_size - 1)));
+    }
+    ++stats->late_responses;
+    return 0;
+  }
+  settle_slot(slot, echo->type, source);
+  ++stats->rx_packets;
+  declare_overtaken_lost(settings, stats, run, slot);
+  return 1;
+}
+
+// The errors that routers and hosts return for our requests; in a traceroute each of them is a hop.
+int settle_quoted_request(const icmp_datagram* parts, const test_settings* settings, test_stats* stats,
+                          run_state* run) {
+  icmp_echo quoted = {};
+  if (!read_quoted_echo(parts->icmp, &quoted)) return 0;
+  if (quoted.identifier != static_cast<std::uint16_t>(settings->process_id)) return 0;
+  packet_slot* slot = slot_of(run, quoted.sequence);
+  if (slot->outstanding == 0) return 0;
+  ++stats->rx_packets;
+  settle_slot(slot, parts->icmp[0], parts->source);
+  return 1;
+}
+
+// The packet that locks the monitor is not itself counted.
+void lock_monitor(const icmp_echo* echo, std::uint32_t source, test_settings* settings) {
+  if (source == inet_addr("127.0.0.1")) return;
+  settings->process_id = echo->identifier;
+  if (settings->remote_run != 0) return;
+  std::fprintf(stdout, "Monitor locked on %s, id %d\n", address_text(source), low32(settings->process_id));
+}
+
+void check_stream_gap(std::int64_t gap_usec, const test_settings* settings, test_stats* stats) {
+  if (gap_usec <= settings->timeout_usec) return;
+  if (settings->remote_run == 0) {
+    std::fprintf(stderr, "Error- packet arrived %d usecs from last one\n", static_cast<std::int32_t>(gap_usec));
+  }
+  ++stats->late_arrivals;
+}
+
+void check_stream_sequence(std::uint16_t sequence, const test_settings* settings, test_stats* stats,
+                           const run_state* run) {
+  if (sequence == ((run->last_rx_seq + 1) & 0xFFFFU)) return;
+  const std::uint32_t skipped = sequence - run->last_rx_seq - 1;
+  if (settings->remote_run == 0) {
+    std::fprintf(stderr, "Error- sequence skipped from %d to %d; %d packets lost\n", low32(run->last_rx_seq), sequence,
+                 low32(skipped));
+  }
+  stats->lost_packets += skipped & 0xFFFFU;
+}
+
+// The first packet of a stream is counted, but neither printed nor checked.
+int track_stream_packet(const icmp_echo* echo, std::uint32_t source, std::int64_t now, const test_settings* settings,
+                        test_stats* stats, run_state* run) {
+  if (run->last_rx_time != 0) {
+    const std::int64_t gap_usec = usec_between(run->last_rx_time, now);
+    check_stream_gap(gap_usec, settings, stats);
+    check_stream_sequence(echo->sequence, settings, stats, run);
+    if (settings->silent == 0 && settings->remote_run == 0) {
+      std::fprintf(stdout, "%12d: Received %s in %9.6fs from %s\n", echo->sequence, icmp_type_names[echo->type],
+                   usec_to_seconds(gap_usec), address_text(source));
+    }
+  }
+  ++stats->rx_packets;
+  run->last_rx_time = now;
+  run->last_rx_seq = echo->sequence;
+  return 1;
+}
+
+int handle_echo_reply(const icmp_datagram* parts, std::int64_t now, test_settings* settings, test_stats* stats,
+                      run_state* run) {
+  const icmp_echo echo = read_icmp_echo(parts->icmp);
+  if (echo.identifier == static_cast<std::uint16_t>(settings->process_id)) {
+    if (settings->partner_mode != 0) return track_stream_packet(&echo, parts->source, now, settings, stats, run);
+    return settle_echo_reply(&echo, parts->source, settings, stats, run);
+  }
+  if (settings->partner_mode != 0 && settings->process_id == 0) lock_monitor(&echo, parts->source, settings);
+  return 0;
+}
+
+bool is_known_type(std::uint8_t type) {
+  switch (type) {
+    case icmp_echo_reply:
+    case icmp_destination_unreachable:
+    case icmp_source_quench:
+    case icmp_redirect:
+      return true;
+    default:
+      return type >= icmp_echo_request && type <= icmp_address_mask_reply;
+  }
+}
+
+}  // namespace
+
+int handle_icmp_response(const std::uint8_t* datagram, int length, test_settings* settings, test_stats* stats,
+                         run_state* run) {
+  const std::int64_t now = clock_now();
+  icmp_datagram parts = {};
+  if (length < 0 || !locate_icmp({datagram, static_cast<std::size_t>(length)}, &parts)) return 0;
+
+  if (internet_checksum(parts.icmp.data(), parts.icmp.size()) != 0xFFFF) {
+    if (settings->remote_run == 0) std::fprintf(stderr, "Error: Received ICMP message with bad ICMP checksum\n");
+    return 0;
+  }
+  const std::uint8_t type = parts.icmp[0];
+  if (type == icmp_echo_reply) return handle_echo_reply(&parts, now, settings, stats, run);
+  if (type == icmp_destination_unreachable || type == icmp_time_exceeded) {
+    return settle_quoted_request(&parts, settings, stats, run);
+  }
+  if (!is_known_type(type) && settings->remote_run == 0) {
+    std::fprintf(stderr, "Error: Inavlid ICMP type received\n");
+  }
+  return 0;
+}

@@ -1,0 +1,15 @@
+// What a frame from the raw ICMP socket means for the test.
+#pragma once
+
+#include <cstdint>
+
+struct run_state;
+struct test_settings;
+struct test_stats;
+
+// Handles one IPv4 datagram of `length` bytes as a raw ICMP socket delivers it; a negative length is a failed read.
+// Echo mode: settles the slot that an echo reply, or an ICMP error quoting our request (RFC 792), answers. Monitor:
+// locks settings->process_id on to the first sender of echo replies, then measures that stream. Returns 1 when the
+// frame settled a slot or counted as a stream packet, 0 when it was ignored or refused.
+[[nodiscard]] int handle_icmp_response(const std::uint8_t* datagram, int length, test_settings* settings,
+                                       test_stats* stats, run_state* run);

@@ -1,0 +1,171 @@
+#include "net/receiver.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+
+#include "app/signals.h"
+#include "app/test_settings.h"
+#include "engine/clock.h"
+#include "engine/progress_line.h"
+#include "engine/run_records.h"
+#include "net/icmp_handler.h"
+#include "net/message_handler.h"
+#include "net/socket_wait.h"
+#include "wire/test_message.h"
+
+namespace {
+
+constexpr std::int64_t longest_pause_usec = 10000000;  // inside one TCP message
+constexpr std::int64_t stop_grace_usec = 100000;       // for the rest of a message, after a stop signal
+constexpr std::int64_t flush_silence_usec = 20000;
+constexpr std::int64_t longest_flush_usec = 10000000;
+
+struct datagram {
+  int length;                 // bytes received; negative = the read failed
+  std::uint32_t source;       // network byte order
+  std::uint16_t source_port;  // network byte order
+};
+
+enum class read_result : std::uint8_t { frame, nothing_there };
+
+// Reads without waiting: a datagram that select announced may be gone again, dropped for a wrong checksum (select(2)).
+read_result read_datagram(int socket, std::uint8_t* buffer, datagram* frame) {
+  sockaddr_in sender = {};
+  sender.sin_family = AF_INET;
+  ssize_t length = 0;
+  do {
+    socklen_t sender_length = sizeof sender;
+    length = recvfrom(socket, buffer, message_buffer_bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&sender),
+                      &sender_length);
+  } while (length < 0 && errno == EINTR);
+  if (length < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return read_result::nothing_there;
+  *frame = {.length = static_cast<int>(length), .source = sender.sin_addr.s_addr, .source_port = sender.sin_port};
+  return read_result::frame;
+}
+
+// Waits for the rest of *left_usec; a question for the progress is answered on the way.
+wait_result wait_for_frame(const test_settings* settings, const run_state* run, const test_stats* stats,
+                           std::int64_t* left_usec) {
+  for (;;) {
+    const wait_result result = wait_on_socket(run->data_socket, wait_for::readable, left_usec);
+    if (result != wait_result::signalled) return result;
+    print_progress_if_asked(settings, run, stats);
+    if (stop_signal() != 0) return result;
+  }
+}
+
+int report_failed_wait(const test_settings* settings) {
+  if (settings->remote_run == 0) std::fprintf(stderr, "Error- socket error on socket\n");
+  return -1;
+}
+
+int handle_datagram(std::uint8_t* buffer, const datagram* frame, test_settings* settings, run_state* run,
+                    test_stats* stats) {
+  if (frame->length == 0) {
+    if (settings->remote_run == 0) std::fprintf(stderr, "Error- zero length recvfrom on an icmp socket\n");
+    return -1;
+  }
+  if (settings->udp == 0) return handle_icmp_response(buffer, frame->length, settings, stats, run);
+  return handle_test_message(frame->source, frame->source_port, buffer, frame->length, settings, stats, run);
+}
+
+// Tries the read first and waits only when nothing is there: while frames stream in, that saves a call for each.
+int receive_datagram(test_settings* settings, run_state* run, test_stats* stats, std::uint8_t* buffer,
+                     std::int64_t wait_usec) {
+  datagram frame = {};
+  while (read_datagram(run->data_socket, buffer, &frame) == read_result::nothing_there) {
+    const wait_result result = wait_usec == 0 ? wait_result::elapsed : wait_for_frame(settings, run, stats, &wait_usec);
+    if (result == wait_result::failed) return report_failed_wait(settings);
+    if (result != wait_result::ready) return 0;
+  }
+  return handle_datagram(buffer, &frame, settings, run, stats);
+}
+
+int receive_message(test_settings* settings, run_state* run, test_stats* stats, std::uint8_t* buffer,
+                    std::int64_t wait_usec) {
+  const wait_result result = wait_for_frame(settings, run, stats, &wait_usec);
+  if (result == wait_result::failed) return report_failed_wait(settings);
+  if (result != wait_result::ready) return 0;
+
+  constexpr int header_bytes = test_header_bytes;
+  if (receive_all(run->data_socket, buffer, header_bytes) < header_bytes) return -1;
+  test_header header = {};
+  if (!read_test_header({buffer, test_header_bytes}, &header)) return -1;
+  if (header.length < test_header_bytes || header.length > message_buffer_bytes) return -1;
+  const int body_bytes = static_cast<int>(header.length) - header_bytes;
+  if (receive_all(run->data_socket, buffer + header_bytes, body_bytes) < body_bytes) return -1;
+  return handle_test_message(settings->start_host, 0, buffer, static_cast<int>(header.length), settings, stats, run);
+}
+
+// True when more of the stream can be read. `grace_usec` is what a stop signal leaves for the rest of a message.
+bool wait_for_more(int socket, std::int64_t* grace_usec) {
+  std::int64_t pause_usec = longest_pause_usec;
+  for (;;) {
+    std::int64_t* left_usec = stop_signal() != 0 ? grace_usec : &pause_usec;
+    const wait_result result = wait_on_socket(socket, wait_for::readable, left_usec);
+    if (result != wait_result::signalled) return result == wait_result::ready;
+  }
+}
+
+bool is_stream(int socket) {
+  int type = 0;
+  socklen_t length = sizeof type;
+  return getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
+}
+
+}  // namespace
+
+int receive_one_frame(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
+  if (settings->debug != 0 && settings->remote_run == 0) {
+    std::fprintf(stdout, "Select for %ld.%06ld\n", static_cast<long>(wait_usec / usec_per_second),
+                 static_cast<long>(wait_usec % usec_per_second));
+  }
+  if (run->data_socket == -1) {
+    wait_for_frame(settings, run, stats, &wait_usec);
+    return 0;
+  }
+  std::array<std::uint8_t, message_buffer_bytes> message_buffer;  // not zeroed: only received bytes are read
+  if (settings->tcp != 0) return receive_message(settings, run, stats, message_buffer.data(), wait_usec);
+  return receive_datagram(settings, run, stats, message_buffer.data(), wait_usec);
+}
+
+int receive_all(int socket, std::uint8_t* destination, int count) {
+  std::int64_t grace_usec = stop_grace_usec;
+  int total = 0;
+  while (total < count) {
+    const ssize_t got =
+        recvfrom(socket, destination + total, static_cast<std::size_t>(count - total), MSG_DONTWAIT, nullptr, nullptr);
+    if (got > 0) {
+      total += static_cast<int>(got);
+    } else if (got < 0 && errno == EINTR) {
+      continue;
+    } else if (got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK) || !wait_for_more(socket, &grace_usec)) {
+      break;
+    }
+  }
+  return total;
+}
+
+void flush_pending_frames(int socket) {
+  if (socket < 0) return;
+  const bool stream = is_stream(socket);
+  const std::int64_t start = clock_now();
+  std::array<std::uint8_t, 2000> scratch;
+  int discarded = 0;
+  while (stop_signal() == 0 && usec_between(start, clock_now()) < longest_flush_usec) {
+    std::int64_t silence_usec = flush_silence_usec;
+    const wait_result result = wait_on_socket(socket, wait_for::readable, &silence_usec);
+    if (result == wait_result::signalled) continue;
+    if (result != wait_result::ready) break;
+    const ssize_t length = recv(socket, scratch.data(), scratch.size(), MSG_DONTWAIT);
+    if (length < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+    if (length < 0 || (length == 0 && stream)) break;
+    ++discarded;
+  }
+  if (discarded > 0) std::fprintf(stderr, "Flushed %d frames\n", discarded);
+}

@@ -1,0 +1,61 @@
+#include "net/socket_wait.h"
+
+#include <sys/select.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "app/live_output.h"
+#include "app/signals.h"
+#include "engine/clock.h"
+
+namespace {
+
+bool fits_a_descriptor_set(int descriptor) {
+  return descriptor >= 0 && descriptor < FD_SETSIZE;
+}
+
+void add_to_set(int descriptor, fd_set* set) {
+  if (fits_a_descriptor_set(descriptor)) FD_SET(descriptor, set);
+}
+
+bool is_in_set(int descriptor, const fd_set* set) {
+  return fits_a_descriptor_set(descriptor) && FD_ISSET(descriptor, set);
+}
+
+timeval as_timeval(std::int64_t usec) {
+  return {.tv_sec = static_cast<time_t>(usec / usec_per_second),
+          .tv_usec = static_cast<suseconds_t>(usec % usec_per_second)};
+}
+
+}  // namespace
+
+wait_result wait_on_socket(int socket, wait_for event, std::int64_t* left_usec) {
+  flush_output();
+  const int signals = signal_descriptor();
+  timeval left = as_timeval(*left_usec);
+  for (;;) {
+    fd_set readable = {};
+    fd_set writable = {};
+    add_to_set(socket, event == wait_for::readable ? &readable : &writable);
+    add_to_set(signals, &readable);
+    // On Linux select leaves in `left` the time not slept (select(2)), so an interrupted wait goes on where it was.
+    const int ready = select(std::max(fits_a_descriptor_set(socket) ? socket : -1, signals) + 1, &readable, &writable,
+                             nullptr, &left);
+    if (ready < 0 && errno == EINTR) continue;
+    *left_usec = static_cast<std::int64_t>(left.tv_sec) * usec_per_second + left.tv_usec;
+    if (ready < 0) return wait_result::failed;
+    if (ready == 0) return wait_result::elapsed;
+    if (is_in_set(signals, &readable)) {
+      drain_signal_descriptor();
+      return wait_result::signalled;
+    }
+    if (is_in_set(socket, &readable) || is_in_set(socket, &writable)) return wait_result::ready;
+  }
+}
+
+void sleep_usec(std::int64_t usec) {
+  while (wait_on_socket(-1, wait_for::readable, &usec) == wait_result::signalled) {
+    if (stop_signal() != 0) return;
+  }
+}

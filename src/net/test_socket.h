@@ -1,0 +1,23 @@
+// The socket of a run: open it, configure it, and tell at the end what it lost.
+#pragma once
+
+struct run_state;
+struct test_settings;
+
+// Opens and configures the one socket that the settings ask for (udp(7), tcp(7), raw(7)): run->data_socket, for a TCP
+// monitor run->listen_socket with data_socket -1. Does nothing when data_socket is not 0. A socket that cannot be had,
+// bound, connected or listened on is fatal: one line on standard error, then cleanup_exit(1). A refused option prints a
+// warning and the run goes on.
+void open_test_socket(const test_settings* settings, run_state* run);
+
+// Takes the next connection of a TCP monitor into run->data_socket; waits for it as long as it takes and leaves it at
+// -1 when a stop signal comes. Fatal when there is no listening socket, as for a commander whose connection is gone, or
+// when accept(2) fails for good.
+void accept_test_connection(run_state* run);
+
+// Closes run->data_socket, if it is open, and marks it as closed.
+void close_data_socket(run_state* run);
+
+// Says on standard error how many datagrams the kernel dropped because this socket's receive buffer was full; nothing
+// when there were none or the socket is not one of datagrams.
+void report_dropped_datagrams(const run_state* run);
