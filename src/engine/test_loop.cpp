@@ -1,0 +1,202 @@
+#include "engine/test_loop.h"
+
+#include <arpa/inet.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include "app/cleanup_exit.h"
+#include "app/live_output.h"
+#include "app/signals.h"
+#include "app/test_settings.h"
+#include "engine/clock.h"
+#include "engine/echo_progress.h"
+#include "engine/pacing.h"
+#include "engine/progress_line.h"
+#include "engine/run_records.h"
+#include "net/address_text.h"
+#include "net/receiver.h"
+#include "net/socket_wait.h"
+#include "net/tcp_send.h"
+#include "net/test_socket.h"
+#include "net/transmitter.h"
+#include "report/batch_report.h"
+#include "report/results_files.h"
+#include "report/test_summary.h"
+#include "wire/packet_sizes.h"
+
+namespace {
+
+void derive_sizes(test_settings* settings, run_state* run) {
+  const packet_sizes sizes = sizes_for_carrier(settings->udp != 0, settings->tcp != 0, settings->ip_length);
+  settings->ip_length = sizes.ip_length;
+  settings->payload_length = sizes.payload_length;
+  run->transmit_length = sizes.transmit_length;
+  run->payload_length = sizes.payload_length;
+}
+
+void allocate_packet_table(run_state* run) {
+  run->packet_table_size = packet_table_slots;
+  run->packet_table = static_cast<packet_slot*>(std::calloc(packet_table_slots, sizeof(packet_slot)));
+  if (run->packet_table != nullptr) return;
+  std::fprintf(stderr, "ERROR: Cannot allocate packet buffers.\n");
+  cleanup_exit(1);
+}
+
+void start_run(test_settings* settings, test_stats* stats, run_state* run) {
+  *stats = {};
+  if (settings->remote_run == 0) print_host_range(settings);
+  derive_sizes(settings, run);
+  allocate_packet_table(run);
+  if (settings->process_id == 0) settings->process_id = static_cast<std::uint32_t>(getpid());
+  settings->total_requests = (ntohl(settings->end_host) - ntohl(settings->start_host) + 1) * settings->echo_count;
+  stats->start_time = clock_now();
+  run->last_tx_time = clock_now();
+}
+
+bool another_pass(const test_settings* settings, const run_state* run) {
+  if (run->stop_requested != 0 || stop_signal() != 0) return false;
+  if (is_monitor(settings)) return true;
+  if (run->current_tx__packet >= settings->total_requests) return false;
+  return settings->command_mode == 0 || run->batch < settings->total_requests;
+}
+
+// After a failed send nothing more is due. A command run leaves the socket to the monitor that lent it.
+void end_sending(const test_settings* settings, run_state* run) {
+  if (settings->remote_run == 0) close_data_socket(run);
+  run->current_tx__packet = settings->total_requests;
+}
+
+// In echo mode a TCP connection that takes nothing more ends the release: its answers have to be read first, or both
+// sides would wait for each other to read.
+bool must_read_first(const test_settings* settings, const run_state* run) {
+  return settings->tcp != 0 && settings->ignore_responses == 0 && !has_room_to_send(run->data_socket);
+}
+
+// A release may be long: it ends by itself once the duration is over or a stop signal came.
+void release_packets(std::uint32_t due, test_settings* settings, test_stats* stats, run_state* run,
+                     const command_body* command) {
+  for (; due != 0 && stop_signal() == 0 && !must_read_first(settings, run); --due) {
+    if (send_test_packet(settings, run, stats, command) < 0) {
+      end_sending(settings, run);
+      return;
+    }
+    if (duration_is_over(settings, stats, slot_of(run, run->current_tx__packet - 1)->tx_time)) {
+      run->stop_requested = 1;
+      return;
+    }
+  }
+}
+
+void rest_without_reading(const test_settings* settings, const run_state* run, const test_stats* stats) {
+  if (settings->delay_usec > 1) sleep_usec(settings->delay_usec);
+  flush_output();
+  sched_yield();
+  if (settings->remote_run == 0) print_progress_if_asked(settings, run, stats);
+}
+
+void await_first_sender(test_settings* settings) {
+  settings->process_id = 0;
+  settings->start_host = inet_addr("127.0.0.1");
+}
+
+void start_batch(test_stats* stats, run_state* run) {
+  stats->rx_packets = 0;
+  stats->latency_min = 0;
+  stats->latency_max = 0;
+  stats->latency_sum = 0;
+  stats->late_arrivals = 0;
+  stats->batch_first_seq = -1;
+  stats->batch_last_seq = -1;
+  run->oldest_outstanding = 0;
+  run->last_rx_seq = 0;
+  run->current_tx__packet = 0;
+  run->last_rx_time = 0;
+}
+
+bool keep_receiving(test_settings* settings, test_stats* stats, run_state* run, int status) {
+  if (settings->command_mode != 0) return batch_report(settings, run, stats, status) != 0;
+  if (settings->partner_mode != 0) return true;
+  follow_clock_set_back(clock_now(), run, stats);
+  return echo_progress(settings, run, stats) != 0;
+}
+
+void receive_phase(test_settings* settings, test_stats* stats, run_state* run) {
+  bool keep_going = true;
+  while (keep_going && stop_signal() == 0) {
+    if (settings->partner_mode != 0 && run->data_socket == -1) {
+      accept_test_connection(run);
+      if (stop_signal() != 0) return;
+    }
+    const std::int64_t wait_usec = time_until_next_event(settings, run);
+    const int status = receive_one_frame(settings, run, stats, wait_usec);
+    if (status < 0 && settings->tcp != 0) close_data_socket(run);
+    if (stop_signal() != 0 && settings->command_mode != 0) return;  // the open batch is dropped, not judged
+    keep_going = keep_receiving(settings, stats, run, status);
+  }
+}
+
+void run_one_pass(test_settings* settings, test_stats* stats, run_state* run, const command_body* command) {
+  const std::int64_t now = clock_now();
+  follow_clock_set_back(now, run, stats);
+  if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
+  release_packets(packets_due(settings, run), settings, stats, run, command);
+  if (settings->ignore_responses != 0) {
+    rest_without_reading(settings, run, stats);
+    return;
+  }
+  if (is_monitor(settings) && uses_icmp(settings)) await_first_sender(settings);
+  if (settings->command_mode != 0) start_batch(stats, run);
+  receive_phase(settings, stats, run);
+}
+
+// After a stop signal an echo test sends nothing more, but its outstanding requests are answered or time out.
+void settle_outstanding(test_settings* settings, test_stats* stats, run_state* run) {
+  while (run->oldest_outstanding < run->current_tx__packet) {
+    const std::int64_t wait_usec = time_until_timeout(settings, run);
+    if (receive_one_frame(settings, run, stats, wait_usec) < 0 && settings->tcp != 0) close_data_socket(run);
+    keep_receiving(settings, stats, run, 0);
+  }
+}
+
+// A commander has reported already when its count or its duration ended it; a stop signal, or a batch number that a
+// foreign datagram moved past the end, leaves it to this place. A run cut short asked for no more than it got.
+void report_end(test_settings* settings, const test_stats* stats, const run_state* run) {
+  if (settings->remote_run != 0 || is_monitor(settings)) return;
+  if (settings->command_mode == 0) {
+    print_test_summary(settings, stats);
+    return;
+  }
+  if (stop_signal() != 0) settings->echo_count = run->batch;
+  write_results_files(settings, stats);
+}
+
+void finish_run(test_settings* settings, test_stats* stats, run_state* run) {
+  const bool waits_for_answers = is_echo_mode(settings) && settings->ignore_responses == 0;
+  if (stop_signal() != 0 && waits_for_answers) settle_outstanding(settings, stats, run);
+  stats->end_time = clock_now();
+  std::free(run->packet_table);
+  run->packet_table = nullptr;
+  report_end(settings, stats, run);
+}
+
+}  // namespace
+
+int run_test(test_settings* settings, test_stats* stats, run_state* run, const command_body* command) {
+  start_run(settings, stats, run);
+  while (another_pass(settings, run)) run_one_pass(settings, stats, run, command);
+  finish_run(settings, stats, run);
+  return 0;
+}
+
+void print_host_range(const test_settings* settings) {
+  if (settings->start_host == settings->end_host) {
+    std::fprintf(stderr, "Destination IP = %s\n", address_text(settings->start_host));
+    return;
+  }
+  std::fprintf(stderr, "Start IP= %s  ", address_text(settings->start_host));
+  std::fprintf(stderr, "End IP= %s\n", address_text(settings->end_host));
+}

@@ -1,0 +1,95 @@
+#include "report/batch_report.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+#include "app/test_settings.h"
+#include "engine/clock.h"
+#include "engine/run_records.h"
+#include "net/receiver.h"
+#include "report/batch_line.h"
+#include "report/buffer_consumption.h"
+#include "report/results_files.h"
+#include "report/sample_list.h"
+
+namespace {
+
+constexpr int status_silence = 0;
+constexpr int status_last_packet = 2;
+
+// A figure as a whole number; one that its type cannot hold becomes the nearest that it can.
+template <typename integer>
+integer truncated(double figure) {
+  constexpr double lowest = std::numeric_limits<integer>::min();
+  constexpr double highest = std::numeric_limits<integer>::max();
+  return static_cast<integer>(std::clamp(figure, lowest, highest));
+}
+
+std::int64_t measured_span_usec(const run_state* run, const test_stats* stats) {
+  if (stats->batch_first_seq < 0) return 0;
+  const packet_slot* first = slot_of(run, static_cast<std::uint32_t>(stats->batch_first_seq));
+  const packet_slot* last = slot_of(run, static_cast<std::uint32_t>(stats->batch_last_seq));
+  return usec_between(first->rx_time, last->rx_time);
+}
+
+// n packets received span n - 1 intervals.
+std::int32_t rate_over(std::int64_t span_usec, const run_state* run, const test_stats* stats) {
+  const auto intervals = static_cast<std::int64_t>(stats->rx_packets) - 1;
+  return truncated<std::int32_t>(run->payload_length * 1000.0 * static_cast<double>(intervals) * 8.0 /
+                                 static_cast<double>(span_usec));
+}
+
+batch_judgement judge_batch(const test_settings* settings, const run_state* run, const test_stats* stats) {
+  batch_judgement batch = {};
+  batch.span_usec = measured_span_usec(run, stats);
+  if (batch.span_usec != 0) {
+    batch.rate_kbps = rate_over(batch.span_usec, run, stats);
+  } else {
+    batch.span_usec = settings->command_period_usec;
+  }
+  batch.lost = low32(settings->remote_echoes - static_cast<std::uint32_t>(stats->rx_packets));
+  const auto last_sequence = static_cast<std::uint32_t>(stats->batch_last_seq);
+  batch.bad = stats->batch_first_seq != 0 || last_sequence != settings->remote_echoes - 1;
+  return batch;
+}
+
+void count_batch(const batch_judgement* batch, test_stats* stats) {
+  const auto lost = static_cast<std::uint64_t>(static_cast<std::int64_t>(batch->lost));
+  if (batch->bad) {
+    ++stats->bad_samples;
+    stats->lost_in_bad_samples += lost;
+    return;
+  }
+  sample_list_add(&bandwidth_samples, static_cast<std::uint32_t>(batch->rate_kbps));
+  sample_list_add(&buffer_samples, truncated<std::uint32_t>(stats->buffer_consumption_usec));
+  stats->lost_packets += lost;
+}
+
+void close_batch(test_settings* settings, run_state* run, test_stats* stats) {
+  ++run->batch;
+  compute_buffer_consumption(run, stats, settings);
+  const batch_judgement batch = judge_batch(settings, run, stats);
+  count_batch(&batch, stats);
+  print_batch_line(settings, run, stats, &batch);
+  if (!batch.bad) return;
+  ++settings->total_requests;
+  ++settings->echo_count;
+}
+
+bool test_is_over(const test_settings* settings, const run_state* run) {
+  return run->stop_requested != 0 || settings->echo_count == run->batch;
+}
+
+}  // namespace
+
+int batch_report(test_settings* settings, run_state* run, test_stats* stats, int status) {
+  const bool batch_is_over = status == status_silence || status == status_last_packet;
+  if (status == status_silence) flush_pending_frames(run->data_socket);
+  if (batch_is_over) close_batch(settings, run, stats);
+  if (test_is_over(settings, run)) {
+    write_results_files(settings, stats);
+    return 0;
+  }
+  return batch_is_over ? 0 : 1;
+}
