@@ -1,0 +1,58 @@
+#include "app/program.h"
+
+#include <cstdio>
+
+#include "app/cleanup_exit.h"
+#include "app/live_output.h"
+#include "app/options.h"
+#include "app/signals.h"
+#include "app/test_settings.h"
+#include "app/usage.h"
+#include "app/version.h"
+#include "engine/run_records.h"
+#include "engine/test_loop.h"
+#include "net/test_socket.h"
+#include "wire/remote_command.h"
+
+namespace {
+
+// The compiler takes date and time from SOURCE_DATE_EPOCH where that is set.
+void print_banner() {
+  std::fprintf(stdout, "Vorn version %d.%d, a network test tool for IPv4. MIT licence, no warranty.\n", version_major,
+               version_minor);
+  std::fprintf(stdout, "Built %s at %s\n", __DATE__, __TIME__);
+}
+
+// The command carries both flags set; the commander itself waits for what comes back.
+void prepare_command(test_settings* settings, command_body* command) {
+  if (settings->command_mode == 0) return;
+  build_remote_command(settings, command);
+  settings->ignore_responses = 0;
+  settings->unidirectional = 0;
+}
+
+}  // namespace
+
+int run_program(int argc, char** argv) {
+  set_up_standard_streams();
+  print_banner();
+
+  test_settings settings = {};
+  if (parse_command_line(argc, argv, &settings) != 0) {
+    print_usage(argv[0]);
+    cleanup_exit(1);
+  }
+
+  test_stats stats = {};
+  command_body command = {};
+  prepare_command(&settings, &command);
+  run_state run = {};
+  open_test_socket(&settings, &run);
+  current_run_state = &run;
+  catch_signals(!is_monitor(&settings));
+
+  const int status = run_test(&settings, &stats, &run, &command);
+  report_dropped_datagrams(&run);
+  close_data_socket(&run);
+  return status;
+}
