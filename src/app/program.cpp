@@ -5,6 +5,7 @@
 #include "app/cleanup_exit.h"
 #include "app/live_output.h"
 #include "app/options.h"
+#include "app/privileges.h"
 #include "app/signals.h"
 #include "app/test_settings.h"
 #include "app/usage.h"
@@ -35,6 +36,7 @@ void prepare_command(test_settings* settings, command_body* command) {
 
 int run_program(int argc, char** argv) {
   set_up_standard_streams();
+  become_real_user();
   print_banner();
 
   test_settings settings = {};
@@ -48,6 +50,7 @@ int run_program(int argc, char** argv) {
   prepare_command(&settings, &command);
   run_state run = {};
   open_test_socket(&settings, &run);
+  give_up_privileges();
   current_run_state = &run;
   catch_signals(!is_monitor(&settings));
 

@@ -17,6 +17,7 @@
 
 #include "app/cleanup_exit.h"
 #include "app/live_output.h"
+#include "app/privileges.h"
 #include "app/signals.h"
 #include "app/test_settings.h"
 #include "engine/run_records.h"
@@ -172,7 +173,9 @@ void open_tcp_socket(const test_settings* settings, run_state* run) {
 }
 
 int open_icmp_socket() {
+  raise_raw_socket_privilege();
   const int descriptor = socket_for_select(SOCK_RAW, IPPROTO_ICMP);
+  lower_raw_socket_privilege();
   if (descriptor == -1) {
     std::fprintf(stderr, "Error- Could not allocate socket. (Permissions?)\n");
     cleanup_exit(1);
