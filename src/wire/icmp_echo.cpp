@@ -52,7 +52,7 @@ void write_icmp_echo(const icmp_echo* echo, std::uint8_t* frame) {
 
 bool locate_icmp(std::span<const std::uint8_t> datagram, icmp_datagram* parts) {
   if (datagram.size() < ipv4_header_bytes) return false;
-  const std::size_t header_bytes = (datagram[0] & 0x0FU) * 4U;
+  const auto header_bytes = std::size_t{4} * (datagram[0] & 0x0FU);
   if (header_bytes < ipv4_header_bytes || datagram.size() < header_bytes + icmp_header_bytes) return false;
   parts->source = read_raw32(datagram.data() + ipv4_source_offset);
   parts->icmp = datagram.subspan(header_bytes);
