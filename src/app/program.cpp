@@ -12,6 +12,7 @@
 #include "app/version.h"
 #include "engine/run_records.h"
 #include "engine/test_loop.h"
+#include "net/socket_wait.h"
 #include "net/test_socket.h"
 #include "wire/remote_command.h"
 
@@ -52,6 +53,7 @@ int run_program(int argc, char** argv) {
   open_test_socket(&settings, &run);
   give_up_privileges();
   current_run_state = &run;
+  ask_for_exact_waits();
   catch_signals(!is_monitor(&settings));
 
   const int status = run_test(&settings, &stats, &run, &command);

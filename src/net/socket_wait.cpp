@@ -1,5 +1,6 @@
 #include "net/socket_wait.h"
 
+#include <sys/prctl.h>
 #include <sys/select.h>
 
 #include <algorithm>
@@ -52,6 +53,11 @@ wait_result wait_on_socket(int socket, wait_for event, std::int64_t* left_usec) 
     }
     if (is_in_set(socket, &readable) || is_in_set(socket, &writable)) return wait_result::ready;
   }
+}
+
+void ask_for_exact_waits() {
+  constexpr unsigned long shortest_slack_nsec = 1;
+  prctl(PR_SET_TIMERSLACK, shortest_slack_nsec);
 }
 
 void sleep_usec(std::int64_t usec) {

@@ -17,5 +17,9 @@ enum class wait_result : std::uint8_t {
 // nobody asked to note do not end it. Writes out what was printed before it waits.
 [[nodiscard]] wait_result wait_on_socket(int socket, wait_for event, std::int64_t* left_usec);
 
+// Asks the kernel to end every wait as close to its time as it can, instead of up to 50 usec later so that wake-ups can
+// be shared (PR_SET_TIMERSLACK in prctl(2)). Needs no privilege.
+void ask_for_exact_waits();
+
 // Sleeps for `usec`; a stop signal ends it, any other leaves it as long as it was.
 void sleep_usec(std::int64_t usec);
