@@ -57,7 +57,7 @@ int run_program(int argc, char** argv) {
   catch_signals(!is_monitor(&settings));
 
   const int status = run_test(&settings, &stats, &run, &command);
-  report_dropped_datagrams(&run);
+  report_dropped_datagrams(&settings, &run);
   close_data_socket(&run);
   return status;
 }

@@ -240,10 +240,10 @@ void close_data_socket(run_state* run) {
   run->data_socket = -1;
 }
 
-void report_dropped_datagrams(const run_state* run) {
+void report_dropped_datagrams(const test_settings* settings, const run_state* run) {
   std::array<std::uint32_t, SK_MEMINFO_VARS> figures = {};
   socklen_t length = sizeof figures;
-  if (run->data_socket < 0) return;
+  if (settings->tcp != 0) return;
   if (getsockopt(run->data_socket, SOL_SOCKET, SO_MEMINFO, figures.data(), &length) != 0) return;
   if (figures[SK_MEMINFO_DROPS] == 0) return;
   std::fprintf(stderr, "Note: %d datagrams were dropped by this host's receive buffer (%d bytes)\n",
