@@ -88,7 +88,7 @@ def test_batches_are_read_from_every_style_of_line(read):
                          + short_line(3, "*", 48, 12345.6, COLUMNS, COLUMNS) + "    4:*** Rx 1, Lost 49\n" + labels
                          + short_line(50, " ", 51, 0.0) + verbose_line(51, "*", 5, 47.2, COLUMNS)
                          + verbose_line(52, " ", 0, 48.0, "").rstrip()
-                         + f"\n   53:*{GRAPH}   53:*** Rx 0, Lost 50\nTest complete!\n" + "    1:*** Rx 1, Lost 0\n" * 2)
+                         + f"\n   53:*{GRAPH}   53:*** Rx 0, Lost 50\n\n" + "    1:*** Rx 1, Lost 0\n" * 2)
     assert [(b.number, b.bad, b.received, b.rate, b.buffer) for b in first.items] == [
         (2, False, 49, 94.1, 1.5), (3, True, 48, 12345.6, 1.5), (4, True, 1, None, None), (50, False, 51, 0.0, 1.5),
         (51, True, 45, 47.2, 2.5), (52, False, 50, 48.0, 2.5), (53, True, 0, None, None)]
