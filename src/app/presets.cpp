@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr std::uint32_t unlimited_count = 0x7fffffff;
 constexpr std::uint16_t server_local_port = 8004;
 constexpr std::uint16_t server_remote_port = 8003;
 

@@ -50,11 +50,11 @@ int run_program(int argc, char** argv) {
   command_body command = {};
   prepare_command(&settings, &command);
   run_state run = {};
+  catch_signals(!is_monitor(&settings));
   open_test_socket(&settings, &run);
   give_up_privileges();
   current_run_state = &run;
   ask_for_exact_waits();
-  catch_signals(!is_monitor(&settings));
 
   const int status = run_test(&settings, &stats, &run, &command);
   report_dropped_datagrams(&settings, &run);

@@ -13,6 +13,8 @@ namespace {
 
 constexpr std::array<int, 3> stop_signals = {SIGINT, SIGTERM, SIGHUP};
 
+std::array<bool, stop_signals.size()> is_caught = {};
+
 volatile std::sig_atomic_t noted_stop_signal = 0;
 volatile std::sig_atomic_t progress_requested = 0;
 int wake_descriptor = -1;
@@ -27,7 +29,9 @@ void wake_the_wait() {
 void note_stop_signal(int signal_number) {
   const int saved_errno = errno;
   noted_stop_signal = signal_number;
-  for (const int each : stop_signals) std::signal(each, SIG_DFL);
+  for (std::size_t i = 0; i < stop_signals.size(); ++i) {
+    if (is_caught[i]) std::signal(stop_signals[i], SIG_DFL);
+  }
   wake_the_wait();
   errno = saved_errno;
 }
@@ -39,14 +43,17 @@ void note_progress_request(int /*signal_number*/) {
   errno = saved_errno;
 }
 
-void catch_unless_ignored(int signal_number, void (*handler)(int)) {
+// Interrupted calls are restarted, or a write of standard output that waits for a slow pipe would lose its lines;
+// select is never restarted (signal(7)), and it is where the program waits.
+bool catch_unless_ignored(int signal_number, void (*handler)(int)) {
   struct sigaction action = {};
-  if (sigaction(signal_number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) return;
+  if (sigaction(signal_number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) return false;
   action = {};
   action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
   sigemptyset(&action.sa_mask);
   for (const int each : stop_signals) sigaddset(&action.sa_mask, each);
-  sigaction(signal_number, &action, nullptr);
+  return sigaction(signal_number, &action, nullptr) == 0;
 }
 
 }  // namespace
@@ -57,7 +64,9 @@ void catch_signals(bool progress_on_quit) {
     close(wake_descriptor);
     wake_descriptor = -1;
   }
-  for (const int each : stop_signals) catch_unless_ignored(each, note_stop_signal);
+  for (std::size_t i = 0; i < stop_signals.size(); ++i) {
+    is_caught[i] = catch_unless_ignored(stop_signals[i], note_stop_signal);
+  }
   if (progress_on_quit) catch_unless_ignored(SIGQUIT, note_progress_request);
 }
 

@@ -8,6 +8,9 @@
 #include <cstdint>
 #include <type_traits>
 
+inline constexpr std::uint32_t unlimited_count = 0x7fffffff;   // -e without a number
+inline constexpr std::uint32_t largest_remote_echoes = 65536;  // packets of one command
+
 // Flags hold 0 or 1. Addresses and ports are in network byte order, everything else in host byte order.
 struct test_settings {
   std::uint32_t max_outstanding;      // window: requests that may await an answer at once, 1 to 65534

@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <limits>
 
 std::int64_t ticks_per_second = 0;
 
@@ -24,6 +25,10 @@ std::int64_t usec_between(std::int64_t earlier, std::int64_t later) {
   return std::max<std::int64_t>(ticks_to_usec(later - earlier), 0);
 }
 
+int usec_as_int(std::int64_t usec) {
+  return static_cast<int>(std::min<std::int64_t>(usec, std::numeric_limits<int>::max()));
+}
+
 double usec_to_seconds(std::int64_t usec) {
-  return static_cast<double>(usec) / 1000000.0;
+  return static_cast<double>(usec) / static_cast<double>(usec_per_second);
 }

@@ -17,5 +17,8 @@ inline constexpr std::int64_t usec_per_second = 1000000;
 // Microseconds from one clock reading to a later one, both in ticks; 0 when the clock was set back in between.
 [[nodiscard]] std::int64_t usec_between(std::int64_t earlier, std::int64_t later);
 
+// Microseconds as the int that "%d" prints; more than it holds becomes the largest.
+[[nodiscard]] int usec_as_int(std::int64_t usec);
+
 // Microseconds as seconds, for printing.
 [[nodiscard]] double usec_to_seconds(std::int64_t usec);

@@ -16,10 +16,7 @@ void settle_if_timed_out(const test_settings* settings, packet_slot* slot, test_
   if (slot->outstanding == 0) return;
   const std::int64_t now = clock_now();
   if (usec_between(slot->tx_time, now) < settings->timeout_usec) return;
-  slot->outstanding = 0;
-  slot->responder = 0;
-  slot->response_type = icmp_echo_reply;
-  slot->rx_time = now;
+  settle_slot(slot, icmp_echo_reply, 0, now);
   ++stats->lost_packets;
 }
 

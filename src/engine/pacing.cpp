@@ -33,6 +33,12 @@ std::int64_t usec_until_timeout(const test_settings* settings, const run_state* 
   return oldest->outstanding != 0 ? timeout - usec_between(oldest->tx_time, now) : timeout;
 }
 
+// An answer may have come before the step or after it; what lies in the future came before.
+void move_slot_back(packet_slot* slot, std::int64_t step, std::int64_t now) {
+  if (slot->outstanding != 0 || slot->tx_time > now) slot->tx_time -= step;
+  if (slot->rx_time > now) slot->rx_time -= step;
+}
+
 }  // namespace
 
 std::uint32_t packets_due(const test_settings* settings, run_state* run) {
@@ -88,9 +94,9 @@ void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats) 
   if (step <= 0) return;
   stats->start_time -= step;
   run->last_tx_time -= step;
-  const std::uint32_t in_table = std::min(run->current_tx__packet - run->oldest_outstanding, run->packet_table_size);
-  for (std::uint32_t back = 1; back <= in_table; ++back) {
-    packet_slot* slot = slot_of(run, run->current_tx__packet - back);
-    if (slot->outstanding != 0) slot->tx_time -= step;
-  }
+  if (run->current_tx__packet == 0) return;
+  const std::uint32_t unreported = run->current_tx__packet - run->oldest_outstanding;
+  const std::uint32_t slots = std::clamp(unreported, 1U, run->packet_table_size);
+  for (std::uint32_t back = 1; back <= slots; ++back)
+    move_slot_back(slot_of(run, run->current_tx__packet - back), step, now);
 }

@@ -24,6 +24,6 @@ struct test_stats;
 [[nodiscard]] bool duration_is_over(const test_settings* settings, const test_stats* stats, std::int64_t now);
 
 // When `now` (ticks) shows that the clock was set back behind the last release, moves the stored times of the run back
-// with it, as far as they are still compared with the present: otherwise nothing would be due, and nothing time out,
-// until the clock has caught up again.
+// with it: the start, the release, the requests not yet reported and the newest one, which the next waits for.
+// Otherwise nothing would be due, and nothing time out, until the clock has caught up again.
 void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats);

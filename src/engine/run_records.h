@@ -63,6 +63,14 @@ inline packet_slot* slot_of(const run_state* run, std::uint32_t sequence) {
   return &run->packet_table[sequence & (run->packet_table_size - 1)];
 }
 
+// Settles a request: answered by `responder`, or lost when that is 0. `time` is in ticks.
+inline void settle_slot(packet_slot* slot, std::uint8_t response_type, std::uint32_t responder, std::int64_t time) {
+  slot->outstanding = 0;
+  slot->response_type = response_type;
+  slot->responder = responder;
+  slot->rx_time = time;
+}
+
 // A 64-bit counter as the signed 32-bit number that "%d" prints.
 constexpr std::int32_t low32(std::uint64_t counter) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(counter));

@@ -2,8 +2,10 @@
 
 #include <arpa/inet.h>
 #include <sched.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -29,6 +31,8 @@
 #include "wire/packet_sizes.h"
 
 namespace {
+
+constexpr std::int64_t full_connection_wait_usec = 1000;
 
 void derive_sizes(test_settings* settings, run_state* run) {
   const packet_sizes sizes = sizes_for_carrier(settings->udp != 0, settings->tcp != 0, settings->ip_length);
@@ -64,9 +68,14 @@ bool another_pass(const test_settings* settings, const run_state* run) {
   return settings->command_mode == 0 || run->batch < settings->total_requests;
 }
 
-// After a failed send nothing more is due. A command run leaves the socket to the monitor that lent it.
+// After a failed send nothing more is due. A command run leaves closing to the monitor that lent the socket, which
+// finds the connection ended at its next read: half a message would shift everything behind it.
 void end_sending(const test_settings* settings, run_state* run) {
-  if (settings->remote_run == 0) close_data_socket(run);
+  if (settings->remote_run != 0) {
+    shutdown(run->data_socket, SHUT_RDWR);
+  } else {
+    close_data_socket(run);
+  }
   run->current_tx__packet = settings->total_requests;
 }
 
@@ -76,26 +85,38 @@ bool must_read_first(const test_settings* settings, const run_state* run) {
   return settings->tcp != 0 && settings->ignore_responses == 0 && !has_room_to_send(run->data_socket);
 }
 
+enum class release_end : std::uint8_t { complete, connection_is_full };
+
 // A release may be long: it ends by itself once the duration is over or a stop signal came.
-void release_packets(std::uint32_t due, test_settings* settings, test_stats* stats, run_state* run,
-                     const command_body* command) {
-  for (; due != 0 && stop_signal() == 0 && !must_read_first(settings, run); --due) {
+release_end release_packets(std::uint32_t due, test_settings* settings, test_stats* stats, run_state* run,
+                            const command_body* command) {
+  for (; due != 0 && stop_signal() == 0; --due) {
+    if (must_read_first(settings, run)) return release_end::connection_is_full;
     if (send_test_packet(settings, run, stats, command) < 0) {
       end_sending(settings, run);
-      return;
+      break;
     }
+    print_progress_if_asked(settings, run, stats);
     if (duration_is_over(settings, stats, slot_of(run, run->current_tx__packet - 1)->tx_time)) {
       run->stop_requested = 1;
-      return;
+      break;
     }
+  }
+  return release_end::complete;
+}
+
+// The pause of a test that never reads; a stop signal ends it.
+void pause(const test_settings* settings, const run_state* run, const test_stats* stats) {
+  std::int64_t left_usec = settings->delay_usec;
+  while (stop_signal() == 0 && wait_on_socket(-1, wait_for::readable, &left_usec) == wait_result::signalled) {
+    print_progress_if_asked(settings, run, stats);
   }
 }
 
 void rest_without_reading(const test_settings* settings, const run_state* run, const test_stats* stats) {
-  if (settings->delay_usec > 1) sleep_usec(settings->delay_usec);
+  if (settings->delay_usec > 1) pause(settings, run, stats);
   flush_output();
   sched_yield();
-  if (settings->remote_run == 0) print_progress_if_asked(settings, run, stats);
 }
 
 void await_first_sender(test_settings* settings) {
@@ -124,15 +145,17 @@ bool keep_receiving(test_settings* settings, test_stats* stats, run_state* run, 
   return echo_progress(settings, run, stats) != 0;
 }
 
-void receive_phase(test_settings* settings, test_stats* stats, run_state* run) {
+// `shortest_wait_usec` keeps a test that cannot send from asking again without a pause.
+void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, test_stats* stats, run_state* run) {
   bool keep_going = true;
   while (keep_going && stop_signal() == 0) {
     if (settings->partner_mode != 0 && run->data_socket == -1) {
       accept_test_connection(run);
       if (stop_signal() != 0) return;
     }
-    const std::int64_t wait_usec = time_until_next_event(settings, run);
+    const std::int64_t wait_usec = std::max(time_until_next_event(settings, run), shortest_wait_usec);
     const int status = receive_one_frame(settings, run, stats, wait_usec);
+    print_progress_if_asked(settings, run, stats);
     if (status < 0 && settings->tcp != 0) close_data_socket(run);
     if (stop_signal() != 0 && settings->command_mode != 0) return;  // the open batch is dropped, not judged
     keep_going = keep_receiving(settings, stats, run, status);
@@ -143,14 +166,14 @@ void run_one_pass(test_settings* settings, test_stats* stats, run_state* run, co
   const std::int64_t now = clock_now();
   follow_clock_set_back(now, run, stats);
   if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
-  release_packets(packets_due(settings, run), settings, stats, run, command);
+  const release_end released = release_packets(packets_due(settings, run), settings, stats, run, command);
   if (settings->ignore_responses != 0) {
     rest_without_reading(settings, run, stats);
     return;
   }
   if (is_monitor(settings) && uses_icmp(settings)) await_first_sender(settings);
   if (settings->command_mode != 0) start_batch(stats, run);
-  receive_phase(settings, stats, run);
+  receive_phase(released == release_end::complete ? 0 : full_connection_wait_usec, settings, stats, run);
 }
 
 // After a stop signal an echo test sends nothing more, but its outstanding requests are answered or time out.

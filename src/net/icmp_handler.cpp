@@ -14,13 +14,6 @@
 
 namespace {
 
-void settle_slot(packet_slot* slot, std::uint8_t response_type, std::uint32_t responder) {
-  slot->rx_time = clock_now();
-  slot->response_type = response_type;
-  slot->outstanding = 0;
-  slot->responder = responder;
-}
-
 // Echo requests to one host come back in order, so a reply that overtakes older requests tells that they are lost.
 // Requests below the report cursor are settled already; until the window has filled once, nothing is declared lost.
 void declare_overtaken_lost(const test_settings* settings, test_stats* stats, const run_state* run,
@@ -32,7 +25,7 @@ void declare_overtaken_lost(const test_settings* settings, test_stats* stats, co
     packet_slot* slot = slot_of(run, sequence);
     if (slot == answered) return;
     if (slot->outstanding == 0) continue;
-    settle_slot(slot, icmp_echo_reply, 0);
+    settle_slot(slot, icmp_echo_reply, 0, clock_now());
     ++stats->lost_packets;
   }
 }
@@ -48,7 +41,7 @@ int settle_echo_reply(const icmp_echo* echo, std::uint32_t source, const test_se
     ++stats->late_responses;
     return 0;
   }
-  settle_slot(slot, echo->type, source);
+  settle_slot(slot, echo->type, source, clock_now());
   ++stats->rx_packets;
   declare_overtaken_lost(settings, stats, run, slot);
   return 1;
@@ -63,7 +56,7 @@ int settle_quoted_request(const icmp_datagram* parts, const test_settings* setti
   packet_slot* slot = slot_of(run, quoted.sequence);
   if (slot->outstanding == 0) return 0;
   ++stats->rx_packets;
-  settle_slot(slot, parts->icmp[0], parts->source);
+  settle_slot(slot, parts->icmp[0], parts->source, clock_now());
   return 1;
 }
 
@@ -78,7 +71,7 @@ void lock_monitor(const icmp_echo* echo, std::uint32_t source, test_settings* se
 void check_stream_gap(std::int64_t gap_usec, const test_settings* settings, test_stats* stats) {
   if (gap_usec <= settings->timeout_usec) return;
   if (settings->remote_run == 0) {
-    std::fprintf(stderr, "Error- packet arrived %d usecs from last one\n", static_cast<std::int32_t>(gap_usec));
+    std::fprintf(stderr, "Error- packet arrived %d usecs from last one\n", usec_as_int(gap_usec));
   }
   ++stats->late_arrivals;
 }

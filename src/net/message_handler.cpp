@@ -43,7 +43,7 @@ void adopt_partner(const test_header* header, test_settings* settings, run_state
 }
 
 void send_reply_on_connection(int socket, std::size_t length) {
-  if (send_all(socket, {reply_buffer.data(), length}, when_stalled::give_up) == length) return;
+  if (send_all(socket, {reply_buffer.data(), length}, give_up_on_stuck_peer) == length) return;
   // Half a reply would shift every message behind it: end the connection, and the next read finds it ended.
   shutdown(socket, SHUT_RDWR);
 }
@@ -76,10 +76,7 @@ void send_echo_reply(const test_header* request, sender_address sender, std::siz
 void settle_answered_request(const test_header* header, std::uint32_t source, test_stats* stats, const run_state* run) {
   packet_slot* slot = slot_of(run, header->sequence);
   if (slot->outstanding == 0) return;
-  slot->rx_time = clock_now();
-  slot->response_type = icmp_echo_reply;
-  slot->outstanding = 0;
-  slot->responder = source;
+  settle_slot(slot, icmp_echo_reply, source, clock_now());
   ++stats->rx_packets;
 }
 
@@ -105,7 +102,7 @@ void account_gap(const test_header* header, std::int64_t gap_usec, const test_se
   if (gap_usec <= settings->timeout_usec) return;
   if (settings->remote_run == 0) {
     std::fprintf(stderr, "Error- packet %d:%d arrived %d usecs from last one\n", low32(header->batch),
-                 low32(header->sequence), static_cast<std::int32_t>(gap_usec));
+                 low32(header->sequence), usec_as_int(gap_usec));
   }
   ++stats->late_arrivals;
 }

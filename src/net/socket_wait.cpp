@@ -59,9 +59,3 @@ void ask_for_exact_waits() {
   constexpr unsigned long shortest_slack_nsec = 1;
   prctl(PR_SET_TIMERSLACK, shortest_slack_nsec);
 }
-
-void sleep_usec(std::int64_t usec) {
-  while (wait_on_socket(-1, wait_for::readable, &usec) == wait_result::signalled) {
-    if (stop_signal() != 0) return;
-  }
-}

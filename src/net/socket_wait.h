@@ -20,6 +20,3 @@ enum class wait_result : std::uint8_t {
 // Asks the kernel to end every wait as close to its time as it can, instead of up to 50 usec later so that wake-ups can
 // be shared (PR_SET_TIMERSLACK in prctl(2)). Needs no privilege.
 void ask_for_exact_waits();
-
-// Sleeps for `usec`; a stop signal ends it, any other leaves it as long as it was.
-void sleep_usec(std::int64_t usec);

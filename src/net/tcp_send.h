@@ -5,17 +5,19 @@
 #include <cstdint>
 #include <span>
 
-// What to do while the connection takes no more bytes.
-enum class when_stalled : std::uint8_t {
-  wait,           // for as long as it takes
-  discard_input,  // wait, and throw away what the peer sent: it may be stuck on sending to us, who never read
-  give_up,        // after 10 seconds: a peer that does not read must not hold a monitor
+// What holds while the connection takes no more bytes.
+struct stall_rules {
+  std::int64_t longest_usec;  // how long that may last
+  bool discard_input;         // throw away what the peer sent: it may be stuck on sending to us, who never read
 };
 
-// Sends `bytes` whole. Returns how many went out: fewer than given when the connection failed, was given up, or a stop
-// signal came while it was stalled.
-[[nodiscard]] std::size_t send_all(int socket, std::span<const std::uint8_t> bytes, when_stalled policy);
+// For a monitor: a peer that does not read must not hold it.
+inline constexpr stall_rules give_up_on_stuck_peer = {.longest_usec = 10000000, .discard_input = false};
 
-// True when the connection takes a whole message now: select calls a TCP socket writable when a third of its send
-// buffer is free (tcp(7)). True as well for a closed socket, so that the send that follows reports it.
+// Sends `bytes` whole. Returns how many went out: fewer than given when the connection failed, stalled for too long, or
+// a stop signal came while it was stalled.
+[[nodiscard]] std::size_t send_all(int socket, std::span<const std::uint8_t> bytes, stall_rules rules);
+
+// True when the connection takes a whole message now: Linux calls a TCP socket writable while at least a third of its
+// send buffer is free. True as well for a closed socket, so that the send that follows reports it.
 [[nodiscard]] bool has_room_to_send(int socket);

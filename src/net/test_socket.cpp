@@ -16,7 +16,6 @@
 #include <cstdio>
 
 #include "app/cleanup_exit.h"
-#include "app/live_output.h"
 #include "app/privileges.h"
 #include "app/signals.h"
 #include "app/test_settings.h"
@@ -28,7 +27,7 @@ namespace {
 
 constexpr int buffer_bytes = 1048576;
 constexpr int listen_backlog = 5;
-constexpr std::int64_t accept_slice_usec = 1000000;
+constexpr std::int64_t connection_slice_usec = 1000000;
 
 // A vanished peer is found out within about two minutes of silence.
 constexpr int keepalive_idle_sec = 60;
@@ -119,14 +118,18 @@ int open_udp_socket(const test_settings* settings) {
   return descriptor;
 }
 
+// Connects without blocking, so that a stop signal ends the wait for a silent host.
 bool connect_to(int socket, std::uint32_t address, std::uint16_t port) {
-  flush_output();
   const sockaddr_in remote = socket_address(address, port);
+  if (fcntl(socket, F_SETFL, O_NONBLOCK) != 0) return false;
   if (connect(socket, reinterpret_cast<const sockaddr*>(&remote), sizeof remote) == 0) return true;
-  if (errno != EINTR) return false;
-  // An interrupted connect goes on by itself (connect(2)): it is done when the socket can be written.
-  std::int64_t slice_usec = accept_slice_usec;
-  while (wait_on_socket(socket, wait_for::writable, &slice_usec) != wait_result::ready) slice_usec = accept_slice_usec;
+  if (errno != EINPROGRESS && errno != EINTR) return false;
+  wait_result result = wait_result::elapsed;
+  while (result == wait_result::elapsed || result == wait_result::signalled) {
+    if (stop_signal() != 0) cleanup_exit(0);
+    std::int64_t slice_usec = connection_slice_usec;
+    result = wait_on_socket(socket, wait_for::writable, &slice_usec);
+  }
   int error = 0;
   socklen_t length = sizeof error;
   return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
@@ -224,7 +227,7 @@ void open_test_socket(const test_settings* settings, run_state* run) {
 void accept_test_connection(run_state* run) {
   if (run->listen_socket <= 0) end_without_connection();
   while (stop_signal() == 0) {
-    std::int64_t slice_usec = accept_slice_usec;
+    std::int64_t slice_usec = connection_slice_usec;
     if (wait_on_socket(run->listen_socket, wait_for::readable, &slice_usec) != wait_result::ready) continue;
     const int connection = accept4(run->listen_socket, nullptr, nullptr, SOCK_CLOEXEC);
     if (connection == -1 && (errno == EINTR || errno == ECONNABORTED || errno == EAGAIN)) continue;

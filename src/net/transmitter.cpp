@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
+#include "app/signals.h"
 #include "app/test_settings.h"
 #include "engine/clock.h"
 #include "engine/run_records.h"
@@ -70,6 +72,11 @@ const packet_slot* arm_slot(const test_settings* settings, const run_state* run,
   return slot;
 }
 
+// What is sent from this buffer next may be a stream that a peer commanded.
+void clear_command_from_buffer() {
+  std::fill_n(transmit_buffer.data() + test_header_bytes, sizeof(command_body), std::uint8_t{0});
+}
+
 // The monitor answers a command with packets numbered from 0: each gets its slot.
 void arm_stream_slots(const test_settings* settings, const run_state* run) {
   for (std::uint32_t sequence = 0; sequence < settings->remote_echoes; ++sequence) arm_slot(settings, run, sequence);
@@ -82,14 +89,26 @@ void set_ttl_of_hop(const test_settings* settings, const run_state* run) {
   std::fprintf(stderr, "ERROR: Could not set TTL for outbound request. Permissions?\n");
 }
 
-when_stalled stall_policy(const test_settings* settings) {
-  if (settings->remote_run != 0) return when_stalled::give_up;
-  return settings->ignore_responses != 0 ? when_stalled::discard_input : when_stalled::wait;
+// A test with a duration does not outlast it on a connection that takes nothing.
+std::int64_t time_left_usec(const test_settings* settings, const test_stats* stats) {
+  if (settings->duration_sec == 0) return std::numeric_limits<std::int64_t>::max();
+  return settings->duration_sec * usec_per_second - usec_between(stats->start_time, clock_now());
 }
 
-bool send_on_connection(const test_settings* settings, const run_state* run, std::uint32_t length) {
-  const std::size_t sent = send_all(run->data_socket, {transmit_buffer.data(), length}, stall_policy(settings));
+stall_rules rules_of_run(const test_settings* settings, const test_stats* stats) {
+  if (settings->remote_run != 0) return give_up_on_stuck_peer;
+  return {.longest_usec = time_left_usec(settings, stats), .discard_input = settings->ignore_responses != 0};
+}
+
+bool test_ended_meanwhile(const test_settings* settings, const test_stats* stats) {
+  return stop_signal() != 0 || time_left_usec(settings, stats) <= 0;
+}
+
+bool send_on_connection(const test_settings* settings, const run_state* run, const test_stats* stats,
+                        std::uint32_t length) {
+  const std::size_t sent = send_all(run->data_socket, {transmit_buffer.data(), length}, rules_of_run(settings, stats));
   if (sent == length) return true;
+  if (test_ended_meanwhile(settings, stats)) return false;
   std::fprintf(stdout, "Err- could not send %d bytes. Sent %d bytes\n", static_cast<int>(length - sent),
                static_cast<int>(sent));
   return false;
@@ -133,12 +152,15 @@ int send_test_packet(test_settings* settings, run_state* run, test_stats* stats,
 
   if (uses_icmp(settings) || settings->udp != 0) {
     send_datagram(settings, run, length);
-  } else if (!send_on_connection(settings, run, length)) {
+  } else if (!send_on_connection(settings, run, stats, length)) {
     return -1;
   }
 
   ++stats->tx_packets;
-  if (settings->command_mode != 0) arm_stream_slots(settings, run);
+  if (settings->command_mode != 0) {
+    clear_command_from_buffer();
+    arm_stream_slots(settings, run);
+  }
   ++run->current_tx__packet;
   move_on_in_sweep(settings, run);
   return 0;

@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr std::uint32_t largest_stream_packets = 65536;
-
 constexpr std::array<std::uint32_t test_settings::*, 13> network_order_fields = {
     &test_settings::max_outstanding,
     &test_settings::total_requests,
@@ -35,7 +33,7 @@ void bound_command(test_settings* command, const test_settings* own) {
   command->udp = own->udp;
   command->tcp = own->tcp;
   command->delay_usec = std::max(command->delay_usec, 1U);
-  command->echo_count = std::min(command->echo_count, largest_stream_packets);
+  command->echo_count = std::min(command->echo_count, largest_remote_echoes);
   command->duration_sec = 0;
 }
 

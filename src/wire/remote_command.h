@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 
 #include "app/test_settings.h"
 #include "wire/test_message.h"
