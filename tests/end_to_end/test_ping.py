@@ -1,0 +1,172 @@
+"""Echo mode over ICMP: what each kind of answer, or its absence, does to the lines, the counts and the pacing."""
+import re
+import struct
+
+import pytest
+
+from lab import HOST, LOOPBACK, checksum, error, received, reply, shape, summary, timed_out, unexpected
+
+LOST = []
+BAD_CHECKSUM = "Error: Received ICMP message with bad ICMP checksum\n"
+
+
+def test_output_and_frames_of_a_plain_ping(lab):
+    for option, length in (("-l0", 8), ("-l29", 9), ("-l1499", 1479), ("-q0x20", 8)):
+        run, peer = lab.ping({}, HOST, "-d5000", "-T5000000", option)
+        assert shape(run.body) == "".join(map(received, range(3))) + summary(3, 3)
+        assert (run.err, run.status) == (f"Destination IP = {HOST}\nCleanup exit\n", 0)
+        for sequence, packet in enumerate(peer.packets):
+            assert (packet.destination, packet.type, packet.code) == (HOST, 8, 0)
+            assert packet.message[4:8] == struct.pack("=H", run.pid & 0xFFFF) + struct.pack(">H", sequence)
+            assert packet.message[8:] == bytes(length - 8) and checksum(packet.message) == 0
+            assert packet.tos == (0x20 if option == "-q0x20" else 0)
+        assert len(peer.packets) == 3
+
+    run = lab.run(LOOPBACK, "-l65535", "-d0", "-T5000000")  # our own kernel answers, in one frame as large as any
+    assert shape(run.body) == "".join(received(i, LOOPBACK) for i in range(3)) + summary(3, 3)
+
+
+def test_figures_of_the_summary_agree(lab):
+    run, _ = lab.ping({1: [reply(0.05)], 2: LOST}, HOST, "-e4", "-d20000", "-T400000", "-l528")
+    pattern = r"In +([\d.]+)s.*\n +([\d.]+) tx/s, +([\d.]+) rx/s\nIP data rate +([\d.]+)KB/s, +([\d.]+)Kb/s\n" \
+              r"Min = +([\d.]+), Max = +([\d.]+), Avg = +([\d.]+), "
+    seconds, sent, answered, kilobytes, kilobits, least, most, mean = map(float, re.search(pattern, run.body).groups())
+    times = [float(time) for time in re.findall(r"in +([\d.]+)s from", run.body)]
+    assert seconds >= 0.42 and float(re.search(r"TIMEOUT in +([\d.]+)s", run.body)[1]) >= 0.42  # time-out and delay
+    assert sent == pytest.approx(4 / seconds, abs=0.001) and answered == pytest.approx(3 / seconds, abs=0.001)
+    assert kilobytes == pytest.approx(7 / seconds * 500 / 1000, abs=0.001)
+    assert kilobits == pytest.approx(7 / seconds * 500 * 8 / 1000, abs=0.001)
+    assert (least, most) == (min(times), max(times)) and most >= 0.05
+    assert mean == pytest.approx(sum(times) / 3, abs=0.000002)
+
+
+# A window of one: request 2 goes out when 1 is settled, so what answers 2 ahead of its own reply is late for 1.
+# A row: the answers to request 1, those ahead of the reply to 2, options, lines between requests 0 and 2, errors.
+ODD_ANSWERS = {
+    "lost": (LOST, [], [], timed_out(1), ""),
+    "late": (LOST, [reply(sequence=1)], [], timed_out(1) + unexpected(1), ""),
+    "late, no time-out lines": (LOST, [reply(sequence=1)], ["-m"], "", ""),
+    "late, no reception lines": (LOST, [reply(sequence=1)], ["-s"], timed_out(1) + unexpected(1), ""),
+    "twice": ([reply()], [reply(sequence=1)], [], received(1) + unexpected(1), ""),
+    "never asked for": ([reply(sequence=700), reply()], [], [], unexpected(700) + received(1), ""),
+    "one bit wrong": ([reply(spoil=0x0100)], [], [], timed_out(1), BAD_CHECKSUM),
+    "wrong, then right": ([reply(spoil=1), reply()], [], [], received(1), BAD_CHECKSUM),
+    "another identifier": ([reply(identifier=0)], [], [], timed_out(1), ""),
+    "IP options": ([reply(options=b"\x01" * 40)], [], [], received(1), ""),
+    "another host": ([reply(source="10.9.8.7")], [], [], received(1, "10.9.8.7"), ""),
+    "payload cut off": ([reply(length=8)], [], [], received(1), ""),
+    "shorter than its header": ([reply(length=7)], [], [], timed_out(1), ""),
+}
+
+
+@pytest.mark.parametrize("row", ODD_ANSWERS)
+def test_odd_answers(lab, row):
+    answers, ahead, options, lines, errors = ODD_ANSWERS[row]
+    patience = "-T400000" if "TIMEOUT" in lines or "-m" in options else "-T5000000"
+    run, _ = lab.ping({1: answers, 2: [*ahead, reply()]}, HOST, "-l40", "-d5000", patience, *options)
+    first, last = ("", "") if "-s" in options else (received(0), received(2))
+    settled = 2 if "TIMEOUT" in lines or "-m" in options else 3
+    assert shape(run.body) == first + lines + last + summary(3, settled)
+    assert (run.err, run.status) == (f"Destination IP = {HOST}\n{errors}Cleanup exit\n", 0)
+
+
+def test_answers_out_of_order_overtake_on_one_host_but_not_in_a_sweep(lab):
+    hosts = [HOST, HOST, "10.9.0.3", "10.9.0.3"]
+    script = {0: LOST, 1: LOST, 2: LOST, 3: [reply(sequence=i, source=hosts[i]) for i in (2, 1, 0, 3)]}
+    options = ("-a4", "-d2000", "-T5000000")
+    run, _ = lab.ping({**script, 3: [reply(sequence=i) for i in (2, 1, 0, 3)]}, HOST, "-e4", *options)
+    # What the socket holds is read before anything is reported for good, but the order of the lines is fixed.
+    assert shape(run.body) == (unexpected(1) + unexpected(0)).join(
+        [timed_out(0) + timed_out(1) + received(2), received(3) + summary(4, 2)])
+    run, _ = lab.ping(script, HOST, "10.9.0.3", "-e2", *options)
+    assert shape(run.body) == "".join(map(received, range(4), hosts)) + summary(4, 4)
+
+
+def test_icmp_of_every_type_and_errors_of_every_length(lab):
+    invalid = [kind for kind in range(256) if kind in (1, 2, 6, 7) or kind > 18]
+    script = {
+        0: [error(kind) for kind in range(1, 256) if kind not in (3, 11)] + [reply()],
+        1: [error(kind, length=length) for kind in (3, 11) for length in range(4, 36)] + [reply()],
+        2: [error(11, patch=patch) for patch in ({9: 17}, {0: 0x46}, {24: 1, 25: 1}, {26: 9})] + [reply()],
+        3: [error(11, length=36)],
+        4: [error(3, length=36, options=b"\x01" * 4)],
+        5: [error(11, source="10.9.1.1"), error(11)],  # the second finds nothing outstanding: no word
+    }
+    run, _ = lab.ping(script, HOST, "-e7", "-l60", "-d1000", "-T5000000")
+    assert shape(run.body) == (received(0) + received(1) + received(2) + received(3, "10.9.0.99", "TTL Exceeded")
+                               + received(4, "10.9.0.99", "Destination Unreachable")
+                               + received(5, "10.9.1.1", "TTL Exceeded") + received(6) + summary(7, 7))
+    assert run.err == f"Destination IP = {HOST}\n" + "Error: Inavlid ICMP type received\n" * len(invalid) + "Cleanup exit\n"
+
+
+def test_window_and_first_burst(lab):
+    def first_pass(run):
+        return run.body.split("Select for")[0].count("Tx one")
+
+    for window, count in ((5, 5), (400, 20)):  # the window cuts the burst, or the count does
+        run, _ = lab.ping(lambda request: [], HOST, f"-a{window}", "-e20", "-d0", "-T100000", "-D")
+        assert first_pass(run) == count and run.body.count("TIMEOUT") == 20
+    run, _ = lab.ping({}, HOST, "-a400", "-e20", "-d2000", "-D")
+    assert first_pass(run) == 5  # ten milliseconds' worth
+
+    asked = []
+
+    def hold_back_until_the_window_is_full(request):
+        asked.append(request)
+        return [reply()(earlier) for earlier in asked] if len(asked) == 5 else [reply()(request)] if len(asked) > 5 else []
+
+    run, _ = lab.ping(hold_back_until_the_window_is_full, HOST, "-a5", "-e25", "-d0", "-T9000000", "-s")
+    assert shape(run.body) == summary(25, 25)
+
+
+def test_pace_and_debug_lines(lab):
+    run, _ = lab.ping({}, HOST, "-e4", "-r20", "-D", "-s", "-T5000000")
+    assert float(re.search(r"In +([\d.]+)s, 4 tx", run.body)[1]) >= 0.139  # the first packet brings 10 ms of credit
+    line = r"^[ \d]\d\.\d{6}: Tx one, process_id = (.{8}), \*current_tx__packet = (\d+), batch = 0$"
+    assert re.findall(line, run.body, re.M) == [(f"{run.pid:08x}", str(i)) for i in range(4)]
+    assert re.search(r"^Select for 0\.0\d{5}$", run.body, re.M) and not re.search("Select for [1-9-]", run.body)
+
+
+def test_duration_ends_the_run(lab):
+    for script in ({}, lambda request: []):
+        run, _ = lab.ping(script, HOST, "-S1", "-d20000", "-T30000", "-s", "-m")
+        assert 1.0 <= float(re.search(r"In +([\d.]+)s", run.body)[1]) < 20 and run.status == 0
+
+
+def test_running_bitrate(lab):
+    def bitrate(sent, answered, lost):
+        return (rf"Running Bitrate: (.{{7,}}) Megabits/s, (.{{6,}}) fps, {sent:6d} tx, {answered:6d} rx, "
+                rf"{lost:6d} missing, {0:6d} late, {lost:6d} lost, {lost / sent * 100:5.2f}% lost\n")
+
+    run, _ = lab.ping({6: LOST}, HOST, "-A4", "-e9", "-d5000", "-T400000", "-l1480", "-s")
+    lines = re.match(bitrate(4, 4, 0) + timed_out(6).replace("#", r" +[\d.]+") + bitrate(8, 7, 1) + "In ", run.body)
+    for megabits, frames in ((lines[1], lines[2]), (lines[3], lines[4])):
+        assert float(frames) > 0 and float(megabits) == pytest.approx(float(frames) * 1452 * 8 / 1e6, abs=0.002)
+    run, _ = lab.ping({0: LOST}, HOST, "-A2", "-e3", "-d5000", "-T400000", "-s", "-m")  # no answer spans any time
+    assert re.match(bitrate(2, 1, 1), run.body).groups() == ("  0.000", "   0.0"), run.body
+
+
+def test_sweep(lab):
+    hosts = ["10.9.0.254", "10.9.0.255", "10.9.1.0", "10.9.1.1"]
+
+    def only_even(request):
+        return [reply()(request)] if request.destination in hosts[::2] else []
+
+    run, peer = lab.ping(only_even, hosts[0], hosts[-1], "-e2", "-d5000", "-T200000")
+    assert [packet.destination for packet in peer.packets] == [host for host in hosts for _ in range(2)]
+    lines = [(received, timed_out)[i // 2 % 2](i, hosts[i // 2]) for i in range(8)]
+    assert shape(run.body) == "".join(lines) + summary(8, 4)
+    assert run.err == f"Start IP= {hosts[0]}  End IP= {hosts[-1]}\nCleanup exit\n"
+
+    run, peer = lab.ping(only_even, "10.9.0.100", "10.9.1.99", "--discover")
+    assert len(peer.packets) == 256
+    assert shape(run.body) == ("Engaging options: -m -e1 -d0 -a500 -T1000000 -s\n" + received(154, hosts[0])
+                               + received(156, hosts[2]) + summary(256, 2))
+
+
+def test_one_request_and_sequence_numbers_beyond_sixteen_bits(lab):
+    for script, options, output in (({}, ["-T5000000"], received(0) + summary(1, 1)), ({0: LOST}, ["-m"], "")):
+        run, _ = lab.ping(script, HOST, "-e1", *options)
+        assert shape(run.body) == output
+    run = lab.run(LOOPBACK, "-e66000", "-d0", "-a50", "-T5000000", "-s")
+    assert shape(run.body) == summary(66000, 66000)
