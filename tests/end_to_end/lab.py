@@ -80,7 +80,7 @@ class Namespace:
             try:
                 if os.stat(process / "ns/net").st_ino == inside:
                     os.kill(int(process.name), signal.SIGKILL)
-            except (FileNotFoundError, ProcessLookupError):
+            except (FileNotFoundError, ProcessLookupError, PermissionError):
                 pass
         os.close(self.descriptor)
 
@@ -373,9 +373,9 @@ def unexpected(sequence):
     return f"Err- Unexpected echo response received. Duplicate or out of order, ID {sequence}\n"
 
 
-def summary(sent, answered):
+def summary(sent, answered, cut_short=False):
     text = "Min = #, Max = #, Avg = #, \n\n" if answered else ""
-    if sent > 1:
+    if sent > 1 or cut_short:
         text = (f"In #s, {sent} tx pkts, {answered} rx pkts, {sent - answered} missing, 0 invalid\n# tx/s, # rx/s\n"
                 f"IP data rate #KB/s, #Kb/s\n{text}")
     return text

@@ -24,7 +24,9 @@ def test_echo_against_a_monitor(lab, carrier):
     monitor = lab.monitor(carrier, "--server", PATIENT, at=here)
     for options, count in ((["-l0"], 3), (["-l1500", "-a20", "-d0", "-e500"], 500), (["-l65535", "-d1000", "-e20"], 20)):
         run = lab.run(carrier, LOOPBACK, *options, PATIENT, at=here)
-        assert shape(run.body) == "".join(received(i, LOOPBACK) for i in range(count)) + summary(count, count)
+        # Over TCP an answer is named after the current host, and the last request has moved that on.
+        output = shape(run.body).replace("127.0.0.2", LOOPBACK) if carrier == "-p" else shape(run.body)
+        assert output == "".join(received(i, LOOPBACK) for i in range(count)) + summary(count, count)
         assert (run.err, run.status) == (f"Destination IP = {LOOPBACK}\nCleanup exit\n", 0)
     run = lab.run(carrier, "-i", "-U", "-e20", "-d1000", LOOPBACK, at=here)
     assert shape(run.body) == summary(20, 0)
@@ -272,10 +274,11 @@ def test_batches_of_a_monitor_that_loses_repeats_and_reorders(lab):
         ([1, 2, 3, 4], batch_line(4, 4, lost=1, bad=2, marker="*"), ""),
         ([], "    5:*** Rx 0, Lost 5\n", ""),
         ([4], "    6:*** Rx 1, Lost 4\n", ""),
-        ([0, 1, 1, 2, 3, 4], batch_line(7, 6, lost=0, bad=4), skip.format(6, 1, 1, -1)),
-        ([0, 2, 1, 3, 4], batch_line(8, 5, lost=0, bad=4), skip.format(7, 0, 2, 1) + skip.format(7, 2, 1, -2) + skip.format(7, 1, 3, 1)),
-        ([0, 1, 2, "junk", 3, 4], batch_line(9, 3, lost=0, bad=5, marker="*"),
+        ([0, 1, 2, "junk", 3, 4], batch_line(7, 3, lost=1, bad=5, marker="*"),
          "Error: Inavlid UDP type received\nFlushed 2 frames\n"),
+        ([0, 1, 1, 2, 3, 4], batch_line(8, 6, lost=0, bad=5), skip.format(7, 1, 1, -1)),
+        ([0, 2, 1, 3, 4], batch_line(9, 5, lost=0, bad=5),
+         skip.format(8, 0, 2, 1) + skip.format(8, 2, 1, -2) + skip.format(8, 1, 3, 1)),
     ]
     monitor = ScriptedMonitor(lab, "--client", "-e4", "-E5", PATIENT)
     for number, (packets, _, _) in enumerate(batches):
@@ -328,8 +331,8 @@ def test_lines_of_two_copies(lab, carrier, length):
     here = lab.namespace()
     monitor = lab.monitor(carrier, "--server", at=here)
 
-    def batches(*options, count, echoes=20):
-        run = lab.run(carrier, "--client", LOOPBACK, f"-e{count}", f"-E{echoes}", "-d500", PATIENT, *options, at=here)
+    def batches(*options, count, echoes=30):
+        run = lab.run(carrier, "--client", LOOPBACK, f"-e{count}", f"-E{echoes}", "-d1000", PATIENT, *options, at=here)
         assert run.status == 0 and run.err == f"Destination IP = {LOOPBACK}\nCleanup exit\n"
         lines, complete, rest = run.body.partition("Test complete! Total test time: ")
         assert lines.startswith(CLIENT) and re.fullmatch(r" {0,4}\d+\.\d{3}s\n", rest)
@@ -338,8 +341,8 @@ def test_lines_of_two_copies(lab, carrier, length):
     rates, spread = "# " * 7, " # msec "
     for options, shown in (([], rates + spread), (["-B"], spread), (["-b"], rates + spread + rates), (["-b", "-B"], spread + rates)):
         lines = columns(batches(*options, count=3))
-        assert lines == "".join(batch_line(i, 20, echoes=20, shown=shown) for i in (1, 2, 3)), options
-    assert columns(batches("-Q", count=3)) == "\n\n" + batch_line(3, 20, echoes=20)
+        assert lines == "".join(batch_line(i, 30, echoes=30, shown=shown) for i in (1, 2, 3)), options
+    assert columns(batches("-Q", count=3)) == "\n\n" + batch_line(3, 30, echoes=30)
 
     labels = "".join(f"{label:5.1f} " for label in (0, 50, 90, 95, 98, 99, 99.9))
     for options, row in (([], " " * 35 + labels + " " * 12 + "\n"), (["-b", "-v"], " " * 140 + labels + " " * 12 + labels + "\n"),
@@ -349,16 +352,16 @@ def test_lines_of_two_copies(lab, carrier, length):
         assert lines.count("\n") == 51 + row.count("\n")
 
     for line in batches("-v", count=4).splitlines():
-        found = re.fullmatch(r" {4}\d: (.{36})   0/ 20   0\.00% lost,   0 late (.{7,}) rx/s, (.{5,}) Mbps D=(.{5}), "
+        found = re.fullmatch(r" {4}\d: (.{36})   0/ 30   0\.00% lost,   0 late (.{7,}) rx/s, (.{5,}) Mbps D=(.{5}), "
                              r"m/M/a (.{7}/.{7}/.{7}), " + r".{5,} " * 7 + r" .{5,} msec ", line)
         assert found, line
         graph, arrivals, megabits, span, gaps = found[1], *map(float, found.groups()[1:4]), found[5].split("/")
         scale = ["|" if i in (0, 35) else str(i // 5) if i % 5 == 0 else " " for i in range(36)]
         possible = {int(value) // 2 for value in (megabits - 0.06, megabits + 0.06)}
         assert any(graph == "".join("X" if i == place else mark for i, mark in enumerate(scale)) for place in possible), line
-        assert megabits == pytest.approx(length * 19 * 8 / span / 1e6, rel=0.1)
-        assert arrivals == pytest.approx(20 / span, rel=0.1)
-        assert float(gaps[2]) == pytest.approx(span * 1000 / 20, abs=0.03) and float(gaps[0]) <= float(gaps[1])
+        assert megabits == pytest.approx(length * 29 * 8 / span / 1e6, rel=0.1)
+        assert arrivals == pytest.approx(30 / span, rel=0.1)
+        assert float(gaps[2]) == pytest.approx(span * 1000 / 30, abs=0.03) and float(gaps[0]) <= float(gaps[1])
     assert monitor.body == ENGAGED
 
 
@@ -409,7 +412,7 @@ def test_multicast(lab):
     run.process.wait()
     run = lab.monitor("--server", "239.1.2.3", f"-n{LOOPBACK}", at=here)
     assert run.body == ENGAGED + f"Joining multicast group on interface {LOOPBACK}\n"
-    assert serves(client)
+    assert serves(client) == []
     client.connect(("127.0.0.2", REMOTE_PORT))  # not the address it is bound to
     client.send(b"x")
     with pytest.raises(ConnectionRefusedError):

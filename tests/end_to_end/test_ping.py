@@ -122,7 +122,7 @@ def test_window_and_first_burst(lab):
 def test_pace_and_debug_lines(lab):
     run, _ = lab.ping({}, HOST, "-e4", "-r20", "-D", "-s", "-T5000000")
     assert float(re.search(r"In +([\d.]+)s, 4 tx", run.body)[1]) >= 0.139  # the first packet brings 10 ms of credit
-    line = r"^[ \d]\d\.\d{6}: Tx one, process_id = (.{8}), \*current_tx__packet = (\d+), batch = 0$"
+    line = r"^\d+\.\d{6}: Tx one, process_id = (.{8}), \*current_tx__packet = (\d+), batch = 0$"
     assert re.findall(line, run.body, re.M) == [(f"{run.pid:08x}", str(i)) for i in range(4)]
     assert re.search(r"^Select for 0\.0\d{5}$", run.body, re.M) and not re.search("Select for [1-9-]", run.body)
 

@@ -24,12 +24,12 @@ def stop(run, number):
 # A row: options, the script of the peer, the request after which the signal comes, the lines of the run.
 ECHO_STOPS = {
     "the answer is on its way": (["-d1000", "-T9000000"], {1: [reply(0.3)]}, 2, received(0) + received(1) + summary(2, 2)),
-    "the answer is lost": (["-d1000", "-T300000"], {0: []}, 1, timed_out(0) + summary(1, 0)),
+    "the answer is lost": (["-d1000", "-T300000"], {0: []}, 1, timed_out(0) + summary(1, 0, True)),
     "a window of three": (["-d1000", "-a3", "-T9000000"], {i: [reply(0.3)] for i in range(3)}, 3,
                           "".join(map(received, range(3))) + summary(3, 3)),
-    "nothing is outstanding": (["-d90000000", "-s"], {}, 1, summary(1, 1)),
-    "responses are ignored": (["-d90000000", "-i"], {}, 1, summary(1, 0)),
-    "in a sweep": (["-d90000000", "-s", "10.9.0.9"], {}, 1, summary(1, 1)),
+    "nothing is outstanding": (["-d90000000", "-s"], {}, 1, summary(1, 1, True)),
+    "responses are ignored": (["-d90000000", "-i"], {}, 1, summary(1, 0, True)),
+    "in a sweep": (["-d90000000", "-s", "10.9.0.9"], {}, 1, summary(1, 1, True)),
 }
 
 
@@ -42,7 +42,7 @@ def test_echo_mode_ends_properly(lab, row):
         peer.wait_for(count)
         time.sleep(0.05)  # the answers that do come are in
         stop(run, number)
-        assert shape(run.body).replace(f", {count} tx", f", {count} tx") == lines and len(peer.packets) == count
+        assert shape(run.body) == lines and len(peer.packets) == count
 
 
 def test_second_signal_ends_at_once_and_ignored_ones_stay_ignored(lab):
