@@ -1,32 +1,22 @@
-"""A laboratory of networks for the end-to-end tests.
-
-Everything hangs on file descriptors: an unnamed network namespace lives as long as the descriptor that holds it, and
-takes its links, routes, sockets and TUN device with it. So nothing is left behind, however a test ends.
-"""
-import ctypes
-import fcntl
-import heapq
-import os
-import re
-import select
-import signal
-import socket
-import struct
-import subprocess
-import threading
-import time
+# A laboratory of networks for the end-to-end tests.
+#
+# Everything hangs on file descriptors: an unnamed network namespace lives as long as the descriptor that holds it, and
+# takes its links, routes, sockets and TUN device with it. So nothing is left behind, however a test ends.
+import ctypes, fcntl, heapq, os, re, select, signal, socket, struct, subprocess, threading, time
 from collections import namedtuple
 from pathlib import Path
 
 VORN = os.path.abspath(os.environ.get("VORN", Path(__file__).parents[2] / "build/debug/vorn"))
 PATIENCE = 60  # seconds that only a hanging program exceeds
-HOST = "10.9.0.2"  # an address behind the TUN device, where the scripted peer plays every host of 10.9.0.0/16
+HOST = "10.9.0.2"  # behind the TUN device, where the scripted peer plays every host of 10.9.0.0/16
 LOOPBACK = "127.0.0.1"
 LOCAL_PORT, REMOTE_PORT = 8003, 8004  # a commander's; a monitor swaps them
+LIBC = ctypes.CDLL(None, use_errno=True)
+NEW_NETWORK = 0x40000000  # CLONE_NEWNET
 
 
+# Wait until the condition holds; how long that takes on a busy machine is no fault of the program.
 def eventually(condition, what):
-    """Wait until the condition holds; how long that takes is no fault of the program on a busy machine."""
     deadline = time.monotonic() + PATIENCE
     while not condition():
         assert time.monotonic() < deadline, f"waited in vain for {what}"
@@ -35,67 +25,56 @@ def eventually(condition, what):
 
 # ---- namespaces and the programs in them ----
 
-class Namespace:
-    """A network namespace of our own; `with` moves the calling thread, and what it starts or opens, into it."""
-    libc = ctypes.CDLL(None, use_errno=True)
-    new_network = 0x40000000
+def network_of_this_thread():
+    return os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
 
+
+def checked(result):
+    if result != 0:
+        raise OSError(ctypes.get_errno(), "cannot change the network namespace (root only)")
+
+
+# A network namespace of our own; `with` moves the calling thread, and what it starts or opens, into it.
+class Namespace:
     def __init__(self):
-        self.homes, self.descriptor = [], None
-        self.homes.append(self.current())
-        self.check(self.libc.unshare(self.new_network))
-        self.descriptor = self.current()
+        self.home = network_of_this_thread()
+        checked(LIBC.unshare(NEW_NETWORK))
+        self.network = network_of_this_thread()
         self.__exit__()
         self.ip("link set lo up")
 
-    @staticmethod
-    def current():
-        return os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
-
-    @staticmethod
-    def check(result):
-        if result != 0:
-            raise OSError(ctypes.get_errno(), "cannot change the network namespace (root only)")
-
     def __enter__(self):
-        self.homes.append(self.current())
-        self.check(self.libc.setns(self.descriptor, self.new_network))
+        self.home = network_of_this_thread()
+        checked(LIBC.setns(self.network, NEW_NETWORK))
 
     def __exit__(self, *_):
-        home = self.homes.pop()
-        self.check(self.libc.setns(home, self.new_network))
-        os.close(home)
+        checked(LIBC.setns(self.home, NEW_NETWORK))
+        os.close(self.home)
 
     def ip(self, command):
         with self:
             subprocess.run(["ip", *command.split()], check=True)
 
-    def set(self, name, value):
-        with self:
-            Path("/proc/sys/net/ipv4", name).write_text(str(value))
-
     def close(self):
-        inside = os.fstat(self.descriptor).st_ino
+        inside = os.fstat(self.network).st_ino
         for process in Path("/proc").glob("[0-9]*"):  # whatever detached itself in here
             try:
                 if os.stat(process / "ns/net").st_ino == inside:
                     os.kill(int(process.name), signal.SIGKILL)
-            except (FileNotFoundError, ProcessLookupError, PermissionError):
+            except OSError:
                 pass
-        os.close(self.descriptor)
+        os.close(self.network)
 
 
+# The program under test while it runs, and what it wrote: `out`, `err` (or all in `out` when merged).
 class Program:
-    """The program under test while it runs, and what it wrote: `out`, `err` (or all in `out` when merged)."""
-
-    def __init__(self, command, merged=False, **options):
-        environment = {**os.environ, "ASAN_OPTIONS": "verify_asan_link_order=0", **options.pop("env", {})}
+    def __init__(self, command, merged=False, env={}, **options):
         options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE,
                    "stderr": subprocess.STDOUT if merged else subprocess.PIPE, **options}
+        environment = {**os.environ, "ASAN_OPTIONS": "verify_asan_link_order=0", **env}
         self.process = subprocess.Popen(command, env=environment, **options)
-        self.pid, self.written, self.readers = self.process.pid, {}, []
+        self.pid, self.written, self.readers = self.process.pid, {"out": bytearray(), "err": bytearray()}, []
         for name, pipe in (("out", self.process.stdout), ("err", self.process.stderr)):
-            self.written[name] = bytearray()
             if pipe:
                 self.readers.append(threading.Thread(target=self.collect, args=(pipe, self.written[name]), daemon=True))
                 self.readers[-1].start()
@@ -107,10 +86,10 @@ class Program:
 
     out = property(lambda self: self.written["out"].decode())
     err = property(lambda self: self.written["err"].decode())
+    status = property(lambda self: self.process.returncode)  # negative: the signal that ended it
 
     @property
-    def body(self):
-        """Standard output behind the banner."""
+    def body(self):  # standard output behind the banner
         banner = re.match(r"Vorn version 5\.2, .*\nBuilt [A-Z][a-z]{2} [ \d]\d \d{4} at \d\d:\d\d:\d\d\n", self.out)
         assert banner, self.out
         return self.out[banner.end():]
@@ -119,37 +98,33 @@ class Program:
         eventually(lambda: text.encode() in self.written[stream] or self.process.poll() is not None, text)
         assert self.process.poll() is None, (text, self.out, self.err)
 
-    def signal(self, number):
-        self.process.send_signal(number)
+    def freeze(self):
+        self.process.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, self.pid, os.WSTOPPED)
 
     def finish(self, patience=PATIENCE):
         try:
             self.process.wait(patience)
         except subprocess.TimeoutExpired:
-            self.process.kill()
             raise AssertionError(f"still running: {self.process.args}\n{self.out[-2000:]}\n{self.err[-2000:]}") from None
         for reader in self.readers:
             reader.join()
         assert "Sanitizer" not in self.err and "runtime error" not in self.err, self.err
         return self
 
-    status = property(lambda self: self.process.returncode)  # negative: the signal that ended it
+    def close(self):
+        self.process.kill()
+        self.process.wait()
 
 
 class Lab:
-    def __init__(self):
-        self.owned = []
-
     def __enter__(self):
+        self.owned = []
         return self
 
     def __exit__(self, *_):
         for thing in reversed(self.owned):
-            if isinstance(thing, Program):
-                thing.process.kill()
-                thing.process.wait()
-            else:
-                thing.close()
+            thing.close()
 
     def own(self, thing):
         self.owned.append(thing)
@@ -158,86 +133,84 @@ class Lab:
     def namespace(self):
         return self.own(Namespace())
 
+    # Two hosts with so many routers between them; link i joins 10.9.i.1 and 10.9.i.2. Only the first host has a default
+    # route, so what lies beyond the chain is unreachable at the first router.
     def chain(self, routers):
-        """Two hosts with so many routers between them; link i joins 10.9.i.1 and 10.9.i.2. Only the first host has a
-        default route, so what lies beyond the chain is unreachable at the first router."""
         nodes = [self.namespace() for _ in range(routers + 2)]
         for i, (left, right) in enumerate(zip(nodes, nodes[1:])):
-            left.ip(f"link add right type veth peer name left netns /proc/{os.getpid()}/fd/{right.descriptor}")
+            left.ip(f"link add right type veth peer name left netns /proc/{os.getpid()}/fd/{right.network}")
             for node, side, end in ((left, "right", 1), (right, "left", 2)):
                 node.ip(f"addr add 10.9.{i}.{end}/24 dev {side}")
                 node.ip(f"link set {side} up")
         nodes[0].ip("route add default via 10.9.0.2")
         for i, node in enumerate(nodes[1:], 1):
-            node.set("ip_forward", 1)
-            node.set("icmp_ratelimit", 0)
-            for link in range(routers + 1):
-                if link not in (i - 1, i):
-                    node.ip(f"route add 10.9.{link}.0/24 via " + (f"10.9.{i - 1}.1" if link < i else f"10.9.{i}.2"))
+            with node:
+                Path("/proc/sys/net/ipv4/ip_forward").write_text("1")
+                Path("/proc/sys/net/ipv4/icmp_ratelimit").write_text("0")
+            for link in set(range(routers + 1)) - {i - 1, i}:
+                node.ip(f"route add 10.9.{link}.0/24 via " + (f"10.9.{i - 1}.1" if link < i else f"10.9.{i}.2"))
         return nodes
 
-    def peer(self, script):
-        return self.own(TunPeer(self.namespace(), script))
-
+    # Start the program in a namespace; `before` is a command in front of it, such as one that ignores a signal. What
+    # our own caller ignores (a shell's background job ignores SIGINT) must not be ignored by the program.
     def start(self, *arguments, at=None, before=(), **options):
-        """Start the program in a namespace; `before` is a command in front of it, such as one that ignores a signal."""
-        # Signals that our own caller ignores (a shell's background job) must not be ignored by the program.
-        command = ["env", "--default-signal=HUP,INT,QUIT,TERM", *before, VORN, *map(str, arguments)]
         with at or self.namespace():
-            return self.own(Program(command, **options))
+            return self.own(Program(["env", "--default-signal=HUP,INT,QUIT,TERM", *before, VORN, *arguments], **options))
 
     def run(self, *arguments, **options):
         return self.start(*arguments, **options).finish()
 
     def ping(self, script, *arguments, **options):
-        """Run the program against a scripted peer."""
-        peer = self.peer(script)
+        peer = self.own(TunPeer(self.namespace(), script))
         return self.run(*arguments, at=peer.namespace, **options), peer
 
-    def socket(self, at, port=0, kind=socket.SOCK_DGRAM):
+    # The same, still running, once the peer has seen so many packets.
+    def pinging(self, script, count, *arguments, **options):
+        peer = self.own(TunPeer(self.namespace(), script))
+        run = self.start(*arguments, at=peer.namespace, **options)
+        peer.wait_for(count)
+        return run, peer
+
+    def monitor(self, *arguments, at):
+        program = self.start(*arguments, "--server", at=at)
+        program.wait_for("Destination IP", "err")
+        state = Path(f"/proc/{program.pid}/stat")  # once it sleeps, its first packet is out and it serves
+        eventually(lambda: state.read_text().rpartition(") ")[2][0] == "S", "a monitor at rest")
+        return program
+
+    def socket(self, at, port=0, kind=socket.SOCK_DGRAM, to=None):
         with at:
             made = self.own(socket.socket(socket.AF_INET, kind))
         made.settimeout(PATIENCE)
         made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         made.setsockopt(socket.SOL_SOCKET, 33, 1 << 26)  # SO_RCVBUFFORCE: nothing is lost on our side
         made.bind(("0.0.0.0", port))
+        if kind == socket.SOCK_STREAM:
+            made.connect((to, REMOTE_PORT)) if to else made.listen()
         return made
-
-    def monitor(self, *arguments, at, **options):
-        """A monitor that is ready to serve."""
-        program = self.start(*arguments, at=at, **options)
-        program.wait_for("Destination IP", "err")
-        return program
-
-    def connect(self, at):
-        connection = self.socket(at, kind=socket.SOCK_STREAM)
-        connection.connect((LOOPBACK, REMOTE_PORT))
-        return connection
 
 
 # ---- the scripted peer on a TUN device ----
 
+# An IPv4 packet that the program sent, taken apart; for other protocols than ICMP the last fields mean nothing.
 class Packet:
-    """An IPv4 packet that the program sent, taken apart; for other protocols than ICMP the last fields mean nothing."""
-
     def __init__(self, data):
-        self.data, self.tos, self.ttl, self.protocol = data, data[1], data[8], data[9]
+        self.data, self.tos, self.ttl, self.message = data, data[1], data[8], data[(data[0] & 15) * 4:]
         self.source, self.destination = socket.inet_ntoa(data[12:16]), socket.inet_ntoa(data[16:20])
-        self.message = data[(data[0] & 15) * 4:]
         self.type, self.code, self.identifier, self.sequence = struct.unpack(">BBxxHH", self.message[:8])
 
 
+# Plays all hosts behind a TUN device: script(packet) gives the (delay in seconds, IPv4 packet) to send for it. A table
+# as script gives request n the answers of table[n], and answers a request without an entry at once.
 class TunPeer(threading.Thread):
-    """Plays all hosts behind a TUN device: script(packet) gives the (delay in seconds, IPv4 packet) to send for it."""
-
     def __init__(self, namespace, script):
         super().__init__(daemon=True)
-        self.namespace, self.packets, self.pending, self.fault = namespace, [], [], None
-        self.script = by_sequence(script) if isinstance(script, dict) else script
-        self.stopped, self.stop = os.pipe()
+        self.namespace, self.packets, self.pending, self.fault, self.stop = namespace, [], [], None, os.eventfd(0)
+        self.script = script if callable(script) else lambda request: [
+            answer(request) for answer in script.get(request.sequence, [reply()])] if request.type == 8 else []
         with namespace:
             self.tun = os.open("/dev/net/tun", os.O_RDWR | os.O_CLOEXEC)
-            fcntl.ioctl(self.tun, 0x400454CA, struct.pack("16sH22x", b"tun0", 0x1001))  # IFF_TUN | IFF_NO_PI
+            fcntl.ioctl(self.tun, 0x400454CA, struct.pack("16sH22x", b"tun0", 0x1001))  # TUNSETIFF: IFF_TUN | IFF_NO_PI
         namespace.ip("addr add 10.9.0.1/16 dev tun0")
         namespace.ip("link set tun0 up")
         self.start()
@@ -246,8 +219,8 @@ class TunPeer(threading.Thread):
         try:
             while True:
                 wait = max(0.0, self.pending[0][0] - time.monotonic()) if self.pending else None
-                readable = select.select([self.tun, self.stopped], [], [], wait)[0]
-                if self.stopped in readable:
+                readable = select.select([self.tun, self.stop], [], [], wait)[0]
+                if self.stop in readable:
                     return
                 if self.tun in readable:
                     self.take(os.read(self.tun, 65536))
@@ -257,69 +230,58 @@ class TunPeer(threading.Thread):
             self.fault = fault
 
     def take(self, data):
-        if data[0] >> 4 != 4 or data[9] not in (socket.IPPROTO_ICMP, socket.IPPROTO_UDP):
-            return  # the kernel's own business, such as IPv6 neighbours
-        self.packets.append(Packet(data))
-        for i, (delay, packet) in enumerate(self.script(self.packets[-1])):
-            heapq.heappush(self.pending, (time.monotonic() + delay, len(self.packets) * 100000 + i, packet))
+        if data[0] >> 4 == 4 and data[9] == socket.IPPROTO_ICMP:  # else the kernel's own, such as IPv6 neighbours
+            self.packets.append(Packet(data))
+            for i, (delay, packet) in enumerate(self.script(self.packets[-1])):
+                heapq.heappush(self.pending, (time.monotonic() + delay, len(self.packets) * 100000 + i, packet))
 
     def wait_for(self, count):
         eventually(lambda: len(self.packets) >= count, f"packet {count}")
 
     def close(self):
-        os.write(self.stop, b"x")
+        os.eventfd_write(self.stop, 1)
         self.join()
-        for descriptor in (self.tun, self.stop, self.stopped):
-            os.close(descriptor)
-        if self.fault:
-            raise self.fault
-
-
-def by_sequence(table):
-    """The script that gives request n the answers of table[n]; a request without an entry is answered at once."""
-    return lambda request: [answer(request) for answer in table.get(request.sequence, [reply()])] \
-        if request.protocol == 1 and request.type == 8 else []
+        os.close(self.tun)
+        os.close(self.stop)
+        assert self.fault is None, self.fault
 
 
 def checksum(data):
-    words = struct.unpack(f">{(len(data) + 1) // 2}H", data + b"\0" * (len(data) % 2))
-    total = sum(words)
+    total = sum(struct.unpack(f">{(len(data) + 1) // 2}H", data + b"\0" * (len(data) % 2)))
     while total > 0xFFFF:
         total = (total & 0xFFFF) + (total >> 16)
     return total ^ 0xFFFF
 
 
-def ipv4(source, destination, payload, protocol=1, options=b""):
+def ipv4(source, destination, payload, options):
     size = 20 + len(options)
-    fields = [0x40 | size // 4, 0, size + len(payload), 0, 0, 64, protocol, 0,
-              socket.inet_aton(source), socket.inet_aton(destination)]
-    fields[7] = checksum(struct.pack(">BBHHHBBH4s4s", *fields) + options)
-    return struct.pack(">BBHHHBBH4s4s", *fields) + options + payload
+    front = struct.pack(">BBHHHBB", 0x40 | size // 4, 0, size + len(payload), 0, 0, 64, socket.IPPROTO_ICMP)
+    back = socket.inet_aton(source) + socket.inet_aton(destination) + options
+    return front + struct.pack(">H", checksum(front + b"\0\0" + back)) + back + payload
 
 
 def icmp(kind, rest, spoil=0):
-    first = struct.pack(">BBH", kind, 0, checksum(struct.pack(">BBH", kind, 0, 0) + rest) ^ spoil)
-    return first + rest
+    return struct.pack(">BBH", kind, 0, checksum(struct.pack(">BBH", kind, 0, 0) + rest) ^ spoil) + rest
 
 
-def reply(delay=0, source=None, kind=0, identifier=None, sequence=None, spoil=0, options=b"", length=None):
-    """Answers with an echo reply, right in all that is not said otherwise."""
+# Answers with an echo reply, right in all that is not said otherwise.
+def reply(delay=0, source=None, identifier=None, sequence=None, spoil=0, options=b"", length=None):
     def build(request):
         rest = struct.pack(">HH", request.identifier if identifier is None else identifier,
                            request.sequence if sequence is None else sequence) + request.message[8:]
-        message = icmp(kind, rest if length is None else rest[:length - 4], spoil)
-        return delay, ipv4(source or request.destination, request.source, message, options=options)
+        message = icmp(0, rest if length is None else rest[:length - 4], spoil)
+        return delay, ipv4(source or request.destination, request.source, message, options)
     return build
 
 
-def error(kind, delay=0, source="10.9.0.99", length=None, patch=None, options=b""):
-    """Answers with an ICMP error of so many bytes that quotes the request; patch = {offset in the quote: byte}."""
+# Answers with an ICMP error of so many bytes that quotes the request; patch = {offset in the quote: byte}.
+def error(kind, source="10.9.0.99", length=None, patch={}, options=b""):
     def build(request):
         quote = bytearray(request.data)
-        for offset, value in (patch or {}).items():
+        for offset, value in patch.items():
             quote[offset] = value
         rest = (bytes(4) + bytes(quote))[:None if length is None else length - 4]
-        return delay, ipv4(source, request.source, icmp(kind, rest), options=options)
+        return 0, ipv4(source, request.source, icmp(kind, rest), options)
     return build
 
 
@@ -343,22 +305,22 @@ def header(data):
     return Header._make(struct.unpack(">I4sIII", data[:20]))
 
 
+# The body of an Operation message, as a commander with `-E<echoes> -d0` fills it.
 def command(echoes, **changes):
-    """The body of an Operation message, as a commander with `-E<echoes> -d0` fills it."""
     values = dict(max_outstanding=1, total_requests=echoes, echo_count=echoes, delay_usec=1, timeout_usec=100001,
                   ignore_responses=1, unidirectional=1, remote_run=1, udp=1, command_period_usec=1,
-                  ports=REMOTE_PORT << 16 | LOCAL_PORT)
-    values.update(changes)
+                  ports=REMOTE_PORT << 16 | LOCAL_PORT) | changes
     return b"".join(struct.pack(">I" if name[-1] == "!" else "=I", values.get(name.rstrip("!"), 0)) for name in COMMAND)
 
 
-# ---- what the program prints, with every measured figure as # ----
+# ---- what the program prints ----
 
+# Measured figures become #, but only where they stand in a column as wide as it must be.
 def shape(text):
-    """Measured figures become #, but only where they stand in a column as wide as it must be."""
     text = re.sub(r"(?:[ \d]\d|\d{3,})\.\d{6}(?=s |s,|,)", "#", text)
     text = re.sub(r"(?:[ \d]{5}|\d{6,})\.\d{3}(?= tx/s| rx/s|KB/s|Kb/s)", "#", text)
-    return re.sub(r"(?:[ \d]{4}|\d{5,})\.\d{3}s$", "#s", text, flags=re.M)
+    text = re.sub(r"(?:[ \d]{4}|\d{5,})\.\d{3}s$", "#s", text, flags=re.M)
+    return re.sub(r"(?:[ \d]{3}|\d{4,})\.\d(?= )", "#", text)
 
 
 def received(sequence, source=HOST, name=" Echo Reply "):
@@ -373,9 +335,7 @@ def unexpected(sequence):
     return f"Err- Unexpected echo response received. Duplicate or out of order, ID {sequence}\n"
 
 
-def summary(sent, answered, cut_short=False):
-    text = "Min = #, Max = #, Avg = #, \n\n" if answered else ""
-    if sent > 1 or cut_short:
-        text = (f"In #s, {sent} tx pkts, {answered} rx pkts, {sent - answered} missing, 0 invalid\n# tx/s, # rx/s\n"
-                f"IP data rate #KB/s, #Kb/s\n{text}")
-    return text
+def summary(sent, answered, asked=2):
+    counts = (f"In #s, {sent} tx pkts, {answered} rx pkts, {sent - answered} missing, 0 invalid\n# tx/s, # rx/s\n"
+              "IP data rate #KB/s, #Kb/s\n")
+    return (counts if asked > 1 else "") + ("Min = #, Max = #, Avg = #, \n\n" if answered else "")
