@@ -2,9 +2,11 @@
 #
 # Everything hangs on file descriptors: an unnamed network namespace lives as long as the descriptor that holds it, and
 # takes its links, routes, sockets and TUN device with it. So nothing is left behind, however a test ends.
-import ctypes, fcntl, heapq, os, re, select, signal, socket, struct, subprocess, threading, time
+import contextlib, ctypes, fcntl, heapq, os, re, select, shutil, signal, socket, struct, subprocess, threading, time
 from collections import namedtuple
 from pathlib import Path
+
+import pytest
 
 VORN = os.path.abspath(os.environ.get("VORN", Path(__file__).parents[2] / "build/debug/vorn"))
 PATIENCE = 60  # seconds that only a hanging program exceeds
@@ -15,7 +17,7 @@ LIBC = ctypes.CDLL(None, use_errno=True)
 NEW_NETWORK = 0x40000000  # CLONE_NEWNET
 
 
-# Wait until the condition holds; how long that takes on a busy machine is no fault of the program.
+# Waits until the condition holds; how long that takes on a busy machine is no fault of the program.
 def eventually(condition, what):
     deadline = time.monotonic() + PATIENCE
     while not condition():
@@ -25,30 +27,25 @@ def eventually(condition, what):
 
 # ---- namespaces and the programs in them ----
 
-def network_of_this_thread():
-    return os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
-
-
-def checked(result):
-    if result != 0:
-        raise OSError(ctypes.get_errno(), "cannot change the network namespace (root only)")
-
-
 # A network namespace of our own; `with` moves the calling thread, and what it starts or opens, into it.
 class Namespace:
     def __init__(self):
-        self.home = network_of_this_thread()
-        checked(LIBC.unshare(NEW_NETWORK))
-        self.network = network_of_this_thread()
+        self.home = self.current()
+        assert LIBC.unshare(NEW_NETWORK) == 0, "only root can make a network namespace"
+        self.network = self.current()
         self.__exit__()
         self.ip("link set lo up")
 
+    @staticmethod
+    def current():
+        return os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
+
     def __enter__(self):
-        self.home = network_of_this_thread()
-        checked(LIBC.setns(self.network, NEW_NETWORK))
+        self.home = self.current()
+        assert LIBC.setns(self.network, NEW_NETWORK) == 0
 
     def __exit__(self, *_):
-        checked(LIBC.setns(self.home, NEW_NETWORK))
+        assert LIBC.setns(self.home, NEW_NETWORK) == 0
         os.close(self.home)
 
     def ip(self, command):
@@ -58,26 +55,23 @@ class Namespace:
     def close(self):
         inside = os.fstat(self.network).st_ino
         for process in Path("/proc").glob("[0-9]*"):  # whatever detached itself in here
-            try:
+            with contextlib.suppress(OSError):
                 if os.stat(process / "ns/net").st_ino == inside:
                     os.kill(int(process.name), signal.SIGKILL)
-            except OSError:
-                pass
         os.close(self.network)
 
 
 # The program under test while it runs, and what it wrote: `out`, `err` (or all in `out` when merged).
 class Program:
     def __init__(self, command, merged=False, env={}, **options):
-        options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE,
-                   "stderr": subprocess.STDOUT if merged else subprocess.PIPE, **options}
-        environment = {**os.environ, "ASAN_OPTIONS": "verify_asan_link_order=0", **env}
-        self.process = subprocess.Popen(command, env=environment, **options)
-        self.pid, self.written, self.readers = self.process.pid, {"out": bytearray(), "err": bytearray()}, []
-        for name, pipe in (("out", self.process.stdout), ("err", self.process.stderr)):
-            if pipe:
-                self.readers.append(threading.Thread(target=self.collect, args=(pipe, self.written[name]), daemon=True))
-                self.readers[-1].start()
+        pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT if merged else subprocess.PIPE}
+        env = {**os.environ, "ASAN_OPTIONS": "verify_asan_link_order=0", **env}
+        self.process = subprocess.Popen(command, env=env, stdin=subprocess.DEVNULL, **{**pipes, **options})
+        self.pid, self.written = self.process.pid, {"out": bytearray(), "err": bytearray()}
+        read = [(self.process.stdout, self.written["out"]), (self.process.stderr, self.written["err"])]
+        self.readers = [threading.Thread(target=self.collect, args=pair, daemon=True) for pair in read if pair[0]]
+        for reader in self.readers:
+            reader.start()
 
     @staticmethod
     def collect(pipe, written):
@@ -106,7 +100,7 @@ class Program:
         try:
             self.process.wait(patience)
         except subprocess.TimeoutExpired:
-            raise AssertionError(f"still running: {self.process.args}\n{self.out[-2000:]}\n{self.err[-2000:]}") from None
+            raise AssertionError(f"still running: {self.process.args}\n{self.out}\n{self.err}") from None
         for reader in self.readers:
             reader.join()
         assert "Sanitizer" not in self.err and "runtime error" not in self.err, self.err
@@ -117,17 +111,9 @@ class Program:
         self.process.wait()
 
 
-class Lab:
-    def __enter__(self):
-        self.owned = []
-        return self
-
-    def __exit__(self, *_):
-        for thing in reversed(self.owned):
-            thing.close()
-
+class Lab(contextlib.ExitStack):
     def own(self, thing):
-        self.owned.append(thing)
+        self.callback(thing.close)
         return thing
 
     def namespace(self):
@@ -155,21 +141,22 @@ class Lab:
     # our own caller ignores (a shell's background job ignores SIGINT) must not be ignored by the program.
     def start(self, *arguments, at=None, before=(), **options):
         with at or self.namespace():
-            return self.own(Program(["env", "--default-signal=HUP,INT,QUIT,TERM", *before, VORN, *arguments], **options))
+            command = ["env", "--default-signal=HUP,INT,QUIT,TERM", *before, VORN, *arguments]
+            return self.own(Program(command, **options))
 
     def run(self, *arguments, **options):
         return self.start(*arguments, **options).finish()
 
-    def ping(self, script, *arguments, **options):
-        peer = self.own(TunPeer(self.namespace(), script))
-        return self.run(*arguments, at=peer.namespace, **options), peer
-
-    # The same, still running, once the peer has seen so many packets.
+    # Against a scripted peer, still running once the peer has seen so many packets.
     def pinging(self, script, count, *arguments, **options):
         peer = self.own(TunPeer(self.namespace(), script))
         run = self.start(*arguments, at=peer.namespace, **options)
-        peer.wait_for(count)
+        eventually(lambda: len(peer.packets) >= count, f"packet {count}")
         return run, peer
+
+    def ping(self, script, *arguments, **options):
+        run, peer = self.pinging(script, 0, *arguments, **options)
+        return run.finish(), peer
 
     def monitor(self, *arguments, at):
         program = self.start(*arguments, "--server", at=at)
@@ -190,6 +177,12 @@ class Lab:
         return made
 
 
+@pytest.fixture
+def lab():
+    with Lab() as laboratory:
+        yield laboratory
+
+
 # ---- the scripted peer on a TUN device ----
 
 # An IPv4 packet that the program sent, taken apart; for other protocols than ICMP the last fields mean nothing.
@@ -205,7 +198,7 @@ class Packet:
 class TunPeer(threading.Thread):
     def __init__(self, namespace, script):
         super().__init__(daemon=True)
-        self.namespace, self.packets, self.pending, self.fault, self.stop = namespace, [], [], None, os.eventfd(0)
+        self.namespace, self.packets, self.pending, self.stop = namespace, [], [], os.eventfd(0)
         self.script = script if callable(script) else lambda request: [
             answer(request) for answer in script.get(request.sequence, [reply()])] if request.type == 8 else []
         with namespace:
@@ -216,18 +209,14 @@ class TunPeer(threading.Thread):
         self.start()
 
     def run(self):
-        try:
-            while True:
-                wait = max(0.0, self.pending[0][0] - time.monotonic()) if self.pending else None
-                readable = select.select([self.tun, self.stop], [], [], wait)[0]
-                if self.stop in readable:
-                    return
-                if self.tun in readable:
-                    self.take(os.read(self.tun, 65536))
-                while self.pending and self.pending[0][0] <= time.monotonic():
-                    os.write(self.tun, heapq.heappop(self.pending)[2])
-        except Exception as fault:  # shown by close(), in the test's own thread
-            self.fault = fault
+        readable = []
+        while self.stop not in readable:
+            if self.tun in readable:
+                self.take(os.read(self.tun, 65536))
+            while self.pending and self.pending[0][0] <= time.monotonic():
+                os.write(self.tun, heapq.heappop(self.pending)[2])
+            wait = max(0.0, self.pending[0][0] - time.monotonic()) if self.pending else None
+            readable = select.select([self.tun, self.stop], [], [], wait)[0]
 
     def take(self, data):
         if data[0] >> 4 == 4 and data[9] == socket.IPPROTO_ICMP:  # else the kernel's own, such as IPv6 neighbours
@@ -235,15 +224,11 @@ class TunPeer(threading.Thread):
             for i, (delay, packet) in enumerate(self.script(self.packets[-1])):
                 heapq.heappush(self.pending, (time.monotonic() + delay, len(self.packets) * 100000 + i, packet))
 
-    def wait_for(self, count):
-        eventually(lambda: len(self.packets) >= count, f"packet {count}")
-
     def close(self):
         os.eventfd_write(self.stop, 1)
         self.join()
         os.close(self.tun)
         os.close(self.stop)
-        assert self.fault is None, self.fault
 
 
 def checksum(data):
@@ -298,7 +283,8 @@ COMMAND = """max_outstanding! total_requests! echo_count! traceroute delay_usec!
 
 
 def message(kind, batch=0, sequence=0, process_id=b"test", body=b"", length=None):
-    return struct.pack(">I4sIII", kind, process_id, batch, sequence, 20 + len(body) if length is None else length) + body
+    length = 20 + len(body) if length is None else length
+    return struct.pack(">I4sIII", kind, process_id, batch, sequence, length) + body
 
 
 def header(data):

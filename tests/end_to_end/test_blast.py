@@ -1,7 +1,5 @@
 # Sending without listening, endless presets, and signals that must not disturb a run.
-import re, signal, time
-
-from lab import HOST, LOOPBACK, received, shape, summary, timed_out
+from lab import *
 
 
 def test_ignoring_responses_and_unidirectional(lab):
@@ -22,14 +20,6 @@ def test_blast_ends_on_time(lab):
     assert run.body.startswith("Engaging options: -U -i -e -l1500 -d0\nIn ")
     seconds, sent, answered = re.search(r"In +([\d.]+)s, (\d+) tx pkts, (\d+) rx pkts", run.body).groups()
     assert float(seconds) >= 1 and int(sent) > 1000 and int(answered) == 0
-
-
-def test_endless_presets_take_a_count_from_a_later_option(lab):
-    for preset, line, length in (("--lots", "-e -a10 -l1500 -d0 -A50 -s -T200000", 1480),
-                                 ("--voice", "-e3000 -a1 -l250 -r50 -A50 -s -T20000 -m", 230)):
-        run, peer = lab.ping({}, HOST, preset, "-e4", "-T9000000")
-        assert shape(run.body) == f"Engaging options: {line}\n" + summary(4, 4)
-        assert [len(packet.message) for packet in peer.packets] == [length] * 4
 
 
 def test_harmless_signals_change_nothing(lab):

@@ -1,9 +1,5 @@
 # Echo mode over ICMP: what each kind of answer, or its absence, does to the lines, the counts and the pacing.
-import re, struct
-
-import pytest
-
-from lab import HOST, LOOPBACK, checksum, error, received, reply, shape, summary, timed_out, unexpected
+from lab import *
 
 LOST, SURE = [], "-T9000000"  # an answer that never comes; a time-out that no slow machine reaches
 
@@ -22,19 +18,6 @@ def test_output_and_frames_of_a_plain_ping(lab):
     assert shape(run.body) == "".join(received(i, LOOPBACK) for i in range(3)) + summary(3, 3)
 
 
-def test_figures_of_the_summary_agree(lab):
-    run, _ = lab.ping({1: [reply(0.05)], 2: LOST}, HOST, "-e4", "-d20000", "-T400000", "-l528")
-    pattern = r"In +([\d.]+)s.*\n +([\d.]+) tx/s, +([\d.]+) rx/s\nIP data rate +([\d.]+)KB/s, +([\d.]+)Kb/s\n" \
-              r"Min = +([\d.]+), Max = +([\d.]+), Avg = +([\d.]+), "
-    seconds, sent, answered, kilobytes, kilobits, least, most, mean = map(float, re.search(pattern, run.body).groups())
-    times = [float(time) for time in re.findall(r"in +([\d.]+)s from", run.body)]
-    assert seconds >= 0.42 and float(re.search(r"TIMEOUT in +([\d.]+)s", run.body)[1]) >= 0.42  # time-out and delay
-    assert [sent, answered] == pytest.approx([4 / seconds, 3 / seconds], abs=0.001)
-    assert [kilobytes, kilobits] == pytest.approx([7 / seconds * 500 / 1000, 7 / seconds * 500 * 8 / 1000], abs=0.001)
-    assert (least, most) == (min(times), max(times)) and most >= 0.05
-    assert mean == pytest.approx(sum(times) / 3, abs=0.000002)
-
-
 # A window of one: request 2 goes out when 1 is settled, so what answers 2 ahead of its own reply is late for 1.
 # A row: the answers to request 1, those ahead of the reply to 2, options, lines between requests 0 and 2, errors.
 BAD_CHECKSUM = "Error: Received ICMP message with bad ICMP checksum\n"
@@ -44,7 +27,6 @@ BAD_CHECKSUM = "Error: Received ICMP message with bad ICMP checksum\n"
     pytest.param(LOST, [], [], timed_out(1), "", id="lost"),
     pytest.param(LOST, [reply(sequence=1)], [], timed_out(1) + unexpected(1), "", id="late"),
     pytest.param(LOST, [reply(sequence=1)], ["-m"], "", "", id="late, no time-out lines"),
-    pytest.param(LOST, [reply(sequence=1)], ["-s"], timed_out(1) + unexpected(1), "", id="late, no reception lines"),
     pytest.param([reply()], [reply(sequence=1)], [], received(1) + unexpected(1), "", id="twice"),
     pytest.param([reply(sequence=700), reply()], [], [], unexpected(700) + received(1), "", id="never asked for"),
     pytest.param([reply(spoil=0x0100)], [], [], timed_out(1), BAD_CHECKSUM, id="one bit wrong"),
@@ -59,8 +41,8 @@ def test_odd_answers(lab, answers, ahead, options, lines, errors):
     lost = "TIMEOUT" in lines or "-m" in options
     patience = "-T400000" if lost else SURE
     run, _ = lab.ping({1: answers, 2: [*ahead, reply()]}, HOST, "-l40", "-d5000", patience, *options)
-    first, last = ("", "") if "-s" in options else (received(0), received(2))
-    assert shape(run.body) == first + lines + last + summary(3, 2 if lost else 3)
+    assert shape(run.body) == received(0) + lines + received(2) + summary(3, 2 if lost else 3)
+    assert all(float(time) >= 0.405 for time in re.findall(r"TIMEOUT in +([\d.]+)s", run.body))
     assert (run.err, run.status) == (f"Destination IP = {HOST}\n{errors}Cleanup exit\n", 0)
 
 
@@ -106,25 +88,6 @@ def test_window_burst_pace_and_debug_lines(lab):
     assert re.findall(line, run.body, re.M) == [(f"{run.pid:08x}", str(i)) for i in range(4)]
     waits = re.findall(r"^Select for (.*)$", run.body, re.M)
     assert all(re.fullmatch(r"\d\.\d{6}", wait) for wait in waits) and waits[0] < "0.050001"
-
-
-def test_duration_ends_the_run(lab):
-    for script in ({}, lambda request: []):
-        run, _ = lab.ping(script, HOST, "-S1", "-d20000", "-T30000", "-s", "-m")
-        assert 1.0 <= float(re.search(r"In +([\d.]+)s", run.body)[1]) < 20 and run.status == 0
-
-
-def test_running_bitrate(lab):
-    def bitrate(sent, answered, lost):
-        return (rf"Running Bitrate: (.{{7,}}) Megabits/s, (.{{6,}}) fps, {sent:6d} tx, {answered:6d} rx, "
-                rf"{lost:6d} missing, {0:6d} late, {lost:6d} lost, {lost / sent * 100:5.2f}% lost\n")
-
-    run, _ = lab.ping({6: LOST}, HOST, "-A4", "-e9", "-d5000", "-T400000", "-l1480", "-s")
-    lines = re.match(bitrate(4, 4, 0) + timed_out(6).replace("#", r" +[\d.]+") + bitrate(8, 7, 1) + "In ", run.body)
-    for megabits, frames in ((lines[1], lines[2]), (lines[3], lines[4])):
-        assert float(frames) > 0 and float(megabits) == pytest.approx(float(frames) * 1452 * 8 / 1e6, abs=0.002)
-    run, _ = lab.ping({0: LOST}, HOST, "-A2", "-e3", "-d5000", "-T400000", "-s", "-m")  # no answer spans any time
-    assert re.match(bitrate(2, 1, 1), run.body).groups() == ("  0.000", "   0.0"), run.body
 
 
 def test_sweep(lab):

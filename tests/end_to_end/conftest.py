@@ -1,9 +1,0 @@
-import pytest
-
-from lab import Lab
-
-
-@pytest.fixture
-def lab():
-    with Lab() as laboratory:
-        yield laboratory
