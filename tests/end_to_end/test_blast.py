@@ -13,13 +13,14 @@ def test_ignoring_responses_and_unidirectional(lab):
         assert {(packet.type, len(packet.message)) for packet in peer.packets} == {(kind, length)}
 
 
-def test_blast_ends_on_time(lab):
-    begin = time.monotonic()
-    run = lab.run(LOOPBACK, "--blast", "-S1")
-    assert time.monotonic() - begin < 15  # a release that does not watch the clock outlasts -S by tens of seconds
-    assert run.body.startswith("Engaging options: -U -i -e -l1500 -d0\nIn ")
-    seconds, sent, answered = re.search(r"In +([\d.]+)s, (\d+) tx pkts, (\d+) rx pkts", run.body).groups()
-    assert float(seconds) >= 1 and int(sent) > 1000 and int(answered) == 0
+def test_duration_ends_a_blast_and_a_ping(lab):
+    for option, output in (("--blast", "Engaging options: -U -i -e -l1500 -d0\nIn "), ("-d5000", received(0, LOOPBACK))):
+        begin = time.monotonic()
+        run = lab.run(LOOPBACK, option, "-S1")
+        assert time.monotonic() - begin < 15  # a release that does not watch the clock outlasts -S by tens of seconds
+        seconds, sent, answered = re.search(r"In +([\d.]+)s, (\d+) tx pkts, (\d+) rx pkts", run.body).groups()
+        assert shape(run.body).startswith(output) and float(seconds) >= 1
+        assert (int(sent) > 1000 and int(answered) == 0) or option != "--blast"
 
 
 def test_harmless_signals_change_nothing(lab):

@@ -110,7 +110,8 @@ int gettimeofday(struct timeval *restrict now, void *restrict zone) {
 @pytest.mark.parametrize("offset", [-3600, 3600])
 def test_clock_set_by_an_hour(lab, tmp_path, offset):
     library, clock = tmp_path / "clock.so", tmp_path / "set"
-    subprocess.run(["gcc", "-xc", "-shared", "-fPIC", "-D_GNU_SOURCE", "-o", library, "-"], input=CLOCK.encode(), check=True)
+    compiler = ["gcc", "-xc", "-shared", "-fPIC", "-D_GNU_SOURCE", "-o", library, "-"]
+    subprocess.run(compiler, input=CLOCK.encode(), check=True)
     with_clock = {"env": {"LD_PRELOAD": str(library), "CLOCK_FILE": str(clock), "CLOCK_OFFSET": str(offset)}}
     for script in ({}, {3: []}):
         run, peer = lab.pinging(script, 4, HOST, "-e8", "-d50000", "-T300000", **with_clock)
