@@ -125,6 +125,12 @@ inline bool is_our_reply(const std::uint8_t* datagram, ssize_t length, std::uint
   return icmp[0] == ICMP_ECHOREPLY && std::memcmp(icmp + 4, &identifier, sizeof identifier) == 0;
 }
 
+// The sequence number of a reply that is_our_reply has passed.
+inline std::uint16_t reply_sequence(const std::uint8_t* datagram) {
+  const std::uint8_t* icmp = datagram + std::size_t{datagram[0] & 0x0fU} * 4;
+  return static_cast<std::uint16_t>((icmp[6] << 8) | icmp[7]);
+}
+
 inline void write_message_header(std::uint8_t* packet, message_type type, std::uint32_t batch, std::uint32_t sequence,
                                  std::size_t length) {
   write_be32(packet + type_offset, type);

@@ -1,6 +1,6 @@
 // Pings one host, or each host of a range once, with at most WINDOW requests unanswered: a sendto and a blocking
-// recvfrom for each. Requests still unanswered after SILENCE_MS without any reply count as lost. Prints how many were
-// sent and answered.
+// recvfrom for each. A request is lost when a later one is answered first, or after SILENCE_MS without any reply.
+// Prints how many were sent and answered.
 #include "bare_common.h"
 
 static constexpr const char* usage = "FIRST_HOST HOSTS REQUESTS_PER_HOST PACKET_BYTES WINDOW SILENCE_MS";
@@ -26,7 +26,7 @@ int main(int argc, char** argv) {
   const std::uint64_t total = hosts * requests_per_host;
   std::uint64_t sent = 0;
   std::uint64_t answered = 0;
-  std::uint64_t in_flight = 0;
+  std::uint64_t in_flight = 0;  // requests after the newest one answered
   while (sent < total || in_flight > 0) {
     while (in_flight < window && sent < total) {
       write_echo_frame(packet, ICMP_ECHO, identifier, static_cast<std::uint32_t>(sent));
@@ -39,8 +39,9 @@ int main(int argc, char** argv) {
     if (length < 0) {
       in_flight = 0;
     } else if (is_our_reply(reply, length, identifier)) {
+      const auto sent_since = static_cast<std::uint16_t>(sent - 1 - reply_sequence(reply));
       ++answered;
-      --in_flight;
+      if (sent_since < in_flight) in_flight = sent_since;
     }
   }
   std::printf("sent %llu answered %llu\n", static_cast<unsigned long long>(sent),

@@ -75,18 +75,22 @@ REPORTED = {
 
 def answered_requests(bench, case, row):
     bench.lab.answer_from_cpu(FAR_CPU if case.setting.get("answers") == "other core" else None)
+    discarded = bench.lab.counters()["answers_discarded"]
     cost, text = run_measured(bench.lab, row.command, give_up_after=120)
+    discarded = bench.lab.counters()["answers_discarded"] - discarded
     counts = numbers_in(text, REPORTED[row.output])
     if cost is None or counts is None:
         bench.complain(case, row, text)
         return {}
     sent, answered = counts
     return {
-        "rate": sent / cost.wall,
+        "rate": answered / cost.wall,
         "wall_ms": cost.wall * 1e3,
         "cpu_ns": cost.cpu * 1e9 / sent,
         "answered": answered,
         "missing": case.setting["expected"] - answered,
+        "discarded": discarded,
+        "own_losses": case.setting["expected"] - answered - discarded,
         "memory_kb": cost.memory_kb,
     }
 

@@ -61,6 +61,7 @@ class Lab:
         return {
             "sent": near["sent"] + near["send_drops"],
             "arrived": self._snmp("Ip", "InReceives"),
+            "answers_discarded": self._snmp("Ip", "OutDiscards"),
             "queue_drops": self._snmp("Udp", "RcvbufErrors") + far["receive_drops"],
         }
 
