@@ -3,7 +3,7 @@
 // from that of the process that executed the program.
 //   measure REPORT CPU RUNS STOP_AFTER PROGRAM [ARGUMENT...]
 // CPU -1 leaves the choice to the kernel. STOP_AFTER other than 0 sends SIGINT after so many seconds, for programs
-// that do not end on their own.
+// that do not end on their own. SIGTERM is passed on, and ends the runs.
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/time.h>
@@ -19,9 +19,21 @@
 static constexpr int first_program_argument = 5;
 
 static volatile pid_t child = 0;
+static volatile std::sig_atomic_t told_to_end = 0;
 
 static void interrupt_child(int /*signal*/) {
   if (child > 0) kill(child, SIGINT);
+}
+
+static void end_child(int /*signal*/) {
+  told_to_end = 1;
+  if (child > 0) kill(child, SIGTERM);
+}
+
+static void on_signal(int signal, void (*handler)(int)) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  sigaction(signal, &action, nullptr);
 }
 
 static double clock_seconds() {
@@ -43,9 +55,6 @@ static void pin_to(int cpu) {
 }
 
 static void stop_after(double seconds) {
-  struct sigaction action = {};
-  action.sa_handler = interrupt_child;
-  sigaction(SIGALRM, &action, nullptr);
   const auto whole = static_cast<time_t>(seconds);
   const itimerval alarm_time = {{}, {whole, static_cast<suseconds_t>((seconds - static_cast<double>(whole)) * 1e6)}};
   setitimer(ITIMER_REAL, &alarm_time, nullptr);
@@ -80,7 +89,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   pin_to(std::atoi(argv[2]));
-  for (int runs = std::atoi(argv[3]); runs > 0; --runs) {
+  on_signal(SIGALRM, interrupt_child);
+  on_signal(SIGTERM, end_child);
+  for (int runs = std::atoi(argv[3]); runs > 0 && told_to_end == 0; --runs) {
     run_once(report, std::atof(argv[4]), argv + first_program_argument);
   }
   std::fclose(report);

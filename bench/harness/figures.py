@@ -36,6 +36,9 @@ class Results:
     def add(self, case, row, figures):
         self.runs.setdefault((case.title, row.program), []).append(figures)
 
+    def has(self, case, row):
+        return (case.title, row.program) in self.runs
+
     def spread(self, case, row, figure):
         values = [run[figure] for run in self.runs.get((case.title, row.program), []) if figure in run]
         return spread_of(values)
@@ -86,7 +89,7 @@ def verdict(results, table, case, goal):
     if goal.against == "":
         return own_figure_verdict(results, table, case, goal)
     found = ratio(results, table, case, goal.figure, goal.against)
-    return found and judged(table, case, goal, found.spread.median, f"x {found.to}")
+    return found and judged(table, case, goal, found.spread.median, f"of {found.to}")
 
 
 def own_figure_verdict(results, table, case, goal):

@@ -31,9 +31,9 @@ def blast(bench, case, row):
     with far_end_of_blast(lab, row):
         time.sleep(SETTLE_SECONDS)
         before = lab.counters()
-        sender = Measured(lab, row.command, stop_after=row.stop_after)
-        rate = arrivals_per_second(lab, row.lead_in, bench.pick(1.2, 0.5))
-        costs, text = sender.finish()
+        with Measured(lab, row.command, stop_after=row.stop_after) as sender:
+            rate = arrivals_per_second(lab, row.lead_in, bench.pick(1.2, 0.5))
+            costs, text = sender.finish()
         time.sleep(SETTLE_SECONDS)
         after = lab.counters()
     moved = {name: after[name] - before[name] for name in after}
@@ -74,7 +74,6 @@ REPORTED = {
 
 
 def answered_requests(bench, case, row):
-    bench.lab.answer_from_cpu(FAR_CPU if case.setting.get("answers") == "other core" else None)
     discarded = bench.lab.counters()["answers_discarded"]
     cost, text = run_measured(bench.lab, row.command, give_up_after=120)
     discarded = bench.lab.counters()["answers_discarded"] - discarded
@@ -98,8 +97,8 @@ def answered_requests(bench, case, row):
 # ---- start-up: many short runs, the median of them
 
 def start_to_exit(bench, case, row):
-    bench.lab.answer_from_cpu(None)
-    costs, text = Measured(bench.lab, row.command, runs=bench.pick(200, 40)).finish(give_up_after=120)
+    with Measured(bench.lab, row.command, runs=bench.pick(200, 40)) as starts:
+        costs, text = starts.finish(give_up_after=120)
     if not costs or any(cost.status != 0 for cost in costs):
         bench.complain(case, row, text)
         return {}
@@ -119,28 +118,26 @@ def size_on_disk(_bench, _case, row):
 # ---- pacing: kernel receive stamps at the far end
 
 class PacedRun:
-    """One paced sender in a lab of its own, so that several can run side by side and hear nothing of each other."""
+    """One paced sender in a lab of its own, so that several can run side by side and hear nothing of each other. All
+    that it starts is ended by `stack`."""
 
-    def __init__(self, name, case, row, cpu):
-        self.case, self.row, self.cpu = case, row, cpu
-        self.stack = contextlib.ExitStack()
-        self.lab = self.stack.enter_context(Lab(name))
-        self.stamps = pathlib.Path(self.stack.enter_context(tempfile.TemporaryDirectory())) / "stamps"
+    def __init__(self, stack, name, case, row, cpu):
+        self.stack, self.case, self.row, self.cpu = stack, case, row, cpu
+        self.lab = stack.enter_context(Lab(name))
+        self.stamps = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory())) / "stamps"
         carrier, path = case.setting["carrier"], case.setting["path"]
         mode = "answer" if carrier == "udp" and path == "echo" else "stamps"
         receiver = [programs.bare("bare_receiver"), mode, carrier, str(TEST_PORT), str(self.stamps)]
-        self.receiver = self.stack.enter_context(Helper(self.lab, receiver, cpu=FAR_CPU if cpu == SENDER_CPU else SENDER_CPU))
+        self.receiver = stack.enter_context(Helper(self.lab, receiver, cpu=FAR_CPU if cpu == SENDER_CPU else SENDER_CPU))
 
     def start(self):
-        self.sender = Measured(self.lab, self.row.command, cpu=self.cpu)
+        self.sender = self.stack.enter_context(Measured(self.lab, self.row.command, cpu=self.cpu))
 
     def finish(self, bench):
-        give_up = self.case.setting["seconds"] * 2 + 10
-        costs, text = self.sender.finish(give_up_after=give_up)
+        costs, text = self.sender.finish(give_up_after=self.case.setting["seconds"] * 2 + 10)
         time.sleep(SETTLE_SECONDS)
         self.receiver.end()
         stamps = array.array("q", self.stamps.read_bytes())
-        self.stack.close()
         if not costs or len(stamps) < self.case.setting["count"] / 2:
             bench.complain(self.case, self.row, text)
             return {}
@@ -166,11 +163,13 @@ def pacing_figures(stamps, period_usec, first_burst):
 
 def paced_group(bench, group):
     """Runs the (case, row) pairs of `group` at the same time, spread over both processors."""
-    runs = [PacedRun(f"p{index}", case, row, (index + bench.round) % 2) for index, (case, row) in enumerate(group)]
-    time.sleep(SETTLE_SECONDS)
-    for run in runs:
-        run.start()
-    return [run.finish(bench) for run in runs]
+    with contextlib.ExitStack() as stack:
+        runs = [PacedRun(stack, f"p{index}", case, row, (index + bench.round) % 2)
+                for index, (case, row) in enumerate(group)]
+        time.sleep(SETTLE_SECONDS)
+        for run in runs:
+            run.start()
+        return [run.finish(bench) for run in runs]
 
 
 # ---- partner streams
@@ -182,7 +181,6 @@ def far_partner(lab, row):
 
 
 def partner_stream(bench, case, row):
-    bench.lab.answer_from_cpu(FAR_CPU if case.setting.get("answers") == "other core" else None)
     with far_partner(bench.lab, row) as far:
         cost, text = run_measured(bench.lab, row.command, give_up_after=case.setting.get("give_up", 120))
         report = far.end()

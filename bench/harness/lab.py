@@ -30,6 +30,7 @@ class Lab:
         self.near = f"bench-{os.getpid()}-{name}-near"
         self.far = f"bench-{os.getpid()}-{name}-far"
         self.helpers = []
+        self.answering_cpu = None
 
     def __enter__(self):
         try:
@@ -52,6 +53,9 @@ class Lab:
 
     def answer_from_cpu(self, cpu):
         """Lets the far end handle what arrives on `cpu`; None: in the sender's own system call."""
+        if cpu == self.answering_cpu:
+            return
+        self.answering_cpu = cpu
         mask = 0 if cpu is None else 1 << cpu
         self.write(self.far, f"/sys/class/net/{LINK}/queues/rx-0/rps_cpus", f"{mask:x}")
 

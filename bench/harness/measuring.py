@@ -2,7 +2,9 @@
 
 import contextlib
 import dataclasses
+import os
 import pathlib
+import signal
 import subprocess
 import tempfile
 import time
@@ -11,6 +13,7 @@ from harness import programs
 
 SENDER_CPU = 0
 FAR_CPU = 1
+PATIENCE_SECONDS = 5
 
 
 @dataclasses.dataclass
@@ -22,7 +25,8 @@ class Cost:
 
 
 class Measured:
-    """A program under way in a namespace, its output in a file: no reader takes processor time from it."""
+    """A program under way in a namespace for the length of a `with`. Its output goes to a file, so that no reader takes
+    processor time from it."""
 
     def __init__(self, lab, argv, cpu=SENDER_CPU, runs=1, stop_after=0):
         self.directory = tempfile.TemporaryDirectory()
@@ -33,17 +37,34 @@ class Measured:
             self.process = subprocess.Popen(lab.command(lab.near, measure), stdin=subprocess.DEVNULL, stdout=output,
                                             stderr=subprocess.STDOUT, start_new_session=True)
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._stop()
+        self.directory.cleanup()
+
     def finish(self, give_up_after=None):
         """(costs, output); costs are empty when the program had to be given up."""
         try:
             self.process.wait(give_up_after)
         except subprocess.TimeoutExpired:
-            subprocess.run(["kill", "--", f"-{self.process.pid}"], check=False)
-            self.process.wait()
-        text = self.output.read_text(errors="replace")
+            self._stop()
+            return [], self.output.read_text(errors="replace")
         costs = [_cost(line) for line in self.report.read_text().splitlines()] if self.report.exists() else []
-        self.directory.cleanup()
-        return costs, text
+        return costs, self.output.read_text(errors="replace")
+
+    def _stop(self):
+        """The launcher passes SIGTERM on and waits for its program. One that does not listen is killed with it: they
+        have a session to themselves."""
+        if self.process.poll() is not None:
+            return
+        self.process.terminate()
+        try:
+            self.process.wait(PATIENCE_SECONDS)
+        except subprocess.TimeoutExpired:
+            os.killpg(self.process.pid, signal.SIGKILL)
+            self.process.wait()
 
 
 def _cost(line):
@@ -53,7 +74,8 @@ def _cost(line):
 
 def run_measured(lab, argv, give_up_after=None, **how):
     """One run: (cost or None, output)."""
-    costs, text = Measured(lab, argv, **how).finish(give_up_after)
+    with Measured(lab, argv, **how) as measured:
+        costs, text = measured.finish(give_up_after)
     return (costs[0] if costs else None), text
 
 

@@ -21,7 +21,7 @@ def spread_text(spread, digits, scale=1.0):
 
 def case_grid(results, table, case):
     lines = [[row.program] + [spread_text(results.spread(case, row, column.figure), column.digits, column.scale)
-                              for column in table.columns] for row in case.rows]
+                              for column in table.columns] for row in case.rows if results.has(case, row)]
     return grid(["program"] + [column.title for column in table.columns], lines)
 
 

@@ -129,7 +129,7 @@ def blast_table(vorn, _quick):
 
 LOSS_COLUMNS = [
     Column("missing", "missing", 0),
-    Column("discarded", "answers the far end's kernel discarded", 0),
+    Column("discarded", "discarded by the far end's kernel", 0),
     Column("own_losses", "missing otherwise", 0),
 ]
 
