@@ -12,7 +12,8 @@ struct batch_result {
 };
 
 // A bare monitor looks at two fields; the others make any monitor stream as fast as it can to `local_port`.
-static void write_command(std::uint8_t* command, std::uint32_t packets, std::uint32_t ip_length, std::uint16_t local_port) {
+static void write_command(std::uint8_t* command, std::uint32_t packets, std::uint32_t ip_length,
+                          std::uint16_t local_port) {
   constexpr std::size_t delay_offset = 36;
   constexpr std::size_t flag_offsets[] = {64, 76, 96, 100};  // ignore answers, one way, remote run, UDP
   constexpr std::size_t destination_port_offset = 110;

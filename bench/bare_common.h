@@ -104,7 +104,8 @@ inline std::uint32_t read_be32(const std::uint8_t* bytes) {
 }
 
 // An echo frame (RFC 792) in `packet`, whose payload is all zero and so adds nothing to the checksum.
-inline void write_echo_frame(std::uint8_t* packet, std::uint8_t type, std::uint16_t identifier, std::uint32_t sequence) {
+inline void write_echo_frame(std::uint8_t* packet, std::uint8_t type, std::uint16_t identifier,
+                             std::uint32_t sequence) {
   const std::uint16_t words[3] = {htons(static_cast<std::uint16_t>(type << 8)), identifier,
                                   htons(static_cast<std::uint16_t>(sequence))};
   std::uint32_t sum = std::uint32_t{words[0]} + words[1] + words[2];

@@ -54,8 +54,8 @@ int main(int argc, char** argv) {
   while (told_to_end == 0) {
     sockaddr_in commander = {};
     socklen_t address_bytes = sizeof commander;
-    const ssize_t length = recvfrom(socket_fd, command, sizeof command, 0, reinterpret_cast<sockaddr*>(&commander),
-                                    &address_bytes);
+    const ssize_t length =
+        recvfrom(socket_fd, command, sizeof command, 0, reinterpret_cast<sockaddr*>(&commander), &address_bytes);
     if (length < static_cast<ssize_t>(operation_bytes)) continue;
     arrivals.push_back(clock_usec());
     stream_back(socket_fd, command, commander);

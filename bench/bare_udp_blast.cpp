@@ -6,7 +6,8 @@ static constexpr std::uint64_t packets_between_clock_readings = 256;
 
 int main(int argc, char** argv) {
   const double seconds = number_argument(argc, argv, 4, usage);
-  const sockaddr_in destination = address_of(argv[1], static_cast<std::uint16_t>(number_argument(argc, argv, 2, usage)));
+  const sockaddr_in destination =
+      address_of(argv[1], static_cast<std::uint16_t>(number_argument(argc, argv, 2, usage)));
   const auto packet_bytes = static_cast<std::size_t>(number_argument(argc, argv, 3, usage));
   static std::uint8_t packet[largest_packet_bytes];
   const int socket_fd = open_udp_socket(0);

@@ -186,7 +186,7 @@ def partner_stream(bench, case, row):
         report = far.end()
     figures = batch_figures(row, text)
     if cost is None or cost.status != 0 or figures is None:
-        bench.complain(case, row, text[-500:])
+        bench.complain(case, row, text)
         return {}
     batches, seconds, lost, bad = figures
     result = {"batches": batches / seconds, "lost": lost, "bad": bad, "cpu_usec": cost.cpu * 1e6 / batches,

@@ -25,17 +25,17 @@ class Cost:
 
 
 class Measured:
-    """A program under way in a namespace for the length of a `with`. Its output goes to a file, so that no reader takes
-    processor time from it."""
+    """A program under way in a namespace for the length of a `with`. What it prints goes to files, one for each stream,
+    so that no reader takes processor time from it."""
 
     def __init__(self, lab, argv, cpu=SENDER_CPU, runs=1, stop_after=0):
         self.directory = tempfile.TemporaryDirectory()
         folder = pathlib.Path(self.directory.name)
-        self.report, self.output = folder / "report", folder / "output"
+        self.report, self.output, self.errors = folder / "report", folder / "output", folder / "errors"
         measure = [programs.bare("measure"), str(self.report), str(cpu), str(runs), str(stop_after), *argv]
-        with open(self.output, "wb") as output:
+        with open(self.output, "wb") as output, open(self.errors, "wb") as errors:
             self.process = subprocess.Popen(lab.command(lab.near, measure), stdin=subprocess.DEVNULL, stdout=output,
-                                            stderr=subprocess.STDOUT, start_new_session=True)
+                                            stderr=errors, start_new_session=True)
 
     def __enter__(self):
         return self
@@ -50,9 +50,12 @@ class Measured:
             self.process.wait(give_up_after)
         except subprocess.TimeoutExpired:
             self._stop()
-            return [], self.output.read_text(errors="replace")
+            return [], self._printed()
         costs = [_cost(line) for line in self.report.read_text().splitlines()] if self.report.exists() else []
-        return costs, self.output.read_text(errors="replace")
+        return costs, self._printed()
+
+    def _printed(self):
+        return self.output.read_text(errors="replace") + self.errors.read_text(errors="replace")
 
     def _stop(self):
         """The launcher passes SIGTERM on and waits for its program. One that does not listen is killed with it: they

@@ -330,7 +330,7 @@ def start_table(vorn, _quick):
     cases = [start_case(vorn, "over veth", FAR_ADDRESS), start_case(vorn, "loopback", LOOPBACK_ADDRESS)]
     return Table(
         "start", "Start to exit of one echo",
-        "Median of 200 runs in each round, process creation included; output to a file. ping is shown, not compared "
+        "Median of 200 runs in each round, process creation included; output to files. ping is shown, not compared "
         "with.",
         [Column("wall_ms", "ms", 3), Column("cpu_ms", "processor ms", 3), Column("memory_kb", "peak memory kB", 0)],
         {"wall_ms": False, "memory_kb": False}, cases, job=jobs.start_to_exit)
