@@ -1,7 +1,7 @@
 // A paced sender with a credit of microseconds: each pass sends one packet per PERIOD that the clock has moved on and
 // keeps the remainder. MODE says how it sleeps between passes: "sleep" is a select without descriptors for one whole
 // period and reads nothing; "wait" is a select on its socket until the next packet is due, in which it also reads the
-// answers. The timer slack is 1 ns, the least that a process may ask for.
+// answers, of which at most WINDOW are awaited. The timer slack is 1 ns, the least that a process may ask for.
 #include <sys/prctl.h>
 #include <sys/select.h>
 
@@ -9,6 +9,7 @@
 
 static constexpr const char* usage = "CARRIER(udp|icmp) HOST PORT PACKET_BYTES RATE COUNT MODE(sleep|wait) WINDOW";
 static constexpr std::int64_t first_burst_usec = 10000;
+static constexpr std::int64_t longest_silence_usec = 100000;  // after it, what is unanswered is given up
 
 struct paced_run {
   bool udp;
@@ -17,11 +18,13 @@ struct paced_run {
   std::size_t packet_bytes;
   std::int64_t period_usec;
   std::uint32_t count;
-  std::uint32_t window;  // the most packets of one pass
+  std::uint32_t window;
   int socket_fd;
   std::uint32_t sent;
+  std::uint32_t unanswered;
   std::int64_t credit_usec;
   std::int64_t last_pass;  // usec
+  std::int64_t last_send;  // usec
 };
 
 static std::uint8_t buffer[largest_packet_bytes];
@@ -32,7 +35,7 @@ static std::uint32_t packets_due(paced_run* run) {
   const std::int64_t credit = run->credit_usec + elapsed;
   auto due = static_cast<std::uint32_t>(credit / run->period_usec);
   if (due > run->count - run->sent) due = run->count - run->sent;
-  if (due > run->window) due = run->window;
+  if (run->waits && due > run->window - run->unanswered) due = run->window - run->unanswered;
   if (due != 0) {
     run->last_pass = now;
     run->credit_usec = credit % run->period_usec;
@@ -42,6 +45,7 @@ static std::uint32_t packets_due(paced_run* run) {
 
 static void send_next(paced_run* run, std::uint8_t* packet) {
   const auto identifier = static_cast<std::uint16_t>(own_process_id);
+  run->last_send = clock_usec();
   if (run->udp) {
     write_message_header(packet, run->waits ? echo_request : data, 0, run->sent, run->packet_bytes);
   } else {
@@ -49,6 +53,7 @@ static void send_next(paced_run* run, std::uint8_t* packet) {
   }
   send_packet(run->socket_fd, packet, run->packet_bytes, run->destination);
   ++run->sent;
+  ++run->unanswered;
 }
 
 static void sleep_for(std::int64_t usec) {
@@ -56,18 +61,29 @@ static void sleep_for(std::int64_t usec) {
   select(0, nullptr, nullptr, nullptr, &rest);
 }
 
-// Reads answers until one period has passed since the last packet.
+static void read_answer(paced_run* run) {
+  const ssize_t length = recvfrom(run->socket_fd, buffer, sizeof buffer, 0, nullptr, nullptr);
+  if (length > 0 && run->unanswered != 0) --run->unanswered;
+}
+
+static bool window_is_full(const paced_run& run) {
+  return run.unanswered >= run.window;
+}
+
+// Until the next packet is due; with a full window, until what is unanswered is given up.
+static std::int64_t usec_to_wait(const paced_run& run) {
+  return run.last_send + (window_is_full(run) ? longest_silence_usec : run.period_usec) - clock_usec();
+}
+
 static void read_until_due(paced_run* run) {
-  const std::int64_t due_at = clock_usec() + run->period_usec;
-  for (std::int64_t left = run->period_usec; left > 0; left = due_at - clock_usec()) {
+  for (std::int64_t left = usec_to_wait(*run); left > 0; left = usec_to_wait(*run)) {
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(run->socket_fd, &readable);
     timeval rest = {left / 1000000, left % 1000000};
-    if (select(run->socket_fd + 1, &readable, nullptr, nullptr, &rest) > 0) {
-      recvfrom(run->socket_fd, buffer, sizeof buffer, 0, nullptr, nullptr);
-    }
+    if (select(run->socket_fd + 1, &readable, nullptr, nullptr, &rest) > 0) read_answer(run);
   }
+  if (window_is_full(*run)) run->unanswered = 0;
 }
 
 static paced_run read_arguments(int argc, char** argv) {

@@ -67,18 +67,18 @@ def best_peer(results, case, figure, more_is_better):
     return (max if more_is_better else min)(peers, key=lambda peer: peer[0])[1]
 
 
-def other_row(results, table, case, figure, against):
-    if against == "bare":
-        return row_of_role(case, "bare")
-    return best_peer(results, case, figure, table.compared[figure])
+def compared_row(results, table, case, figure, role):
+    if role == "peer":
+        return best_peer(results, case, figure, table.compared[figure])
+    return row_of_role(case, role)
 
 
-def ratio(results, table, case, figure, against):
-    """Vorn's figure over that of "peer" or "bare"; None when either is missing."""
-    vorn, other = row_of_role(case, "vorn"), other_row(results, table, case, figure, against)
-    if vorn is None or other is None:
+def ratio(results, table, case, figure, of, to):
+    """The figure of one role ("vorn", "bare") over that of another ("peer", "bare"), paired; None when one is missing."""
+    row, other = (compared_row(results, table, case, figure, role) for role in (of, to))
+    if row is None or other is None:
         return None
-    spread = results.paired(case, vorn, other, figure)
+    spread = results.paired(case, row, other, figure)
     return Ratio(other.program, spread) if spread else None
 
 
@@ -88,7 +88,7 @@ def verdict(results, table, case, goal):
         return ceiling_verdict(results, table, case, goal)
     if goal.against == "":
         return own_figure_verdict(results, table, case, goal)
-    found = ratio(results, table, case, goal.figure, goal.against)
+    found = ratio(results, table, case, goal.figure, "vorn", goal.against)
     return found and judged(table, case, goal, found.spread.median, f"of {found.to}")
 
 

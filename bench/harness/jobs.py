@@ -148,11 +148,12 @@ class PacedRun:
 
 
 def pacing_figures(stamps, period_usec, first_burst):
-    """What the stream looks like after its first release, which is a burst."""
+    """What the stream looks like after its first release, which is a burst. The mean rate counts from the start of that
+    release, when the clock of the stream starts, and counts the packets after it."""
     period = period_usec * 1000
     paced = stamps[first_burst:]
     gaps = [later - earlier for earlier, later in zip(paced, paced[1:])]
-    mean = (paced[-1] - paced[0]) / len(gaps)
+    mean = (stamps[-1] - stamps[0]) / len(paced)
     middle = statistics.median(gaps)
     return {
         "rate_error": abs(period / mean - 1) * 100,

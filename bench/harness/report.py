@@ -25,17 +25,21 @@ def case_grid(results, table, case):
     return grid(["program"] + [column.title for column in table.columns], lines)
 
 
+COMPARISONS = {"Vorn to the best peer": ("vorn", "peer"), "Vorn to the bare loop": ("vorn", "bare"),
+               "the bare loop to the best peer": ("bare", "peer")}
+
+
 def ratio_grid(results, table, case):
-    """Vorn against the best peer and the bare loop, paired round by round."""
+    """Vorn, and the floor it stands on, against the best peer; paired round by round."""
     lines = []
     for figure, more_is_better in table.compared.items():
-        title = next(column.title for column in table.columns if column.figure == figure)
-        found = [figures.ratio(results, table, case, figure, against) for against in ("peer", "bare")]
+        found = [figures.ratio(results, table, case, figure, *roles) for roles in COMPARISONS.values()]
         if not any(found):
             continue
+        title = next(column.title for column in table.columns if column.figure == figure)
         shown = [f"{spread_text(ratio.spread, 3)} of {ratio.to}" if ratio else "-" for ratio in found]
         lines.append([title, "more" if more_is_better else "less", *shown])
-    return grid(["Vorn's figure", "better", "to the best peer", "to the bare loop"], lines) if lines else ""
+    return grid(["ratio of", "better", *COMPARISONS], lines) if lines else ""
 
 
 def table_text(results, table):

@@ -240,13 +240,14 @@ def pacing_peers(carrier, path, period, count):
 
 
 def pacing_table(vorn, quick):
-    cases = [pacing_case(vorn, carrier, path, rate, seconds // (5 if quick else 1))
-             for rate, seconds in PACING_SECONDS.items() for path in ("ignore", "echo") for carrier in ("udp", "icmp")]
+    runs = {rate: seconds // (5 if quick else 1) for rate, seconds in PACING_SECONDS.items()}
+    cases = [pacing_case(vorn, carrier, path, rate, seconds)
+             for rate, seconds in runs.items() for path in ("ignore", "echo") for carrier in ("udp", "icmp")]
     return Table(
         "pacing", "Pacing",
         "Kernel receive stamps at the far end, after the first release (a burst of 10 ms worth of packets). The rate "
-        "error is that of the whole run; as a stream is late by up to one period at either end, it cannot be told "
-        f"finer than one packet in the run ({PACING_SECONDS[100]} s at 100/s). The gap columns are medians over all "
+        "error is that of the whole run; as an exact stream ends late by up to one period, it cannot be told finer "
+        f"than one packet in the run (the runs take {', '.join(f'{s} s at {r}/s' for r, s in runs.items())}). The gap columns are medians over all "
         "gaps: the deviation from the period asked for, and from the median gap. At 100/s all rows run side by side, "
         "each in namespaces of its own; the others run alone. The bare loop sleeps as Vorn does, with a timer slack "
         "of 1 ns.",
