@@ -74,7 +74,8 @@ def compared_row(results, table, case, figure, role):
 
 
 def ratio(results, table, case, figure, of, to):
-    """The figure of one role ("vorn", "bare") over that of another ("peer", "bare"), paired; None when one is missing."""
+    """The figure of one role ("vorn", "bare") over that of another ("peer", "bare"), round by round; None when one is
+    missing."""
     row, other = (compared_row(results, table, case, figure, role) for role in (of, to))
     if row is None or other is None:
         return None

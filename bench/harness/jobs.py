@@ -128,7 +128,8 @@ class PacedRun:
         carrier, path = case.setting["carrier"], case.setting["path"]
         mode = "answer" if carrier == "udp" and path == "echo" else "stamps"
         receiver = [programs.bare("bare_receiver"), mode, carrier, str(TEST_PORT), str(self.stamps)]
-        self.receiver = stack.enter_context(Helper(self.lab, receiver, cpu=FAR_CPU if cpu == SENDER_CPU else SENDER_CPU))
+        other_cpu = FAR_CPU if cpu == SENDER_CPU else SENDER_CPU
+        self.receiver = stack.enter_context(Helper(self.lab, receiver, cpu=other_cpu))
 
     def start(self):
         self.sender = self.stack.enter_context(Measured(self.lab, self.row.command, cpu=self.cpu))

@@ -97,7 +97,8 @@ class Lab:
     def _know_each_other(self):
         pairs = ((self.near, self.far, FAR_ADDRESS), (self.far, self.near, NEAR_ADDRESS))
         for namespace, other, address in pairs:
-            shown = subprocess.run(["ip", "-n", other, "link", "show", LINK], check=True, capture_output=True, text=True)
+            show = ["ip", "-n", other, "link", "show", LINK]
+            shown = subprocess.run(show, check=True, capture_output=True, text=True)
             hardware = re.search(r"link/ether (\S+)", shown.stdout).group(1)
             ip("-n", namespace, "neigh", "replace", address, "lladdr", hardware, "dev", LINK, "nud", "permanent")
 

@@ -1,6 +1,7 @@
 """The tables as data: which programs do which job, which figures are shown, and what Vorn has to reach."""
 
 import dataclasses
+import shutil
 from typing import Callable
 
 from harness import jobs, programs
@@ -155,9 +156,11 @@ def echo_table(vorn, quick):
              for answers, count in counts.items() for window in (1, 10, 50, 500)]
     return Table(
         "echo", "Echo round trips: 64-byte ICMP messages",
-        "Answered requests per second from start to exit, with a window of unanswered requests (`-a#`; `ping -f -l #`). "
+        "Answered requests per second from start to exit, with a window of unanswered requests (`-a#`, "
+        "`ping -f -l #`). "
         "Over veth the far end answers within the sender's own system call, or, with receive packet steering, on the "
-        "other core. There the far end's kernel now and then discards an answer, whoever asks; such losses are counted.",
+        "other core. There the far end's kernel now and then discards an answer, whoever asks; such losses are "
+        "counted.",
         [Column("rate", "k round trips/s", 1, 1e-3), Column("cpu_ns", "processor ns per round trip", 0),
          *LOSS_COLUMNS, Column("memory_kb", "peak memory kB", 0)],
         {"rate": True, "cpu_ns": False}, cases, job=jobs.answered_requests)
@@ -247,7 +250,8 @@ def pacing_table(vorn, quick):
         "pacing", "Pacing",
         "Kernel receive stamps at the far end, after the first release (a burst of 10 ms worth of packets). The rate "
         "error is that of the whole run; as an exact stream ends late by up to one period, it cannot be told finer "
-        f"than one packet in the run (the runs take {', '.join(f'{s} s at {r}/s' for r, s in runs.items())}). The gap columns are medians over all "
+        f"than one packet in the run (the runs take {', '.join(f'{s} s at {r}/s' for r, s in runs.items())}). "
+        "The gap columns are medians over all "
         "gaps: the deviation from the period asked for, and from the median gap. At 100/s all rows run side by side, "
         "each in namespaces of its own; the others run alone. The bare loop sleeps as Vorn does, with a timer slack "
         "of 1 ns.",
@@ -338,7 +342,7 @@ def start_table(vorn, _quick):
 
 
 def size_table(vorn, _quick):
-    rows = [Row("vorn", "vorn", [vorn]), Row("fping", "peer", [programs.shutil.which("fping") or "fping"])]
+    rows = [Row("vorn", "vorn", [vorn]), Row("fping", "peer", [shutil.which("fping") or "fping"])]
     goals = [Goal("size_kb", "", 150, at_least=False), Goal("beyond_libc", "", 0, at_least=False)]
     return Table(
         "size", "Size on disk", "Stripped; libraries that the program names itself.",
