@@ -3,6 +3,7 @@
 import os
 import re
 import subprocess
+import time
 
 NEAR_ADDRESS = "10.77.0.1"
 FAR_ADDRESS = "10.77.0.2"
@@ -106,7 +107,11 @@ class Lab:
         """A process that does nothing there: the kernel shows a namespace's counters by process id."""
         helper = subprocess.Popen(self.command(namespace, ["sleep", "infinity"]))
         self.helpers.append(helper)
-        return helper.pid
+        for _ in range(500):  # it enters the namespace a moment after it starts
+            if os.path.samefile(f"/proc/{helper.pid}/ns/net", f"/run/netns/{namespace}"):
+                return helper.pid
+            time.sleep(0.01)
+        raise RuntimeError("the namespace did not open")
 
     def _remove(self):
         for helper in self.helpers:
