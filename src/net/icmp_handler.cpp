@@ -88,8 +88,9 @@ void check_stream_sequence(std::uint16_t sequence, const test_settings* settings
 }
 
 // The first packet of a stream is counted, but neither printed nor checked.
-int track_stream_packet(const icmp_echo* echo, std::uint32_t source, std::int64_t now, const test_settings* settings,
-                        test_stats* stats, run_state* run) {
+int track_stream_packet(const icmp_echo* echo, std::uint32_t source, const test_settings* settings, test_stats* stats,
+                        run_state* run) {
+  const std::int64_t now = clock_now();
   if (run->last_rx_time != 0) {
     const std::int64_t gap_usec = usec_between(run->last_rx_time, now);
     check_stream_gap(gap_usec, settings, stats);
@@ -105,11 +106,10 @@ int track_stream_packet(const icmp_echo* echo, std::uint32_t source, std::int64_
   return 1;
 }
 
-int handle_echo_reply(const icmp_datagram* parts, std::int64_t now, test_settings* settings, test_stats* stats,
-                      run_state* run) {
+int handle_echo_reply(const icmp_datagram* parts, test_settings* settings, test_stats* stats, run_state* run) {
   const icmp_echo echo = read_icmp_echo(parts->icmp);
   if (echo.identifier == static_cast<std::uint16_t>(settings->process_id)) {
-    if (settings->partner_mode != 0) return track_stream_packet(&echo, parts->source, now, settings, stats, run);
+    if (settings->partner_mode != 0) return track_stream_packet(&echo, parts->source, settings, stats, run);
     return settle_echo_reply(&echo, parts->source, settings, stats, run);
   }
   if (settings->partner_mode != 0 && settings->process_id == 0) lock_monitor(&echo, parts->source, settings);
@@ -132,7 +132,6 @@ bool is_known_type(std::uint8_t type) {
 
 int handle_icmp_response(const std::uint8_t* datagram, int length, test_settings* settings, test_stats* stats,
                          run_state* run) {
-  const std::int64_t now = clock_now();
   icmp_datagram parts = {};
   if (length < 0 || !locate_icmp({datagram, static_cast<std::size_t>(length)}, &parts)) return 0;
 
@@ -141,7 +140,7 @@ int handle_icmp_response(const std::uint8_t* datagram, int length, test_settings
     return 0;
   }
   const std::uint8_t type = parts.icmp[0];
-  if (type == icmp_echo_reply) return handle_echo_reply(&parts, now, settings, stats, run);
+  if (type == icmp_echo_reply) return handle_echo_reply(&parts, settings, stats, run);
   if (type == icmp_destination_unreachable || type == icmp_time_exceeded) {
     return settle_quoted_request(&parts, settings, stats, run);
   }
