@@ -149,25 +149,29 @@ void start_batch(test_stats* stats, run_state* run) {
   run->last_rx_time = 0;
 }
 
-// While the window is full nothing can be sent before an answer is reported. The answers that are queued already are
-// read in one go then: sending one request for each would wake the far end for every packet.
-void read_queued_answers(test_settings* settings, test_stats* stats, run_state* run) {
+// While the window is full nothing can be sent before an answer is reported. What is queued behind that answer is read
+// in one go then: sending one request for each would wake the far end for every packet.
+int frames_worth_reading(const test_settings* settings, const run_state* run) {
   const std::uint32_t unreported = run->current_tx__packet - run->oldest_outstanding;
-  if (unreported < settings->max_outstanding) return;
-  const int more = static_cast<int>(std::min<std::uint32_t>(unreported - 1, longest_read_run));
-  for (int i = 0; i < more && run->data_socket != -1; ++i) {
-    const std::uint64_t received_before = stats->rx_packets;
-    if (receive_one_frame(settings, run, stats, 0) < 0 && settings->tcp != 0) close_data_socket(run);
-    if (stats->rx_packets == received_before) return;
+  if (unreported < settings->max_outstanding) return 0;
+  return static_cast<int>(std::min<std::uint32_t>(unreported - 1, longest_read_run));
+}
+
+bool keep_receiving_echoes(test_settings* settings, test_stats* stats, run_state* run, int status) {
+  int more = status > 0 ? frames_worth_reading(settings, run) : 0;
+  if (status <= 0) follow_clock_set_back(clock_now(), run, stats);
+  bool keep_going = echo_progress(settings, run, stats) != 0;
+  for (; more > 0 && status > 0; --more) {
+    status = receive_one_frame(settings, run, stats, 0);
+    keep_going = echo_progress(settings, run, stats) != 0;
   }
+  return keep_going;
 }
 
 bool keep_receiving(test_settings* settings, test_stats* stats, run_state* run, int status) {
   if (settings->command_mode != 0) return batch_report(settings, run, stats, status) != 0;
   if (settings->partner_mode != 0) return true;
-  if (status > 0) read_queued_answers(settings, stats, run);
-  if (status <= 0) follow_clock_set_back(clock_now(), run, stats);
-  return echo_progress(settings, run, stats) != 0;
+  return keep_receiving_echoes(settings, stats, run, status);
 }
 
 // `shortest_wait_usec` keeps a test that cannot send from asking again without a pause.
