@@ -12,6 +12,10 @@ namespace {
 constexpr std::int64_t first_burst_usec = 10000;     // the credit a test starts with
 constexpr std::int64_t partner_wait_usec = 1000000;  // a silence this long ends a batch
 
+std::uint32_t requests_left(const test_settings* settings, const run_state* run) {
+  return run->current_tx__packet < settings->total_requests ? settings->total_requests - run->current_tx__packet : 0;
+}
+
 // Room that the window leaves, counted in 64 bits: a machine that slept for an hour owes more than 2^31 packets.
 std::int64_t window_room(const test_settings* settings, const run_state* run) {
   const std::uint32_t unreported = run->current_tx__packet - run->oldest_outstanding;
@@ -50,9 +54,7 @@ std::uint32_t packets_due(const test_settings* settings, run_state* run) {
 
   std::uint32_t due = credit_in_packets(settings, run, elapsed);
   if (nothing_sent && due == 0) due = 1;
-  if (run->current_tx__packet + due >= settings->total_requests) {
-    due = settings->total_requests - run->current_tx__packet;
-  }
+  due = std::min(due, requests_left(settings, run));
   if (settings->command_mode != 0) due = 1;
   if (settings->ignore_responses == 0) {
     due = static_cast<std::uint32_t>(std::min<std::int64_t>(due, window_room(settings, run)));
