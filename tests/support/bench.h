@@ -1,0 +1,109 @@
+// One run on the bench: its records, its packet table, and both ends of its connection.
+#pragma once
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/options.h"
+#include "app/test_settings.h"
+#include "engine/clock.h"
+#include "engine/run_records.h"
+#include "net/transmitter.h"
+#include "report/results_files.h"
+#include "report/sample_list.h"
+#include "support/frames.h"
+#include "support/simulated_world.h"
+
+// The arguments stand between blanks; their texts live until the next call.
+inline int parse(const std::string& arguments, test_settings* settings) {
+  static std::vector<std::string> texts;
+  std::istringstream words("vorn " + arguments);
+  texts.assign(std::istream_iterator<std::string>(words), {});
+  std::vector<char*> pointers;
+  for (std::string& text : texts) pointers.push_back(text.data());
+  return parse_command_line(static_cast<int>(pointers.size()), pointers.data(), settings);
+}
+
+struct bench {
+  // A run to 10.0.0.1, unless `arguments` name another host. The world and all that is process-wide begin anew.
+  explicit bench(const std::string& arguments = "") {
+    world = {};
+    transmit_buffer.fill(0);
+    results_filename = results_tag = nullptr;
+    bandwidth_samples.count = buffer_samples.count = 0;
+    const char* host = arguments.find("10.") == std::string::npos ? " 10.0.0.1" : "";
+    if (parse(arguments + host, &settings) != 0) std::abort();
+    settings.process_id = 70000;  // wider than an ICMP identifier
+    settings.total_requests = settings.echo_count;
+    run.packet_table = table;
+    run.packet_table_size = packet_table_slots;
+    run.data_socket = -1;
+    stats.batch_first_seq = stats.batch_last_seq = -1;
+    stats.start_time = clock_now();
+  }
+  ~bench() {
+    std::free(table);
+    if (peer >= 0) close(peer);
+    if (run.data_socket >= 0) close(run.data_socket);
+  }
+  bench(const bench&) = delete;
+  bench& operator=(const bench&) = delete;
+
+  packet_slot& slot(std::int64_t sequence) {
+    return table[sequence % packet_table_slots];
+  }
+  // The request left `age` usec ago and waits for its answer.
+  void request(std::int64_t number, std::int64_t age = 0) {
+    const auto sequence = static_cast<std::uint32_t>(number);
+    slot(number) = {.outstanding = 1,
+                    .sequence = sequence,
+                    .slot_index = static_cast<std::uint16_t>(number),
+                    .process_id = 0,
+                    .responder = 0,
+                    .destination = settings.start_host,
+                    .response_type = 0,
+                    .tx_time = world.now - age,
+                    .rx_time = 0};
+    run.current_tx__packet = sequence + 1;
+  }
+  // Its answer came `age` usec ago.
+  void answer(std::int64_t sequence, std::int64_t age = 0) {
+    slot(sequence).outstanding = 0;
+    slot(sequence).responder = settings.start_host;
+    slot(sequence).rx_time = world.now - age;
+  }
+  void become_monitor() {
+    settings.partner_mode = settings.silent = 1;
+    settings.process_id = 1;
+  }
+  // Joins run.data_socket to `peer`, by a stream or by datagrams.
+  void connect(int type) {
+    std::signal(SIGPIPE, SIG_IGN);
+    int ends[2];
+    if (socketpair(AF_UNIX, type, 0, ends) != 0) std::abort();
+    run.data_socket = ends[0];
+    peer = ends[1];
+  }
+  void write_to_code(const byte_vector& bytes) const {
+    if (write(peer, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) std::abort();
+  }
+  [[nodiscard]] byte_vector read_from_code() const {
+    static byte_vector buffer(65536);
+    const ssize_t length = recv(peer, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    return prefix(buffer, length > 0 ? static_cast<std::size_t>(length) : 0);
+  }
+
+  test_settings settings = {};
+  test_stats stats = {};
+  run_state run = {};
+  packet_slot* const table = static_cast<packet_slot*>(std::calloc(packet_table_slots, sizeof(packet_slot)));
+  int peer = -1;
+};

@@ -1,0 +1,55 @@
+// What the tests compare.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "support/bench.h"
+
+using list = std::vector<std::int64_t>;
+
+template <typename... integer>
+list numbers(integer... each) {
+  return {static_cast<std::int64_t>(each)...};
+}
+
+// All that `code` prints: standard output, then behind "[err] " standard error.
+template <typename function>
+std::string said(function&& code) {
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  code();
+  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string err = testing::internal::GetCapturedStderr();
+  return err.empty() ? out : out + "[err] " + err;
+}
+
+// The same, and what the code returns where that is not `result`.
+template <typename function>
+std::string said(int result, function&& code) {
+  int got = 0;
+  const std::string text = said([&] { got = code(); });
+  return got == result ? text : text + "result " + std::to_string(got);
+}
+
+// The same for code that works but once in a process.
+template <typename function>
+std::string said_by_child(function&& code) {
+  int status = 0;
+  const std::string text = said([&] {
+    const pid_t child = fork();
+    if (child == 0) {
+      code();
+      std::fflush(stdout);
+      _exit(0);
+    }
+    waitpid(child, &status, 0);
+  });
+  return status == 0 ? text : text + "status " + std::to_string(status);
+}
