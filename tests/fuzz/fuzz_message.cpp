@@ -1,0 +1,38 @@
+// The reader of test messages in its three roles, commands and their execution included.
+#include "net/message_handler.h"
+#include "report/batch_report.h"
+#include "support/bench.h"
+
+static void handle(bench* b, byte_vector message) {
+  const int result = handle_test_message(inet_addr("10.0.0.7"), htons(9), message.data(),
+                                         static_cast<int>(message.size()), &b->settings, &b->stats, &b->run);
+  if (result < 0 || result > 2) std::abort();
+  if (b->settings.command_mode != 0) (void)batch_report(&b->settings, &b->run, &b->stats, result);
+}
+
+// The first byte says who reads; each message follows behind the two bytes of its length.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  static const std::string roles[] = {"-u",    "-p",    "-c -E5 -b -v",  "-c -p -E5 -b",
+                                      "-u -s", "-p -s", "-c -E65536 -Q", "-c -E0 -B"};
+  const std::uint8_t role = data[0];
+  bench b(roles[role & 7U]);
+  b.settings.partner_mode |= role >> 3U & 1U;
+  b.settings.remote_run = role >> 4U & 1U;
+  if (b.settings.tcp != 0) b.connect(SOCK_STREAM);
+  world.keeps_nothing = true;
+  for (std::uint32_t i = 0; i < 9; ++i) b.request(i);
+  for (++data, --size; size >= 2;) {
+    const std::size_t length = std::min<std::size_t>(std::size_t{data[0]} << 8U | data[1], size - 2);
+    byte_vector message(data + 2, data + 2 + length);
+    // Long streams are rare, or there would be no time for anything else.
+    if (length >= 164 && (role & 0xE0U) != 0) message[28] = message[29] = message[30] = 0;
+    handle(&b, message);
+    data += 2 + length;
+    size -= 2 + length;
+    world.now += 70000;
+    while (b.peer >= 0 && !b.read_from_code().empty()) {
+    }
+  }
+  return 0;
+}
