@@ -32,16 +32,18 @@ TEST(EchoRun, OutlivesEveryStepOfTheClock) {
   for (const std::int64_t step : {3600000000, -3600000000}) {
     for (const std::int64_t moment :
          {50000, 100001, 100500, 199000, 500000}) {  // awaiting an answer, or the next request
-      for (const bool answered : {false, true}) {
-        bench b("-e8");
+      for (const std::string arguments : {"-e8", "-e8 -T100001", "-e8 -i"}) {  // answered, not answered, not asked
+        bench b(arguments);
+        const bool answered = arguments == "-e8";
         if (answered) answer_after(&b, 1000);
         world.after(moment, [step] {
           world.now += step;
           for (auto& [time, event] : std::exchange(world.events, {})) world.events.emplace(time + step, event);
         });
         const std::string text = said([&] { run(&b); });
-        const std::int64_t undisturbed = answered ? 7 * 100001 + 1000 : 8 * 200000;
-        EXPECT_LE(world.now - step - simulated_world().now, undisturbed + 200001) << step << " at " << moment;
+        const std::int64_t undisturbed = 8 * (answered ? 100001 : 200001);
+        EXPECT_LE(world.now - step - simulated_world().now, undisturbed + 200001)
+            << arguments << step << " at " << moment;
         EXPECT_EQ(numbers(b.stats.tx_packets, text.find('-')), (list{8, -1})) << text;
       }
     }
