@@ -1,0 +1,24 @@
+# Run by cpack on the installed tree before it is packed: what Debian's policy asks for beyond `cmake --install`.
+if(NOT CPACK_GENERATOR STREQUAL "DEB")
+  return()
+endif()
+
+function(complete_tree tree package)
+  if(NOT EXISTS ${tree})
+    return()
+  endif()
+  set(doc ${tree}/usr/share/doc/${package})
+  file(COPY ${CPACK_VORN_DEBIAN_DIR}/copyright ${CPACK_VORN_DEBIAN_DIR}/changelog DESTINATION ${doc})
+  file(RENAME ${doc}/changelog ${doc}/changelog.Debian)
+  file(REMOVE ${doc}/LICENSE)  # the copyright file holds it
+  if(EXISTS ${CPACK_VORN_DEBIAN_DIR}/${package}.lintian-overrides)
+    file(COPY ${CPACK_VORN_DEBIAN_DIR}/${package}.lintian-overrides DESTINATION ${tree}/usr/share/lintian/overrides)
+    file(RENAME ${tree}/usr/share/lintian/overrides/${package}.lintian-overrides
+         ${tree}/usr/share/lintian/overrides/${package})
+  endif()
+  file(GLOB manuals ${tree}/usr/share/man/*/*.[18])
+  execute_process(COMMAND gzip -9n ${doc}/changelog.Debian ${manuals} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+
+complete_tree(${CPACK_TEMPORARY_DIRECTORY}/vorn vorn)
+complete_tree(${CPACK_TEMPORARY_DIRECTORY}/plot vorn-plot)

@@ -1,0 +1,43 @@
+# What an installation holds and where it goes: component `vorn` is the program and what belongs to it, `plot` its
+# companion for the workstation.
+
+# zsh looks for completions of Debian's packages in vendor-completions, for all others in site-functions.
+set(VORN_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING "Where zsh finds completion functions")
+
+# The configuration of /usr lies in /etc, that of any other prefix below the prefix.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(configuration_dir ${CMAKE_INSTALL_FULL_SYSCONFDIR})
+else()
+  set(configuration_dir ${CMAKE_INSTALL_SYSCONFDIR})
+endif()
+
+# The unit names the program by the path it is installed to.
+file(READ service/vorn-server.service unit)
+string(REPLACE "/usr/sbin/" "${CMAKE_INSTALL_FULL_SBINDIR}/" unit "${unit}")
+file(CONFIGURE OUTPUT vorn-server.service CONTENT "${unit}" @ONLY)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS service/vorn-server.service)
+
+install(TARGETS vorn RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT vorn)
+install(FILES completions/vorn.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vorn
+        COMPONENT vorn)
+install(FILES completions/_vorn DESTINATION ${VORN_ZSH_DIR} COMPONENT vorn)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vorn-server.service DESTINATION lib/systemd/system COMPONENT vorn)
+install(FILES service/vorn.ufw DESTINATION ${configuration_dir}/ufw/applications.d RENAME vorn COMPONENT vorn)
+install(FILES service/vorn.nft service/90-vorn.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT vorn)
+install(FILES LICENSE CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT vorn)
+
+# Still being written; each of these goes up to its like, without the question, once it is there.
+if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/README.md)
+  install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT vorn)
+endif()
+if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/man/vorn.8)
+  install(FILES man/vorn.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT vorn)
+endif()
+if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/plot/vorn-plot)
+  install(PROGRAMS plot/vorn-plot DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT plot)
+endif()
+if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/man/vorn-plot.1)
+  install(FILES man/vorn-plot.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT plot)
+endif()
+
+include(cmake/packages.cmake)
