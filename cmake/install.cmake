@@ -25,6 +25,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vorn-server.service DESTINATION lib/sy
 install(FILES service/vorn.ufw DESTINATION ${configuration_dir}/ufw/applications.d RENAME vorn COMPONENT vorn)
 install(FILES service/vorn.nft service/90-vorn.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT vorn)
 install(FILES LICENSE CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT vorn)
+if(VORN_STATIC)
+  install(FILES packaging/INSTALL DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT vorn)
+endif()
 
 # Still being written; each of these goes up to its like, without the question, once it is there.
 if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/README.md)
