@@ -1,6 +1,6 @@
-// Part of static programs only. Name services beyond /etc/hosts and DNS are shared libraries that belong to the system's
-// own glibc; one of another version, loaded into a static program, crashes it. So /etc/nsswitch.conf, which asks for
-// them on most desktops, is not followed.
+// Part of static programs only. Name services beyond /etc/hosts and DNS are shared libraries that belong to the
+// system's own glibc; one of another version, loaded into a static program, crashes it. So /etc/nsswitch.conf, which
+// asks for them on most desktops, is not followed.
 #include <nss.h>
 
 namespace {
