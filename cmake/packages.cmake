@@ -1,4 +1,5 @@
-# The packages that cpack makes: -G DEB for Debian, -G TGZ for any Linux (from a static build). scripts/package makes all.
+# The packages that cpack makes: -G DEB for Debian, -G TGZ for any Linux (from a static build). scripts/package makes
+# them all.
 
 set(VORN_MAINTAINER "Vorn maintainers <maintainers@vorn.invalid>" CACHE STRING "Maintainer named in Debian packages")
 set(VORN_PACKAGE_ARCHITECTURE amd64 CACHE STRING "Debian's name of the processor that is built for")

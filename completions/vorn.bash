@@ -45,8 +45,8 @@ _vorn() {
     -f*) _vorn_files "$value" ;;
     -R*) _vorn_hosts "$value" ;;
     -n*)
-      mapfile -t COMPREPLY < <(compgen -W "$(ip -4 -o address show 2>/dev/null | awk '{ sub("/.*", "", $4); print $4 }')" \
-        -- "$value")
+      mapfile -t COMPREPLY < <(compgen -W \
+        "$(ip -4 -o address show 2>/dev/null | awk '{ sub("/.*", "", $4); print $4 }')" -- "$value")
       ;;
     -q*) mapfile -t COMPREPLY < <(compgen -W '0x08 0x18 0x20 0x28 0x30 0x88 0xa0 0xe0' -- "$value") ;;
     -)

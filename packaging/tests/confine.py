@@ -24,7 +24,8 @@ PR_SET_NO_NEW_PRIVS, PR_CAPBSET_DROP = 38, 24
 
 
 class Comparison(ctypes.Structure):
-    _fields_ = [("argument", ctypes.c_uint), ("operation", ctypes.c_int), ("a", ctypes.c_uint64), ("b", ctypes.c_uint64)]
+    _fields_ = [("argument", ctypes.c_uint), ("operation", ctypes.c_int),
+                ("a", ctypes.c_uint64), ("b", ctypes.c_uint64)]
 
 
 def values_of(unit, name):
@@ -41,8 +42,9 @@ def expand(names):
         if not name.startswith("@"):
             calls.add(name)
             continue
-        listing = subprocess.run(["systemd-analyze", "syscall-filter", name], stdout=subprocess.PIPE, text=True, check=True)
-        words = [line.split("#")[0].strip() for line in listing.stdout.splitlines()]
+        listing = subprocess.run(["systemd-analyze", "syscall-filter", name], stdout=subprocess.PIPE, text=True,
+                                 check=True).stdout
+        words = [line.split("#")[0].strip() for line in listing.splitlines()]
         calls |= expand(word for word in words if word and word != name)
     return calls
 

@@ -13,5 +13,5 @@ print("ready", flush=True)
 while True:
     query, client = server.recvfrom(512)
     end = query.index(b"\0", 12) + 5  # the name, its type and class
-    server.sendto(query[:2] + AUTHORITATIVE_ANSWER + ONE_OF_EACH + query[12:end] + NAME_OF_QUESTION + A_IN + TIME_TO_LIVE
-                  + b"\0\4" + ADDRESS, client)
+    answer = NAME_OF_QUESTION + A_IN + TIME_TO_LIVE + b"\0\4" + ADDRESS
+    server.sendto(query[:2] + AUTHORITATIVE_ANSWER + ONE_OF_EACH + query[12:end] + answer, client)

@@ -73,8 +73,8 @@ class Monitor:
 
 
 def vorn(*arguments):
-    return subprocess.run([VORN, *arguments], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=PATIENCE,
-                          check=False).stdout
+    return subprocess.run([VORN, *arguments], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          timeout=PATIENCE, check=False).stdout
 
 
 @needs("systemd-analyze")
