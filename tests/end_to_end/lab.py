@@ -2,7 +2,7 @@
 #
 # Everything hangs on file descriptors: an unnamed network namespace lives as long as the descriptor that holds it, and
 # takes its links, routes, sockets and TUN device with it. So nothing is left behind, however a test ends.
-import contextlib, ctypes, fcntl, heapq, os, re, select, shutil, signal, socket, struct, subprocess, threading, time
+import contextlib, ctypes, fcntl, os, re, select, shutil, signal, socket, struct, subprocess, tempfile, threading, time
 from collections import namedtuple
 from pathlib import Path
 
@@ -18,8 +18,8 @@ NEW_NETWORK = 0x40000000  # CLONE_NEWNET
 
 
 # Waits until the condition holds; how long that takes on a busy machine is no fault of the program.
-def eventually(condition, what):
-    deadline = time.monotonic() + PATIENCE
+def eventually(condition, what, patience=PATIENCE):
+    deadline = time.monotonic() + patience
     while not condition():
         assert time.monotonic() < deadline, f"waited in vain for {what}"
         time.sleep(0.002)
@@ -30,57 +30,42 @@ def eventually(condition, what):
 # A network namespace of our own; `with` moves the calling thread, and what it starts or opens, into it.
 class Namespace:
     def __init__(self):
-        self.home = self.current()
+        self.home = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
         assert LIBC.unshare(NEW_NETWORK) == 0, "only root can make a network namespace"
-        self.network = self.current()
-        self.__exit__()
+        self.network = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
         self.ip("link set lo up")
 
-    @staticmethod
-    def current():
-        return os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
-
     def __enter__(self):
-        self.home = self.current()
         assert LIBC.setns(self.network, NEW_NETWORK) == 0
 
     def __exit__(self, *_):
         assert LIBC.setns(self.home, NEW_NETWORK) == 0
-        os.close(self.home)
 
-    def ip(self, command):
+    def ip(self, *commands):
         with self:
-            subprocess.run(["ip", *command.split()], check=True)
+            subprocess.run(["ip", "-batch", "-"], input="\n".join(commands), text=True, check=True)
 
     def close(self):
-        inside = os.fstat(self.network).st_ino
-        for process in Path("/proc").glob("[0-9]*"):  # whatever detached itself in here
-            with contextlib.suppress(OSError):
-                if os.stat(process / "ns/net").st_ino == inside:
-                    os.kill(int(process.name), signal.SIGKILL)
         os.close(self.network)
+        os.close(self.home)
 
 
 # The program under test while it runs, and what it wrote: `out`, `err` (or all in `out` when merged).
 class Program:
     def __init__(self, command, merged=False, env={}, **options):
-        pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT if merged else subprocess.PIPE}
+        self.files = [tempfile.TemporaryFile(), tempfile.TemporaryFile()]
+        streams = {"stdout": self.files[0], "stderr": self.files[not merged], "stdin": subprocess.DEVNULL}
         env = {**os.environ, "ASAN_OPTIONS": "verify_asan_link_order=0", **env}
-        self.process = subprocess.Popen(command, env=env, stdin=subprocess.DEVNULL, **{**pipes, **options})
-        self.pid, self.written = self.process.pid, {"out": bytearray(), "err": bytearray()}
-        read = [(self.process.stdout, self.written["out"]), (self.process.stderr, self.written["err"])]
-        self.readers = [threading.Thread(target=self.collect, args=pair, daemon=True) for pair in read if pair[0]]
-        for reader in self.readers:
-            reader.start()
+        self.process = subprocess.Popen(command, env=env, **{**streams, **options})
+        self.pid, self.signal = self.process.pid, self.process.send_signal
 
-    @staticmethod
-    def collect(pipe, written):
-        while chunk := os.read(pipe.fileno(), 65536):
-            written += chunk
+    def written(self, stream):
+        file = self.files[stream].fileno()
+        return os.pread(file, os.fstat(file).st_size, 0).decode()
 
-    out = property(lambda self: self.written["out"].decode())
-    err = property(lambda self: self.written["err"].decode())
-    status = property(lambda self: self.process.returncode)  # negative: the signal that ended it
+    out = property(lambda self: self.written(0))
+    err = property(lambda self: self.written(1))
+    status = property(lambda self: self.process.poll())  # negative: the signal that ended it
 
     @property
     def body(self):  # standard output behind the banner
@@ -88,21 +73,19 @@ class Program:
         assert banner, self.out
         return self.out[banner.end():]
 
-    def wait_for(self, text, stream="out"):
-        eventually(lambda: text.encode() in self.written[stream] or self.process.poll() is not None, text)
-        assert self.process.poll() is None, (text, self.out, self.err)
+    def proc(self, file):
+        return Path(f"/proc/{self.pid}/{file}").read_text()
 
-    def freeze(self):
-        self.process.send_signal(signal.SIGSTOP)
-        os.waitid(os.P_PID, self.pid, os.WSTOPPED)
+    def wait_for(self, text):
+        eventually(lambda: text in self.out + self.err or self.status is not None, text)
+        assert self.status is None, (text, self.out, self.err)
+
+    # "S": asleep, so it has read all that came; "T": stopped.
+    def wait_until(self, state):
+        eventually(lambda: self.proc("stat").rpartition(") ")[2][0] == state, f"state {state}")
 
     def finish(self, patience=PATIENCE):
-        try:
-            self.process.wait(patience)
-        except subprocess.TimeoutExpired:
-            raise AssertionError(f"still running: {self.process.args}\n{self.out}\n{self.err}") from None
-        for reader in self.readers:
-            reader.join()
+        eventually(lambda: self.status is not None, f"the end of {self.process.args}", patience)
         assert "Sanitizer" not in self.err and "runtime error" not in self.err, self.err
         return self
 
@@ -113,8 +96,7 @@ class Program:
 
 class Lab(contextlib.ExitStack):
     def own(self, thing):
-        self.callback(thing.close)
-        return thing
+        return self.enter_context(contextlib.closing(thing))
 
     def namespace(self):
         return self.own(Namespace())
@@ -124,24 +106,21 @@ class Lab(contextlib.ExitStack):
     def chain(self, routers):
         nodes = [self.namespace() for _ in range(routers + 2)]
         for i, (left, right) in enumerate(zip(nodes, nodes[1:])):
-            left.ip(f"link add right type veth peer name left netns /proc/{os.getpid()}/fd/{right.network}")
-            for node, side, end in ((left, "right", 1), (right, "left", 2)):
-                node.ip(f"addr add 10.9.{i}.{end}/24 dev {side}")
-                node.ip(f"link set {side} up")
-        nodes[0].ip("route add default via 10.9.0.2")
-        for i, node in enumerate(nodes[1:], 1):
-            with node:
+            left.ip(f"link add right type veth peer name left netns /proc/{os.getpid()}/fd/{right.network}",
+                    f"addr add 10.9.{i}.1/24 dev right", "link set right up",
+                    f"route add 10.9.{routers}.2 via 10.9.{i}.2")
+            right.ip(f"addr add 10.9.{i}.2/24 dev left", "link set left up", f"route add 10.9.0.0/22 via 10.9.{i}.1")
+            with right:
                 Path("/proc/sys/net/ipv4/ip_forward").write_text("1")
                 Path("/proc/sys/net/ipv4/icmp_ratelimit").write_text("0")
-            for link in set(range(routers + 1)) - {i - 1, i}:
-                node.ip(f"route add 10.9.{link}.0/24 via " + (f"10.9.{i - 1}.1" if link < i else f"10.9.{i}.2"))
+        nodes[0].ip("route add default via 10.9.0.2")
         return nodes
 
     # Start the program in a namespace; `before` is a command in front of it, such as one that ignores a signal. What
     # our own caller ignores (a shell's background job ignores SIGINT) must not be ignored by the program.
-    def start(self, *arguments, at=None, before=(), **options):
+    def start(self, *arguments, at=None, before=(), program=VORN, **options):
         with at or self.namespace():
-            command = ["env", "--default-signal=HUP,INT,QUIT,TERM", *before, VORN, *arguments]
+            command = ["env", "--default-signal=HUP,INT,QUIT,TERM", *before, program, *arguments]
             return self.own(Program(command, **options))
 
     def run(self, *arguments, **options):
@@ -158,11 +137,10 @@ class Lab(contextlib.ExitStack):
         run, peer = self.pinging(script, 0, *arguments, **options)
         return run.finish(), peer
 
-    def monitor(self, *arguments, at):
-        program = self.start(*arguments, "--server", at=at)
-        program.wait_for("Destination IP", "err")
-        state = Path(f"/proc/{program.pid}/stat")  # once it sleeps, its first packet is out and it serves
-        eventually(lambda: state.read_text().rpartition(") ")[2][0] == "S", "a monitor at rest")
+    def monitor(self, *arguments, **options):
+        program = self.start(*arguments, "--server", **options)
+        program.wait_for("Destination IP")
+        program.wait_until("S")  # its first packet is out and it serves
         return program
 
     def socket(self, at, port=0, kind=socket.SOCK_DGRAM, to=None):
@@ -193,36 +171,28 @@ class Packet:
         self.type, self.code, self.identifier, self.sequence = struct.unpack(">BBxxHH", self.message[:8])
 
 
-# Plays all hosts behind a TUN device: script(packet) gives the (delay in seconds, IPv4 packet) to send for it. A table
-# as script gives request n the answers of table[n], and answers a request without an entry at once.
+# Plays all hosts behind a TUN device: script(packet) gives the IPv4 packets to send for it, one after the other, each
+# with the seconds to wait first. A table as script gives request n the answers of table[n], else one at once.
 class TunPeer(threading.Thread):
     def __init__(self, namespace, script):
         super().__init__(daemon=True)
-        self.namespace, self.packets, self.pending, self.stop = namespace, [], [], os.eventfd(0)
+        self.namespace, self.packets, self.stop = namespace, [], os.eventfd(0)
         self.script = script if callable(script) else lambda request: [
             answer(request) for answer in script.get(request.sequence, [reply()])] if request.type == 8 else []
         with namespace:
             self.tun = os.open("/dev/net/tun", os.O_RDWR | os.O_CLOEXEC)
             fcntl.ioctl(self.tun, 0x400454CA, struct.pack("16sH22x", b"tun0", 0x1001))  # TUNSETIFF: IFF_TUN | IFF_NO_PI
-        namespace.ip("addr add 10.9.0.1/16 dev tun0")
-        namespace.ip("link set tun0 up")
+        namespace.ip("addr add 10.9.0.1/16 dev tun0", "link set tun0 up")
         self.start()
 
     def run(self):
-        readable = []
-        while self.stop not in readable:
-            if self.tun in readable:
-                self.take(os.read(self.tun, 65536))
-            while self.pending and self.pending[0][0] <= time.monotonic():
-                os.write(self.tun, heapq.heappop(self.pending)[2])
-            wait = max(0.0, self.pending[0][0] - time.monotonic()) if self.pending else None
-            readable = select.select([self.tun, self.stop], [], [], wait)[0]
-
-    def take(self, data):
-        if data[0] >> 4 == 4 and data[9] == socket.IPPROTO_ICMP:  # else the kernel's own, such as IPv6 neighbours
-            self.packets.append(Packet(data))
-            for i, (delay, packet) in enumerate(self.script(self.packets[-1])):
-                heapq.heappush(self.pending, (time.monotonic() + delay, len(self.packets) * 100000 + i, packet))
+        while self.stop not in select.select([self.tun, self.stop], [], [])[0]:
+            data = os.read(self.tun, 65536)
+            if data[0] >> 4 == 4 and data[9] == socket.IPPROTO_ICMP:  # else the kernel's own, such as IPv6 neighbours
+                self.packets.append(Packet(data))
+                for delay, packet in self.script(self.packets[-1]):
+                    time.sleep(delay)
+                    os.write(self.tun, packet)
 
     def close(self):
         os.eventfd_write(self.stop, 1)
@@ -238,9 +208,9 @@ def checksum(data):
     return total ^ 0xFFFF
 
 
-def ipv4(source, destination, payload, options):
+def ipv4(source, destination, payload, options=b"", protocol=socket.IPPROTO_ICMP):
     size = 20 + len(options)
-    front = struct.pack(">BBHHHBB", 0x40 | size // 4, 0, size + len(payload), 0, 0, 64, socket.IPPROTO_ICMP)
+    front = struct.pack(">BBHHHBB", 0x40 | size // 4, 0, size + len(payload), 0, 0, 64, protocol)
     back = socket.inet_aton(source) + socket.inet_aton(destination) + options
     return front + struct.pack(">H", checksum(front + b"\0\0" + back)) + back + payload
 
@@ -249,12 +219,12 @@ def icmp(kind, rest, spoil=0):
     return struct.pack(">BBH", kind, 0, checksum(struct.pack(">BBH", kind, 0, 0) + rest) ^ spoil) + rest
 
 
-# Answers with an echo reply, right in all that is not said otherwise.
-def reply(delay=0, source=None, identifier=None, sequence=None, spoil=0, options=b"", length=None):
+# Answers with an echo reply, right in all that is not said otherwise; shift: for another request, so many later.
+def reply(delay=0, source=None, identifier=None, shift=0, spoil=0, options=b"", length=None):
     def build(request):
-        rest = struct.pack(">HH", request.identifier if identifier is None else identifier,
-                           request.sequence if sequence is None else sequence) + request.message[8:]
-        message = icmp(0, rest if length is None else rest[:length - 4], spoil)
+        ids = (request.identifier if identifier is None else identifier, request.sequence + shift)
+        rest = struct.pack(">HH", *ids) + request.message[8:]
+        message = icmp(0, rest[:None if length is None else length - 4], spoil)
         return delay, ipv4(source or request.destination, request.source, message, options)
     return build
 

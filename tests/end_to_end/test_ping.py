@@ -1,54 +1,47 @@
-# Echo mode over ICMP: what each kind of answer, or its absence, does to the lines, the counts and the pacing.
+# Echo mode over ICMP: what each kind of answer, or its absence, does to the lines, the counts and the pacing; the
+# sweep, traceroute, and sending without listening.
 from lab import *
 
-LOST, SURE = [], "-T9000000"  # an answer that never comes; a time-out that no slow machine reaches
+SURE, BAD_CHECKSUM = "-T9000000", "Error: Received ICMP message with bad ICMP checksum\n"
+ALL, TTL, UNREACHABLE = "".join(map(received, range(3))) + summary(3, 3), "TTL Exceeded", "Destination Unreachable"
 
 
-def test_output_and_frames_of_a_plain_ping(lab):
-    for option, length in (("-l0", 8), ("-l29", 9), ("-l1499", 1479), ("-q0x20", 8)):
-        run, peer = lab.ping({}, HOST, "-d5000", SURE, option)
-        assert shape(run.body) == "".join(map(received, range(3))) + summary(3, 3)
-        assert (run.err, run.status) == (f"Destination IP = {HOST}\nCleanup exit\n", 0)
-        for sequence, packet in enumerate(peer.packets):
-            assert (packet.destination, packet.type, packet.code) == (HOST, 8, 0)
-            assert packet.message[4:8] == struct.pack("=H", run.pid & 0xFFFF) + struct.pack(">H", sequence)
-            assert packet.message[8:] == bytes(length - 8) and checksum(packet.message) == 0
-            assert packet.tos == (0x20 if option == "-q0x20" else 0)
-    run = lab.run(LOOPBACK, "-l65535", "-d0", SURE)  # our own kernel answers, in one frame as large as any
-    assert shape(run.body) == "".join(received(i, LOOPBACK) for i in range(3)) + summary(3, 3)
+@pytest.mark.parametrize("options, kind, length, lines", [
+    ("-l0", 8, 8, ALL), ("-l29", 8, 9, ALL), ("-l1499", 8, 1479, ALL), ("-q0x20", 8, 8, ALL),
+    ("-i", 8, 8, summary(3, 0)), ("-U -i -l1500", 0, 1480, summary(3, 0)),
+    ("-U -T20000", 0, 8, "".join(map(timed_out, range(3))) + summary(3, 0))])
+def test_output_and_frames(lab, options, kind, length, lines):
+    run, peer = lab.ping({}, HOST, "-e3", "-d5000", SURE, *options.split())
+    assert (shape(run.body), run.err, run.status) == (lines, f"Destination IP = {HOST}\nCleanup exit\n", 0)
+    eventually(lambda: len(peer.packets) == 3, "the requests")
+    for sequence, packet in enumerate(peer.packets):
+        assert (packet.destination, packet.tos) == (HOST, 0x20 if options == "-q0x20" else 0)
+        ids = struct.pack("=H", run.pid & 0xFFFF) + struct.pack(">H", sequence)
+        assert packet.message == icmp(kind, ids + bytes(length - 8))
 
 
-# A window of one: request 2 goes out when 1 is settled, so what answers 2 ahead of its own reply is late for 1.
-# A row: the answers to request 1, those ahead of the reply to 2, options, lines between requests 0 and 2, errors.
-BAD_CHECKSUM = "Error: Received ICMP message with bad ICMP checksum\n"
-
-
-@pytest.mark.parametrize("answers, ahead, options, lines, errors", [
-    pytest.param(LOST, [], [], timed_out(1), "", id="lost"),
-    pytest.param(LOST, [reply(sequence=1)], [], timed_out(1) + unexpected(1), "", id="late"),
-    pytest.param(LOST, [reply(sequence=1)], ["-m"], "", "", id="late, no time-out lines"),
-    pytest.param([reply()], [reply(sequence=1)], [], received(1) + unexpected(1), "", id="twice"),
-    pytest.param([reply(sequence=700), reply()], [], [], unexpected(700) + received(1), "", id="never asked for"),
-    pytest.param([reply(spoil=0x0100)], [], [], timed_out(1), BAD_CHECKSUM, id="one bit wrong"),
-    pytest.param([reply(spoil=1), reply()], [], [], received(1), BAD_CHECKSUM, id="wrong, then right"),
-    pytest.param([reply(identifier=0)], [], [], timed_out(1), "", id="another identifier"),
-    pytest.param([reply(options=b"\x01" * 40)], [], [], received(1), "", id="IP options"),
-    pytest.param([reply(source="10.9.8.7")], [], [], received(1, "10.9.8.7"), "", id="another host"),
-    pytest.param([reply(length=8)], [], [], received(1), "", id="payload cut off"),
-    pytest.param([reply(length=7)], [], [], timed_out(1), "", id="shorter than its header"),
-])
-def test_odd_answers(lab, answers, ahead, options, lines, errors):
-    lost = "TIMEOUT" in lines or "-m" in options
-    patience = "-T400000" if lost else SURE
-    run, _ = lab.ping({1: answers, 2: [*ahead, reply()]}, HOST, "-l40", "-d5000", patience, *options)
-    assert shape(run.body) == received(0) + lines + received(2) + summary(3, 2 if lost else 3)
-    assert all(float(time) >= 0.405 for time in re.findall(r"TIMEOUT in +([\d.]+)s", run.body))
-    assert (run.err, run.status) == (f"Destination IP = {HOST}\n{errors}Cleanup exit\n", 0)
+# A window of one: a request goes out when the one before is settled, so what comes first is late for that one.
+def test_odd_answers(lab):
+    late = [reply(shift=-1), reply()], lambda n: unexpected(n - 1) + received(n), ""
+    rows = [  # the answers to request n, its lines, errors
+        ([], timed_out, ""), late, late,  # late for a request that timed out, then for one that was answered
+        ([reply(shift=700), reply()], lambda n: unexpected(n + 700) + received(n), ""),
+        ([reply(spoil=0x0100)], timed_out, BAD_CHECKSUM), ([reply(spoil=1), reply()], received, BAD_CHECKSUM),
+        ([reply(identifier=0)], timed_out, ""), ([reply(options=b"\x01" * 40)], received, ""),
+        ([reply(source="10.9.8.7")], lambda n: received(n, "10.9.8.7"), ""),
+        ([reply(length=8)], received, ""), ([reply(length=7)], timed_out, "")]
+    script = {n: answers for n, (answers, *_) in enumerate(rows)}
+    run, _ = lab.ping(script, HOST, "-l40", "-d5000", "-T1000000", f"-e{len(rows)}")
+    assert shape(run.body) == "".join(lines(n) for n, (_, lines, _) in enumerate(rows)) + summary(11, 7)
+    assert all(float(time) >= 1.005 for time in re.findall(r"TIMEOUT in +([\d.]+)s", run.body))
+    assert run.err == f"Destination IP = {HOST}\n" + "".join(errors for *_, errors in rows) + "Cleanup exit\n"
+    run, _ = lab.ping({1: [], 2: late[0]}, HOST, "-d5000", "-T1000000", "-m")
+    assert shape(run.body) == received(0) + received(2) + summary(3, 2)
 
 
 def test_answers_out_of_order_overtake_on_one_host_but_not_in_a_sweep(lab):
     hosts, options = [HOST, HOST, "10.9.0.3", "10.9.0.3"], ("-a4", "-d2000", SURE)
-    script = {0: LOST, 1: LOST, 2: LOST, 3: [reply(sequence=i, source=hosts[i]) for i in (2, 1, 0, 3)]}
+    script = {0: [], 1: [], 2: [], 3: [reply(shift=i - 3, source=hosts[i]) for i in (2, 1, 0, 3)]}
     run, _ = lab.ping(script, HOST, "-e4", *options)
     assert shape(run.body) == (timed_out(0) + timed_out(1) + received(2, hosts[2]) + unexpected(1) + unexpected(0)
                                + received(3, hosts[3]) + summary(4, 2))
@@ -57,37 +50,33 @@ def test_answers_out_of_order_overtake_on_one_host_but_not_in_a_sweep(lab):
 
 
 def test_icmp_of_every_type_and_errors_of_every_length(lab):
-    invalid = [kind for kind in range(256) if kind in (1, 2, 6, 7) or kind > 18]
     run, _ = lab.ping({
         0: [error(kind) for kind in range(1, 256) if kind not in (3, 11)] + [reply()],
         1: [error(kind, length=length) for kind in (3, 11) for length in range(4, 36)] + [reply()],
         2: [error(11, patch=patch) for patch in ({9: 17}, {0: 0x46}, {24: 1, 25: 1}, {26: 9})] + [reply()],
-        3: [error(11, length=36)],
-        4: [error(3, length=36, options=b"\x01" * 4)],
+        3: [error(11, length=36)], 4: [error(3, length=36, options=b"\x01" * 4)],
         5: [error(11, source="10.9.1.1"), error(11)],  # the second finds nothing outstanding: no word
     }, HOST, "-e7", "-l60", "-d1000", SURE)
-    assert shape(run.body) == (
-        received(0) + received(1) + received(2) + received(3, "10.9.0.99", "TTL Exceeded")
-        + received(4, "10.9.0.99", "Destination Unreachable") + received(5, "10.9.1.1", "TTL Exceeded") + received(6)
-        + summary(7, 7))
+    hops = received(3, "10.9.0.99", TTL) + received(4, "10.9.0.99", UNREACHABLE) + received(5, "10.9.1.1", TTL)
+    assert shape(run.body) == "".join(map(received, range(3))) + hops + received(6) + summary(7, 7)
+    invalid = [kind for kind in range(256) if kind in (1, 2, 6, 7) or kind > 18]
     assert run.err.count("Error: Inavlid ICMP type received\n") == len(invalid) == run.err.count("\n") - 2
 
 
-def test_window_burst_pace_and_debug_lines(lab):
-    def first_pass(run):
-        return run.body.split("Select for")[0].count("Tx one")
+def test_window_burst_pace_and_duration(lab):
+    for options, count in (("-a5 -d0", 5), ("-a400 -d0", 20), ("-a400 -d2000", 5)):  # the window, -e, or 10 ms' worth
+        run, _ = lab.ping({}, HOST, "-e20", "-D", SURE, *options.split())
+        assert run.body.split("Select for")[0].count("Tx one") == count and run.body.count("Received") == 20
+    for options, least, most in (("-e4 -r20", 0.139, 9), ("-S1 -d5000", 1, 15), ("--blast -S1", 1, 15)):
+        run = lab.run(LOOPBACK, "-s", *options.split(), SURE)  # without -S the last two would go on for minutes
+        seconds, sent, answered = re.search(r"In +([\d.]+)s, (\d+) tx pkts, (\d+) rx pkts", run.body).groups()
+        assert least <= float(seconds) < most and int(answered) == (0 if "--blast" in options else int(sent))
 
-    for window, count in ((5, 5), (400, 20)):  # the window cuts the burst, or the count does
-        run, _ = lab.ping(lambda request: [], HOST, f"-a{window}", "-e20", "-d0", "-T100000", "-D")
-        assert first_pass(run) == count and run.body.count("TIMEOUT") == 20
-    run, _ = lab.ping({}, HOST, "-a400", "-e20", "-d2000", "-D")
-    assert first_pass(run) == 5  # ten milliseconds' worth
-    run, _ = lab.ping({}, HOST, "-e4", "-a2", "-r20", "-D", "-s", SURE)
-    assert float(re.search(r"In +([\d.]+)s, 4 tx", run.body)[1]) >= 0.139  # the first packet brings 10 ms of credit
-    line = r"^\d+\.\d{6}: Tx one, process_id = (.{8}), \*current_tx__packet = (\d+), batch = 0$"
-    assert re.findall(line, run.body, re.M) == [(f"{run.pid:08x}", str(i)) for i in range(4)]
-    waits = re.findall(r"^Select for (.*)$", run.body, re.M)
-    assert all(re.fullmatch(r"\d\.\d{6}", wait) for wait in waits) and waits[0] < "0.050001"
+
+def test_foreign_frames_do_not_disturb_a_paced_test(lab):
+    foreign = [reply(identifier=0), error(11, patch={24: 1, 25: 1}), error(3, length=20)] * 100
+    run, _ = lab.ping(dict.fromkeys(range(20), [*foreign, reply()]), HOST, "-e20", "-d5000", SURE)
+    assert shape(run.body) == "".join(map(received, range(20))) + summary(20, 20)
 
 
 def test_sweep(lab):
@@ -106,9 +95,21 @@ def test_sweep(lab):
                                + received(156, hosts[2]) + summary(256, 2))
 
 
-def test_one_request_and_sequence_numbers_beyond_sixteen_bits(lab):
-    for script, options, output in (({}, [SURE], received(0) + summary(1, 1, asked=1)), ({0: LOST}, ["-m"], "")):
-        run, _ = lab.ping(script, HOST, "-e1", *options)
-        assert shape(run.body) == output
-    run = lab.run(LOOPBACK, "-e66000", "-d0", "-a50", SURE, "-s")
-    assert shape(run.body) == summary(66000, 66000)
+def test_one_request_the_longest_and_sequence_numbers_beyond_sixteen_bits(lab):
+    assert shape(lab.ping({0: []}, HOST, "-e1", "-m")[0].body) == ""
+    for options, lines in (("-e1 -l65535", received(0, LOOPBACK) + summary(1, 1, asked=1)),
+                           ("-e66000 -d0 -a50 -s", summary(66000, 66000))):
+        assert shape(lab.run("localhost", *options.split(), SURE).body) == lines
+
+
+def test_three_routers_and_what_they_do_not_know(lab):
+    target, first, *_ = "10.9.3.2", *lab.chain(3)
+    run = lab.run("10.77.0.1", "-e2", "-d1000", SURE, at=first)
+    assert shape(run.body) == "".join(received(i, "10.9.0.2", UNREACHABLE) for i in (0, 1)) + summary(2, 2)
+    hops = "".join(received(i, f"10.9.{i}.2", TTL) for i in range(3))
+    for options, preset, count in (("-t -e6 -d1000", "", 6), ("--trace", "Engaging options: -e20 -t -d0\n", 20)):
+        run = lab.run(target, *options.split(), SURE, at=first)
+        answers = "".join(received(i, target) for i in range(3, count))
+        assert shape(run.body) == preset + hops + answers + summary(count, count)
+    _, peer = lab.ping({}, HOST, "-t", "-e130", "-d0", "-s", SURE)
+    assert [packet.ttl for packet in peer.packets] == [*range(1, 128), 127, 127, 127]
