@@ -1,0 +1,113 @@
+# A monitor: what it streams and joins, and what broken or hostile senders may do to it, after which it still serves.
+from lab import *
+
+SERVER = (LOOPBACK, REMOTE_PORT)
+
+
+# Makes sure that the monitor answers an echo request, and gives what else it had sent to us before.
+def serves(client, server=SERVER):
+    others = []
+    client.sendto(message(ECHO_REQUEST, 7, 0xFFFFFFF0, b"ping", b"x" * 30), server)
+    while header(packet := client.recv(65536))[:2] != (ECHO_REPLY, b"ping"):
+        others.append(header(packet))
+    assert packet == message(ECHO_REPLY, 0, 0xFFFFFFF0, b"ping", bytes(30))
+    return others
+
+
+def test_monitor_streams_what_is_commanded(lab):
+    here = lab.namespace()
+    monitor, commander, stranger = lab.monitor(at=here), lab.socket(here, LOCAL_PORT), lab.socket(here)
+    for batch, echoes, length, delay in ((0, 3, 0, 1), (7, 50, 1500, 1), (0xFFFFFFFF, 2, 65535, 1), (1, 4, 0, 50000)):
+        begin, body = time.monotonic(), command(echoes, ip_length=length, delay_usec=delay)
+        stranger.sendto(message(OPERATION, batch, 0, b"cmd1", body), SERVER)
+        for sequence in range(echoes):
+            data = message(DATA, batch, sequence, struct.pack("=I", monitor.pid), bytes(max(length, 48) - 48))
+            assert commander.recvfrom(65536) == (data, SERVER)
+        assert time.monotonic() - begin >= (echoes - 1) * delay / 1e6 - 0.011
+    assert serves(stranger) == []
+
+
+def test_monitor_survives_hostile_messages(lab):
+    here = lab.namespace()
+    freeing = {"ASAN_OPTIONS": "quarantine_size_mb=0:thread_local_quarantine_size_kb=0"}  # what is freed is gone
+    monitor, client = lab.monitor(at=here, env=freeing), lab.socket(here, LOCAL_PORT)
+    whole = message(OPERATION, 0, 0, b"evil", command(2)) + bytes(36)
+    for length in range(201):
+        for kind in (0, DATA, ECHO_REPLY, 5, 0xFFFFFFFF):
+            client.sendto(message(kind, length, length * 7)[:length].ljust(length, b"\xff"), SERVER)
+        client.sendto(whole[:length], SERVER)
+        assert [packet.sequence for packet in serves(client)] == ([0, 1] if length >= 164 else []), length
+    client.sendto(bytes(65507), SERVER)
+    assert serves(client) == []
+    descriptors, memory = resources(monitor)
+    fields = {name.rstrip("!") for name in COMMAND} - {"echo_count", "delay_usec"}  # any delay is obeyed
+    odd = [{field: value} for field in fields for value in (0, 1, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF)]
+    for count, changes in [(2, change) for change in odd] + [(3, dict.fromkeys(fields, 0xFFFFFFFF)), (0xFFFFFFFF, {})]:
+        client.sendto(message(OPERATION, 1, 0, b"evil", command(count, **changes)), SERVER)
+        streamed = [(packet.type, packet.sequence) for packet in serves(client)]
+        assert "ports" in changes or streamed == [(DATA, i) for i in range(min(count, 65536))], changes
+    for _ in range(5000):
+        client.sendto(message(OPERATION, 1, 0, b"evil", command(1)), SERVER)
+    monitor.wait_until("S")  # those that its buffer could not take are lost
+    assert 1000 <= len(serves(client)) <= 5000
+    assert resources(monitor)[0] == descriptors and resources(monitor)[1] < memory + 256
+
+
+def resources(monitor):
+    return len(os.listdir(f"/proc/{monitor.pid}/fd")), int(re.search(r"VmRSS:\s+(\d+) kB", monitor.proc("status"))[1])
+
+
+def test_no_loop_with_another_service_or_monitor(lab):
+    left, router, right = lab.chain(1)
+    monitors, (near, far) = [lab.monitor(at=left), lab.monitor(at=right)], ("10.9.0.1", "10.9.1.2")
+
+    def sent():  # UDP datagrams that left each monitor's namespace
+        return [int(re.findall("^Udp: (.*)", monitor.proc("net/snmp"), re.M)[1].split()[3]) for monitor in monitors]
+
+    before, server = sent(), (far, REMOTE_PORT)
+    for service in [lab.socket(router, port) for port in (7, 19, 53)]:
+        service.sendto(message(ECHO_REQUEST), server)
+        service.sendto(service.recv(100), server)  # as an echo service would
+        service.sendto(bytes(range(33, 107)), server)
+    with router:
+        raw = lab.own(socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW))
+    ports = REMOTE_PORT << 16 | REMOTE_PORT
+    for text in (message(ECHO_REQUEST), message(OPERATION, body=command(1, ports=ports))):  # as if the other monitor's
+        udp = struct.pack(">HHHH", REMOTE_PORT, REMOTE_PORT, 8 + len(text), 0) + text
+        raw.sendto(ipv4(near, far, udp, protocol=socket.IPPROTO_UDP), (far, 0))
+    client = lab.socket(router)
+    assert serves(client, server) == serves(client, (near, REMOTE_PORT)) == serves(client, server) == []
+    assert [now - then for now, then in zip(sent(), before)] == [1, 3 + 2 + 2]
+
+
+def test_tcp_framing(lab):
+    here, elsewhere = lab.namespace(), lab.namespace()
+    lab.monitor("-p", at=here), lab.monitor("-p", at=elsewhere)
+
+    def connect(data, at=here):
+        connection = lab.socket(at, kind=socket.SOCK_STREAM, to=LOOPBACK)
+        connection.sendall(data)
+        return connection
+
+    stalled, begin = connect(message(ECHO_REQUEST, length=21), elsewhere), time.monotonic()  # and never the last byte
+    for length in (0, 1, 19, 65537, 0x80000000, 0xFFFFFFFF):
+        assert connect(message(ECHO_REQUEST, length=length)).recv(1) == b"", length
+    for part in (b"", b"x", message(ECHO_REQUEST)[:19], message(ECHO_REQUEST, length=100) + bytes(79)):
+        connect(part).close()
+    connection = connect(b"")
+    connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    for byte in message(ECHO_REQUEST, 3, 5, body=b"y" * 10):  # in single bytes, then two messages in one piece
+        connection.sendall(bytes([byte]))
+    connection.sendall(message(ECHO_REQUEST, 3, 6) + message(ECHO_REQUEST, 3, 7, body=bytes(65516)))
+    for sequence, size in ((5, 10), (6, 0), (7, 65516)):
+        answer = message(ECHO_REPLY, 0, sequence, body=bytes(size))
+        assert connection.recv(len(answer), socket.MSG_WAITALL) == answer
+    assert stalled.recv(1) == b"" and time.monotonic() - begin > 9
+
+
+def test_multicast(lab):
+    here = lab.namespace()
+    here.ip("route add 239.0.0.0/8 dev lo")
+    run, client = lab.monitor("239.1.2.3", at=here), lab.socket(here)
+    assert run.body == "Engaging options: -M -u -s\nJoining multicast group on interface 0.0.0.0\n"
+    serves(client, ("239.1.2.3", REMOTE_PORT))
