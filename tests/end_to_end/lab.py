@@ -10,11 +10,9 @@ import pytest
 
 VORN = os.path.abspath(os.environ.get("VORN", Path(__file__).parents[2] / "build/debug/vorn"))
 PATIENCE = 60  # seconds that only a hanging program exceeds
-HOST = "10.9.0.2"  # behind the TUN device, where the scripted peer plays every host of 10.9.0.0/16
-LOOPBACK = "127.0.0.1"
+HOST, LOOPBACK = "10.9.0.2", "127.0.0.1"  # the first stands behind the TUN device, as does all of 10.9.0.0/16
 LOCAL_PORT, REMOTE_PORT = 8003, 8004  # a commander's; a monitor swaps them
-LIBC = ctypes.CDLL(None, use_errno=True)
-NEW_NETWORK = 0x40000000  # CLONE_NEWNET
+LIBC, NEW_NETWORK = ctypes.CDLL(None), 0x40000000  # CLONE_NEWNET
 
 
 # Waits until the condition holds; how long that takes on a busy machine is no fault of the program.
@@ -53,25 +51,20 @@ class Namespace:
 # The program under test while it runs, and what it wrote: `out`, `err` (or all in `out` when merged).
 class Program:
     def __init__(self, command, merged=False, env={}, **options):
-        self.files = [tempfile.TemporaryFile(), tempfile.TemporaryFile()]
+        self.files = [tempfile.NamedTemporaryFile(), tempfile.NamedTemporaryFile()]
         streams = {"stdout": self.files[0], "stderr": self.files[not merged], "stdin": subprocess.DEVNULL}
         env = {**os.environ, "ASAN_OPTIONS": "verify_asan_link_order=0", **env}
         self.process = subprocess.Popen(command, env=env, **{**streams, **options})
         self.pid, self.signal = self.process.pid, self.process.send_signal
 
-    def written(self, stream):
-        file = self.files[stream].fileno()
-        return os.pread(file, os.fstat(file).st_size, 0).decode()
-
-    out = property(lambda self: self.written(0))
-    err = property(lambda self: self.written(1))
+    out = property(lambda self: Path(self.files[0].name).read_text())
+    err = property(lambda self: Path(self.files[1].name).read_text())
     status = property(lambda self: self.process.poll())  # negative: the signal that ended it
 
     @property
     def body(self):  # standard output behind the banner
-        banner = re.match(r"Vorn version 5\.2, .*\nBuilt [A-Z][a-z]{2} [ \d]\d \d{4} at \d\d:\d\d:\d\d\n", self.out)
-        assert banner, self.out
-        return self.out[banner.end():]
+        banner = r"Vorn version 5\.2, .*\nBuilt [A-Z][a-z]{2} [ \d]\d \d{4} at \d\d:\d\d:\d\d\n"
+        return self.out[re.match(banner, self.out).end():]
 
     def proc(self, file):
         return Path(f"/proc/{self.pid}/{file}").read_text()

@@ -28,9 +28,6 @@ def test_closed_descriptors(lab, tmp_path, closed):
     assert (run.err, run.status) == ("" if "2" in closed else TO_HERE + END, 0)
     for name in ("out.csv", "HISTOGRAM_out.csv"):  # neither they nor a socket have taken the console's place
         assert re.fullmatch(r"Vorn Version,[^\n]*\n5\.2,[^\n]*,\n", (tmp_path / name).read_text())
-    run = lab.run(LOOPBACK, "-e2", "-d1000", "-T9000000", at=here, before=closing)
-    lines = received(0, LOOPBACK) + received(1, LOOPBACK) + summary(2, 2)
-    assert run.status == 0 and ("1" in closed or shape(run.body) == lines)
 
 
 def test_full_disk_and_odd_results_files(lab, tmp_path):
@@ -47,8 +44,6 @@ def test_full_disk_and_odd_results_files(lab, tmp_path):
     assert re.fullmatch(r"(5\.2,fifo,[^\n]*,\n)?", reader.read())
     reader.close()
     lab.run(*SHORT, "-ffifo", at=here, cwd=tmp_path)  # without a reader it may refuse, but it may not hang
-    run = lab.run(*SHORT, "-fout", at=here, cwd=tmp_path)
-    assert run.err.startswith("Error: Bad filename? Permissions?\nvorn, version 5.2, ") and run.status == 1
     with open("/dev/full", "wb") as full:
         run = lab.run(*SHORT, "-fwhole.csv", at=here, cwd=tmp_path, stdout=full)
     assert run.err.endswith(END) and (tmp_path / "whole.csv").read_text().count("\n") == 2 and run.status in (0, 1)
