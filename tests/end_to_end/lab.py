@@ -85,6 +85,8 @@ class Program:
     def close(self):
         self.process.kill()
         self.process.wait()
+        for file in self.files:
+            file.close()
 
 
 class Lab(contextlib.ExitStack):
@@ -136,15 +138,16 @@ class Lab(contextlib.ExitStack):
         program.wait_until("S")  # its first packet is out and it serves
         return program
 
-    def socket(self, at, port=0, kind=socket.SOCK_DGRAM, to=None):
+    # A UDP socket, or one that is connected to the monitor of a host over TCP.
+    def socket(self, at, port=0, to=None):
         with at:
-            made = self.own(socket.socket(socket.AF_INET, kind))
+            made = self.own(socket.socket(socket.AF_INET, socket.SOCK_STREAM if to else socket.SOCK_DGRAM))
         made.settimeout(PATIENCE)
         made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         made.setsockopt(socket.SOL_SOCKET, 33, 1 << 26)  # SO_RCVBUFFORCE: nothing is lost on our side
         made.bind(("0.0.0.0", port))
-        if kind == socket.SOCK_STREAM:
-            made.connect((to, REMOTE_PORT)) if to else made.listen()
+        if to:
+            made.connect((to, REMOTE_PORT))
         return made
 
 

@@ -85,7 +85,7 @@ def test_tcp_framing(lab):
     lab.monitor("-p", at=here), lab.monitor("-p", at=elsewhere)
 
     def connect(data, at=here):
-        connection = lab.socket(at, kind=socket.SOCK_STREAM, to=LOOPBACK)
+        connection = lab.socket(at, to=LOOPBACK)
         connection.sendall(data)
         return connection
 
@@ -94,11 +94,11 @@ def test_tcp_framing(lab):
         assert connect(message(ECHO_REQUEST, length=length)).recv(1) == b"", length
     for part in (b"", b"x", message(ECHO_REQUEST)[:19], message(ECHO_REQUEST, length=100) + bytes(79)):
         connect(part).close()
+    parts = [bytes([byte]) for byte in message(ECHO_REQUEST, 3, 5, body=b"y" * 10)]  # then two messages in one piece
     connection = connect(b"")
-    connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-    for byte in message(ECHO_REQUEST, 3, 5, body=b"y" * 10):  # in single bytes, then two messages in one piece
-        connection.sendall(bytes([byte]))
-    connection.sendall(message(ECHO_REQUEST, 3, 6) + message(ECHO_REQUEST, 3, 7, body=bytes(65516)))
+    for part in (*parts, message(ECHO_REQUEST, 3, 6) + message(ECHO_REQUEST, 3, 7, body=bytes(65516))):
+        connection.sendall(part)
+        time.sleep(0.002)
     for sequence, size in ((5, 10), (6, 0), (7, 65516)):
         answer = message(ECHO_REPLY, 0, sequence, body=bytes(size))
         assert connection.recv(len(answer), socket.MSG_WAITALL) == answer
