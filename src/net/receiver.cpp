@@ -73,11 +73,14 @@ int handle_datagram(std::uint8_t* buffer, const datagram* frame, test_settings* 
   return handle_test_message(frame->source, frame->source_port, buffer, frame->length, settings, stats, run);
 }
 
-// Tries the read first and waits only when nothing is there: while frames stream in, that saves a call for each.
+// An echo test tries the read first and waits only when nothing is there: while answers stream in, that saves a call
+// for each. In partner mode packets come one at a time, and the try would find nothing.
 int receive_datagram(test_settings* settings, run_state* run, test_stats* stats, std::uint8_t* buffer,
                      std::int64_t wait_usec) {
   datagram frame = {};
-  while (read_datagram(run->data_socket, buffer, &frame) == read_result::nothing_there) {
+  bool wait_first = settings->partner_mode != 0;
+  while (wait_first || read_datagram(run->data_socket, buffer, &frame) == read_result::nothing_there) {
+    wait_first = false;
     const wait_result result = wait_usec == 0 ? wait_result::elapsed : wait_for_frame(settings, run, stats, &wait_usec);
     if (result == wait_result::failed) return report_failed_wait(settings);
     if (result != wait_result::ready) return 0;
