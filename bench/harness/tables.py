@@ -201,7 +201,7 @@ def sweep_table(vorn, _quick):
 
 # ---- pacing
 
-PACING_SECONDS = {100: 120, 1000: 15, 10000: 10}
+PACING_SECONDS = {100: 60, 1000: 8, 10000: 6}
 FIRST_RELEASE_USEC = 10000
 ECHO_WINDOW = 10
 
