@@ -8,7 +8,7 @@ AS_NOBODY = ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
 def test_presets_and_refusals(lab):
     for arguments, words in {
         "": "Error- Expecting a host to send traffic to\n", "-x": "", "-d": "Error- could not parse <-d>\n",
-        "-q256": "ERROR: Max TOS is 255\n", "-fno/such/place": "Error: Bad filename? Permissions?\n",
+        "-q256": "ERROR: Max TOS is 255\n", "-fno/such/place": "Error: Bad filename? Permissions?\n", "-f/": "Error: Bad filename? Permissions?\n",
         "--clientx": "Error: unexpected -- option received\n", "10.0.0.1 10.0.0.2 -p -u": "-u and -p incompatible\n",
         "no-such-host.invalid": "Error- unresolved host <no-such-host.invalid>\n",
         "-a65535 -l65536 -E65536 --v -x": "-a# capped at 65534\n-l# capped at 65535\n",
@@ -18,6 +18,25 @@ def test_presets_and_refusals(lab):
         preset = "Engaging options: -e3000 -a1 -l250 -r50 -A50 -s -T20000 -m\n" if "--v" in arguments else ""
         assert (before, run.body, run.status) == (words, preset, 1), arguments
         assert version and usage.partition("\n")[2] == USAGE + "Cleanup exit\n", arguments
+
+
+def test_sockets_that_cannot_be_had_and_a_detached_monitor(lab):
+    here = lab.namespace()
+    for options, words in ((["-p", LOOPBACK], f"could not connect to {LOOPBACK}"),
+                           (["--server"], "Could not bind in socket."), (["-p", "--server"], "could not bind TCP socket")):
+        if "--server" in options:
+            lab.monitor(*options[:-1], at=here)  # it holds the port
+        run = lab.run(*options, at=here)
+        assert (run.err, run.status) == (f"Error- {words}\nCleanup exit\n", 1), options
+    there = lab.namespace()
+    run = lab.run("-M", "--server", "-I4711", at=there)
+    assert (run.status, run.err) == (0, "")
+    detached = []
+    eventually(lambda: detached.extend(int(entry.parent.name) for entry in Path("/proc").glob("[0-9]*/cmdline")
+                                       if b"-I4711" in entry.read_bytes()) or detached, "the detached monitor")
+    lab.callback(os.kill, detached[0], signal.SIGKILL)
+    run = lab.run("-u", "-e2", "-T9000000", LOOPBACK, at=there)
+    assert shape(run.body) == received(0, LOOPBACK) + received(1, LOOPBACK) + summary(2, 2)
 
 
 def test_privileges_of_ordinary_users(lab):

@@ -43,6 +43,11 @@ def test_full_disk_and_odd_results_files(lab, tmp_path):
     assert (tmp_path / "out/row.csv").read_text().count("\n") == 2
     assert re.fullmatch(r"(5\.2,fifo,[^\n]*,\n)?", reader.read())
     reader.close()
+    (tmp_path / "gone").mkdir()
+    run = lab.start("--client", LOOPBACK, "-e1", "-E2", "-d300000", "-fgone/out.csv", at=here, cwd=tmp_path)
+    run.wait_for("Destination")
+    shutil.rmtree(tmp_path / "gone")
+    assert "Error: could not write results file gone/out.csv\n" in run.finish().err and run.status == 0
     lab.run(*SHORT, "-ffifo", at=here, cwd=tmp_path)  # without a reader it may refuse, but it may not hang
     with open("/dev/full", "wb") as full:
         run = lab.run(*SHORT, "-fwhole.csv", at=here, cwd=tmp_path, stdout=full)
@@ -62,3 +67,9 @@ def test_two_commanders_append_to_one_file(lab, tmp_path):
         headings, *rows = (tmp_path / name).read_text().splitlines()
         assert headings.startswith("Vorn Version,") and len(rows) == 11
         assert all(row.startswith("5.2,out.csv,udp,") and row.count(",") >= least and row.endswith(",") for row in rows)
+
+
+def test_datagrams_lost_in_our_own_buffer_are_told(lab):
+    run = lab.run("-i", "-e200", "-d1", "-l30000", LOOPBACK)  # six megabytes of answers that nobody reads
+    note = r"Note: [1-9]\d* datagrams were dropped by this host's receive buffer \([1-9]\d* bytes\)\n"
+    assert re.fullmatch(TO_HERE + note + END, run.err), run.err

@@ -92,3 +92,12 @@ def test_results_files(lab, tmp_path, name, separator, option):
         values = [float(value) for value in row[13:-1]]
         assert closed > 7 if option == "-S1" else closed == 7
         assert sum(values) == closed if "HIST" in file else len(values) == 110 and values == sorted(values)[::-1]
+
+
+def test_multicast(lab):
+    here = lab.namespace()
+    here.ip("link set lo multicast on", "route add 224.0.0.0/4 dev lo")
+    monitor = lab.monitor("239.1.2.3", at=here)
+    assert "Joining multicast group on interface 0.0.0.0\n" in monitor.out
+    run = lab.run("-u", "-e2", "-T9000000", f"-n{LOOPBACK}", "239.1.2.3", at=here)
+    assert shape(run.body) == received(0, LOOPBACK) + received(1, LOOPBACK) + summary(2, 2)
