@@ -43,35 +43,29 @@ struct bench {
     if (parse(arguments + host, &settings) != 0) std::abort();
     settings.process_id = 70000;  // wider than an ICMP identifier
     settings.total_requests = settings.echo_count;
-    run.packet_table = table;
+    run.packet_table = table.data();
     run.packet_table_size = packet_table_slots;
     run.data_socket = -1;
     stats.batch_first_seq = stats.batch_last_seq = -1;
     stats.start_time = clock_now();
   }
   ~bench() {
-    std::free(table);
     if (peer >= 0) close(peer);
     if (run.data_socket >= 0) close(run.data_socket);
   }
   bench(const bench&) = delete;
-  bench& operator=(const bench&) = delete;
 
   packet_slot& slot(std::int64_t sequence) {
-    return table[sequence % packet_table_slots];
+    return table[static_cast<std::size_t>(sequence % packet_table_slots)];
   }
   // The request left `age` usec ago and waits for its answer.
   void request(std::int64_t number, std::int64_t age = 0) {
     const auto sequence = static_cast<std::uint32_t>(number);
-    slot(number) = {.outstanding = 1,
-                    .sequence = sequence,
-                    .slot_index = static_cast<std::uint16_t>(number),
-                    .process_id = 0,
-                    .responder = 0,
-                    .destination = settings.start_host,
-                    .response_type = 0,
-                    .tx_time = world.now - age,
-                    .rx_time = 0};
+    slot(number) = {};
+    slot(number).outstanding = 1;
+    slot(number).sequence = sequence;
+    slot(number).destination = settings.start_host;
+    slot(number).tx_time = world.now - age;
     run.current_tx__packet = sequence + 1;
   }
   // Its answer came `age` usec ago.
@@ -104,6 +98,6 @@ struct bench {
   test_settings settings = {};
   test_stats stats = {};
   run_state run = {};
-  packet_slot* const table = static_cast<packet_slot*>(std::calloc(packet_table_slots, sizeof(packet_slot)));
+  std::vector<packet_slot> table = std::vector<packet_slot>(packet_table_slots);
   int peer = -1;
 };

@@ -2,11 +2,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -25,9 +23,8 @@ std::string said(function&& code) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   code();
-  const std::string out = testing::internal::GetCapturedStdout();
   const std::string err = testing::internal::GetCapturedStderr();
-  return err.empty() ? out : out + "[err] " + err;
+  return testing::internal::GetCapturedStdout() + (err.empty() ? "" : "[err] " + err);
 }
 
 // The same, and what the code returns where that is not `result`.
@@ -36,20 +33,4 @@ std::string said(int result, function&& code) {
   int got = 0;
   const std::string text = said([&] { got = code(); });
   return got == result ? text : text + "result " + std::to_string(got);
-}
-
-// The same for code that works but once in a process.
-template <typename function>
-std::string said_by_child(function&& code) {
-  int status = 0;
-  const std::string text = said([&] {
-    const pid_t child = fork();
-    if (child == 0) {
-      code();
-      std::fflush(stdout);
-      _exit(0);
-    }
-    waitpid(child, &status, 0);
-  });
-  return status == 0 ? text : text + "status " + std::to_string(status);
 }

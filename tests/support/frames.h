@@ -15,10 +15,6 @@ inline byte_vector operator+(byte_vector front, const byte_vector& back) {
   return {front.begin(), front.end()};  // exact size: the sanitizer sees one byte too far
 }
 
-inline byte_vector zeros(std::size_t count) {
-  return byte_vector(count);
-}
-
 inline byte_vector prefix(const byte_vector& bytes, std::size_t length) {
   return {bytes.data(), bytes.data() + length};
 }
@@ -61,20 +57,19 @@ inline byte_vector icmp_message(int type, int identifier, std::int64_t sequence,
 }
 
 // A Time Exceeded or Destination Unreachable that quotes an echo request.
-inline byte_vector icmp_error(int type, int identifier, std::int64_t sequence, std::uint8_t version = 0x45,
-                              std::uint8_t protocol = 1) {
-  const byte_vector quoted_ip = patched(patched(zeros(20), 0, {version}), 9, {protocol});
+inline byte_vector icmp_error(int type, int identifier, std::int64_t sequence) {
+  const byte_vector quoted_ip = patched(patched(byte_vector(20), 0, {0x45}), 9, {1});
   return icmp_message(type, 0, 0, quoted_ip + icmp_message(8, identifier, sequence));
 }
 
 // As a raw socket delivers it.
 inline byte_vector datagram(const byte_vector& icmp, const char* source = "10.0.0.1", std::size_t option_bytes = 0) {
   const byte_vector header = {static_cast<std::uint8_t>(0x45 + option_bytes / 4), 0, 0, 0, 0, 0, 0, 0, 64, 1, 0, 0};
-  return header + raw(inet_addr(source)) + zeros(4 + option_bytes) + icmp;
+  return header + raw(inet_addr(source)) + byte_vector(4 + option_bytes) + icmp;
 }
 
 inline byte_vector message(std::int64_t type, std::int64_t process_id, std::int64_t batch, std::int64_t sequence,
                            std::uint32_t length = 20) {
   return be32(type) + raw(static_cast<std::uint32_t>(process_id)) + be32(batch) + be32(sequence) + be32(length) +
-         zeros(length - 20);
+         byte_vector(length - 20);
 }

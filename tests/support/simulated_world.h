@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <optional>
 #include <vector>
 
 struct sent_datagram {
@@ -22,9 +21,8 @@ struct simulated_world {
   // What happens while the code waits, by time. Descriptors are real: an event sends to the code by writing to them.
   std::multimap<std::int64_t, std::function<void()>> events;
   std::vector<sent_datagram> sent;
-  std::function<void(const sent_datagram&)> on_send;  // instead of keeping it in `sent`
-  bool keeps_nothing = false;                         // a sink: whatever is sent is gone
-  std::optional<ssize_t> send_result;                 // what sendto reports; the whole length when empty
+  std::function<void(const sent_datagram&)> on_send;
+  bool keeps_nothing = false;  // a sink: whatever is sent is gone
 
   void after(std::int64_t usec, std::function<void()> event) {
     events.emplace(now + usec, std::move(event));

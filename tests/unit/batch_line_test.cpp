@@ -16,7 +16,7 @@ struct figures : bench {  // of a batch of which 47 of 50 packets came in 48 ms
     stats.latency_max = 2100;
     stats.batch_last_seq = 49;
     stats.buffer_consumption_usec = 1234.5;
-    stats.lost_packets = 17;
+    stats.lost_packets = 0x180000000;
     stats.bad_samples = 4;
     for (const std::uint32_t rate : {10000U, 11000U, 12000U}) sample_list_add(&bandwidth_samples, rate);
     for (const std::uint32_t buffer : {100U, 1500U, 3000U}) sample_list_add(&buffer_samples, buffer);
@@ -33,56 +33,33 @@ TEST(BatchLine, OfEveryStyle) {
       "    7: |    X    2    3    4    5    6    |   3/ 50   6.00% lost,   2 late   979.2 rx/s,  11.3 Mbps D=0.048, "
       "m/M/a   0.900/  2.100/  1.021, ";
   const std::string msec = "   1.2 msec ";
-  const std::string end = "  Lost: 17     Bad Samples: 4\n";
-  const std::pair<const char*, std::string> cases[] = {{"", brief + rates + msec + end},
+  const std::string end = "  Lost: -2147483648  Bad Samples: 4\n";
+  const std::pair<std::string, std::string> cases[] = {{"", brief + rates + msec + end},
                                                        {"-b", brief + rates + msec + buffers + end},
                                                        {"-B", brief + msec + end},
-                                                       {"-B -b", brief + msec + buffers + end},
-                                                       {"-v", verbose + rates + msec + "\n"},
                                                        {"-v -b", verbose + rates + msec + buffers + "\n"},
                                                        {"-v -B", verbose + msec + "\n"}};
   for (const auto& [arguments, line] : cases) {
     EXPECT_EQ(figures(arguments).line(), line) << arguments;
-    figures quiet(std::string("-Q ") + arguments);
+    figures quiet("-Q " + arguments);
     EXPECT_EQ(quiet.line(), "\n");
     quiet.settings.total_requests = 7;  // the last batch
     EXPECT_EQ(quiet.line(), line) << arguments;
-  }
-}
-
-TEST(BatchLine, BadBatchesAndThoseOfOnePacketOrNone) {
-  figures f("-B");
-  f.batch.bad = true;
-  f.stats.lost_packets = 0x180000000;
-  f.stats.bad_samples = 0xFFFFFFFF;
-  EXPECT_EQ(f.line(), "    7:* Pkts:  47/50    11.3 mbps     1.2 msec   Lost: -2147483648  Bad Samples: -1\n");
-  f.stats.batch_first_seq = f.stats.batch_last_seq;
-  f.settings.verbose = 1;
-  EXPECT_EQ(f.line(), "    7:*|    X    2    3    4    5    6    |    7:*** Rx 47, Lost 3\n");
-  f.settings.verbose = 0;
-  EXPECT_EQ(f.line(), "    7:*** Rx 47, Lost 3\n");
-}
-
-TEST(BatchLine, GraphMarksTwoMegabitsAPosition) {
-  figures f("-v");
-  for (const std::int32_t kbps : {0, 1999, 2000, 9999, 10000, 69999, 70000, 71999, 72000, 0x7FFFFFFF}) {
-    std::string graph = "|    1    2    3    4    5    6    |";
-    if (kbps < 72000) graph[static_cast<std::size_t>(kbps / 2000)] = 'X';
-    f.batch.rate_kbps = kbps;
-    EXPECT_EQ(f.line().substr(7, 36), graph) << kbps;
+    quiet.batch.bad = true;
+    EXPECT_EQ(quiet.line(), std::string(line).replace(6, 1, "*"));
+    quiet.stats.batch_first_seq = quiet.stats.batch_last_seq;  // one packet or none
+    EXPECT_TRUE(quiet.line().ends_with("    7:*** Rx 47, Lost 3\n"));
   }
 }
 
 TEST(BatchLine, LabelsBeforeEveryFiftiethBatch) {
   const std::string gap(12, ' ');
   const std::string margin(35, ' ');
-  const std::pair<const char*, std::string> cases[] = {{"", margin + labels + gap + "\n"},
-                                                       {"-b", margin + labels + gap + labels + "\n"},
+  const std::pair<const char*, std::string> cases[] = {{"-b", margin + labels + gap + labels + "\n"},
                                                        {"-b -B", margin + gap + labels + "\n"},
                                                        {"-v", std::string(140, ' ') + labels + gap + "\n"},
-                                                       {"-B", gap},
                                                        {"-Q", margin + gap + "\n"},
-                                                       {"-Q -B", gap}};
+                                                       {"-B", gap}};
   for (const auto& [arguments, row] : cases) {
     for (const std::uint32_t batch : {49U, 50U, 51U, 100U, 65550U, 0U}) {  // 0: behind the wrap
       figures f(arguments);

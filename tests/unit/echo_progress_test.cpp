@@ -7,16 +7,15 @@ static std::string progress(bench* b, int result) {
 }
 
 TEST(EchoProgress, ReportsInSequenceOrderEachOnce) {
-  bench b("-e2");
-  b.request(0, 100000);
+  bench b("-e2 -d5000");
+  b.request(0, 5000);
   EXPECT_EQ(progress(&b, 1), "");
   world.now += 1;
   EXPECT_EQ(progress(&b, 0), "");  // the next is due when more than the delay has passed
-  b.request(0, 5000);
   b.request(1, 4000);
   b.answer(1, 1000);
   EXPECT_EQ(progress(&b, 1), "");  // 0 is still awaited
-  b.answer(0, 200);
+  b.answer(0, 201);
   b.slot(0).response_type = 11;
   EXPECT_EQ(progress(&b, 0),
             "           0: Received TTL Exceeded in  0.004800s from 10.0.0.1\n"
@@ -27,47 +26,29 @@ TEST(EchoProgress, ReportsInSequenceOrderEachOnce) {
 
 TEST(EchoProgress, TimesOutAtTheAgeItselfOnEitherSideOfEveryWrap) {
   for (const std::int64_t base : {0LL, 65535LL, 0x7FFFFFFFLL, 0xFFFFFFF0LL}) {
-    for (const bool hushed : {false, true}) {
-      bench b;
-      b.settings.total_requests = static_cast<std::uint32_t>(base + 2);
-      b.settings.silent = b.settings.no_timeout_messages = hushed ? 1 : 0;
-      b.run.oldest_outstanding = static_cast<std::uint32_t>(base);
-      b.stats.lost_packets = 0xFFFFFFFF;
-      b.request(base, 199999);
-      b.request(base + 1, 100);
-      b.answer(base + 1);
-      EXPECT_EQ(progress(&b, 1), "");
-      world.now += 1;
-      char lines[200];
-      std::snprintf(lines, sizeof lines,
-                    "%12d: TIMEOUT in  0.200000s, expected rsp from 10.0.0.1\n"
-                    "%12d: Received  Echo Reply  in  0.000100s from 10.0.0.1\n",
-                    static_cast<std::int32_t>(base), static_cast<std::int32_t>(base + 1));
-      EXPECT_EQ(progress(&b, 0), hushed ? "" : lines);
-      EXPECT_EQ(numbers(b.stats.lost_packets, b.stats.latency_sum), (list{0x100000000, 100}));
-    }
+    bench b("-s");
+    b.settings.total_requests = static_cast<std::uint32_t>(base + 2);
+    b.run.oldest_outstanding = static_cast<std::uint32_t>(base);
+    b.stats.lost_packets = 0xFFFFFFFF;
+    b.request(base, 199999);
+    b.request(base + 1, 100);
+    b.answer(base + 1);
+    EXPECT_EQ(progress(&b, 1), "");
+    world.now += 1;
+    const std::string line = progress(&b, 0);
+    EXPECT_TRUE(line.ends_with(": TIMEOUT in  0.200000s, expected rsp from 10.0.0.1\n"));
+    EXPECT_EQ(std::stoll(line), static_cast<std::int32_t>(base));
+    EXPECT_EQ(numbers(b.stats.lost_packets, b.stats.latency_sum), (list{0x100000000, 100}));
   }
 }
 
 TEST(EchoProgress, PassesRequestsThatWereNeverSent) {
-  bench b("-e");
+  bench b("-e -m");
   b.request(0, 100);
   b.answer(0);
   b.slot(0).responder = 0;                               // declared lost by the handler, and counted there
   b.request(1, 200000);                                  // its send failed
   b.run.current_tx__packet = b.settings.total_requests;  // 2147483647
-  EXPECT_EQ(progress(&b, 0),
-            "           0: TIMEOUT in  0.000100s, expected rsp from 10.0.0.1\n"
-            "           1: TIMEOUT in  0.200000s, expected rsp from 10.0.0.1\n");
+  EXPECT_EQ(progress(&b, 0), "");
   EXPECT_EQ(numbers(b.run.oldest_outstanding, b.stats.lost_packets), (list{2147483647, 1}));
-}
-
-TEST(EchoProgress, PrintsTheBitrateBeforeTheReportAtEveryWindow) {
-  bench b("-A10 -e20 -s");
-  for (std::uint32_t sent = 1; sent <= 20; ++sent) {
-    b.request(sent - 1, 100);
-    b.answer(sent - 1);
-    b.stats.tx_packets = sent;
-    EXPECT_EQ(progress(&b, sent == 20 ? 0 : 1).starts_with("Running Bitrate: "), sent % 10 == 0) << sent;
-  }
 }

@@ -1,0 +1,74 @@
+#include "net/address_text.h"
+#include "support/expect.h"
+#include "wire/checksum.h"
+#include "wire/icmp_echo.h"
+#include "wire/packet_sizes.h"
+#include "wire/test_message.h"
+
+TEST(Checksum, AgreesWithTheByteWiseSumAtEveryLengthAndAlignment) {
+  for (std::size_t length = 0; length <= 65535; length += length < 70 ? 1 : 65465) {
+    for (const unsigned step : {0U, 37U, 255U}) {  // zeros, a mixture, and all ones, where every addition carries
+      byte_vector bytes(length);
+      for (std::size_t i = 0; i < length; ++i) bytes[i] = static_cast<std::uint8_t>(step == 255 ? 255 : i * step);
+      for (std::size_t offset = 0; offset < 8; ++offset) {
+        const byte_vector shifted = byte_vector(offset) + bytes;  // ends where the message ends
+        EXPECT_EQ(raw(internet_checksum(shifted.data() + offset, length)), be16(plain_checksum(bytes)))
+            << length << " bytes at " << offset << ", step " << step;
+      }
+    }
+  }
+}
+
+TEST(IcmpDatagram, IsTakenApartAtEveryLengthAndHeaderLength) {
+  const byte_vector whole = datagram(icmp_message(0, 1, 2, byte_vector(60)), "192.168.1.5");
+  for (std::size_t words = 0; words < 16; ++words) {
+    for (std::size_t length = 1; length <= whole.size(); ++length) {
+      const byte_vector bytes = patched(prefix(whole, length), 0, {static_cast<std::uint8_t>(0x40 | words)});
+      icmp_datagram parts = {.source = 1, .icmp = {}};
+      const bool fits = locate_icmp(bytes, &parts);
+      EXPECT_EQ(fits, words >= 5 && length >= words * 4 + 8) << words << " words, " << length << " bytes";
+      EXPECT_EQ(parts.source, fits ? inet_addr("192.168.1.5") : 1);
+      EXPECT_EQ(parts.icmp.data(), fits ? bytes.data() + words * 4 : nullptr);
+      EXPECT_EQ(parts.icmp.size(), fits ? length - words * 4 : 0);
+    }
+  }
+}
+
+TEST(IcmpError, QuoteIsReadWholeOrNotAtAll) {  // routers may quote as little as RFC 792 asks for
+  const byte_vector error = icmp_error(11, 0xBEEF, 0xFFFE);
+  std::vector<byte_vector> refused;
+  for (std::size_t length = 0; length < error.size(); ++length) refused.push_back(prefix(error, length));
+  for (const std::size_t at : {8U, 17U}) {  // version and header length, then the protocol
+    for (int bit = 1; bit < 256; bit *= 2) {
+      refused.push_back(patched(error, at, {static_cast<std::uint8_t>(error[at] ^ bit)}));
+    }
+  }
+  icmp_echo echo = {.type = 99, .identifier = 1, .sequence = 2};
+  for (const byte_vector& each : refused) EXPECT_FALSE(read_quoted_echo(each, &echo)) << testing::PrintToString(each);
+  EXPECT_EQ(numbers(echo.type, echo.identifier, echo.sequence), (list{99, 1, 2}));  // untouched
+  EXPECT_TRUE(read_quoted_echo(error, &echo));
+  EXPECT_EQ(numbers(echo.type, echo.identifier, echo.sequence), (list{8, 0xBEEF, 0xFFFE}));
+}
+
+TEST(Wire, HeadersSizesAndAddresses) {
+  const byte_vector wire = message(3, 0x01020304, 0x80000001, 0xFFFFFFFE, 1472);
+  test_header header = {.type = 7, .process_id = 7, .batch = 7, .sequence = 7, .length = 7};
+  for (std::size_t length = 0; length < 20; ++length) EXPECT_FALSE(read_test_header(prefix(wire, length), &header));
+  EXPECT_EQ(numbers(header.type, header.process_id, header.batch, header.sequence, header.length), list(5, 7));
+  EXPECT_TRUE(read_test_header(prefix(wire, 20), &header));
+  EXPECT_EQ(numbers(header.type, header.process_id, header.batch, header.sequence, header.length),
+            (list{3, 0x01020304, 0x80000001, 0xFFFFFFFE, 1472}));
+
+  // UDP, TCP, the length asked for; the length of the datagram, what is sent, the payload.
+  const list cases[] = {{0, 0, 0, 28, 8, 0},    {0, 0, 29, 29, 9, 1},           {0, 0, 65536, 65535, 65515, 65507},
+                        {1, 0, 0, 48, 20, 20},  {1, 0, 49, 49, 21, 21},         {1, 0, 65536, 65535, 65507, 65507},
+                        {0, 1, 10, 60, 20, 20}, {0, 1, 1500, 1500, 1460, 1460}, {0, 1, 65535, 65535, 65495, 65495}};
+  for (const list& each : cases) {
+    const packet_sizes sizes = sizes_for_carrier(each[0] != 0, each[1] != 0, static_cast<std::uint32_t>(each[2]));
+    EXPECT_EQ(numbers(each[0], each[1], each[2], sizes.ip_length, sizes.transmit_length, sizes.payload_length), each);
+  }
+
+  std::vector<const char*> texts;  // fifty stay valid together
+  for (std::uint32_t i = 0; i < 50; ++i) texts.push_back(address_text(htonl(0x0A00FF00U + i)));
+  for (std::uint32_t i = 0; i < 50; ++i) EXPECT_EQ(texts[i], "10.0.255." + std::to_string(i));
+}
