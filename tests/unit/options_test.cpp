@@ -2,6 +2,10 @@
 
 #include "support/expect.h"
 
+extern "C" int daemon(int /*no_chdir*/, int /*no_close*/) noexcept {
+  return 0;  // the process of the tests stays and tells their result
+}
+
 // The words of the record: their names here, and the defaults of a run to 10.0.0.1.
 static const char* const names[36] = {
     "window",   "total",     "count",     "trace",  "delay",   "timeout", "start",          "end",
@@ -17,11 +21,10 @@ static const std::uint32_t defaults[36] = {
 static std::string parsed(const std::string& arguments) {
   std::uint32_t words[36];
   std::memset(words, 0xEE, sizeof words);
+  int result = -1;
+  said([&] { result = parse(arguments + " 10.0.0.1", reinterpret_cast<test_settings*>(words)); });
+  if (result != 0) return "rejected";
   std::ostringstream text;
-  said([&] {
-    text << (parse(arguments + " 10.0.0.1", reinterpret_cast<test_settings*>(words)) != 0 ? "rejected " : "");
-  });
-  if (!text.str().empty()) return text.str();
   for (std::size_t i = 0; i < 36; ++i) {
     const bool network_order = i == 6 || i == 7 || i == 16 || i == 22 || i == 30;
     const std::uint32_t value = network_order ? ntohl(words[i]) : words[i];
@@ -55,6 +58,5 @@ TEST(Options, LettersNumbersAndPresets) {
       {"--l -a3", "window=3 " + endless + "200001 length=1500 silent=1 average=50 period=1 "},
       {"--voice", "count=3000 delay=20000 timeout=40000 length=250 silent=1 hush=1 average=50 period=20000 "}};
   for (const auto& [arguments, expected] : cases) EXPECT_EQ(parsed(arguments), expected) << arguments;
-  for (const char* bad : {"-E65537", "-E4294967297", "-q256", "-r0", "-d-x"})
-    EXPECT_EQ(parsed(bad), "rejected ") << bad;
+  for (const char* bad : {"-E65537", "-E4294967297", "-q256", "-r0", "-d-x"}) EXPECT_EQ(parsed(bad), "rejected") << bad;
 }
