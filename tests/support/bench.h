@@ -36,8 +36,6 @@ struct bench {
   // A run to 10.0.0.1, unless `arguments` name another host. The world and all that is process-wide begin anew.
   explicit bench(const std::string& arguments = "") {
     world = {};
-    transmit_buffer.fill(0);
-    results_filename = results_tag = nullptr;
     bandwidth_samples.count = buffer_samples.count = 0;
     const char* host = arguments.find("10.") == std::string::npos ? " 10.0.0.1" : "";
     if (parse(arguments + host, &settings) != 0) std::abort();
@@ -74,10 +72,6 @@ struct bench {
     slot(sequence).responder = settings.start_host;
     slot(sequence).rx_time = world.now - age;
   }
-  void become_monitor() {
-    settings.partner_mode = settings.silent = 1;
-    settings.process_id = 1;
-  }
   // Joins run.data_socket to `peer`, by a stream or by datagrams.
   void connect(int type) {
     std::signal(SIGPIPE, SIG_IGN);
@@ -88,11 +82,6 @@ struct bench {
   }
   void write_to_code(const byte_vector& bytes) const {
     if (write(peer, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) std::abort();
-  }
-  [[nodiscard]] byte_vector read_from_code() const {
-    static byte_vector buffer(65536);
-    const ssize_t length = recv(peer, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    return prefix(buffer, length > 0 ? static_cast<std::size_t>(length) : 0);
   }
 
   test_settings settings = {};

@@ -14,8 +14,8 @@ TEST(EchoRun, OutlivesEveryStepOfTheClock) {
         });
         const bool answered = arguments == "-e8";
         b.connect(SOCK_DGRAM);
-        world.on_send = [&](const sent_datagram& request) {
-          const byte_vector answer = datagram(with_checksum(patched(request.bytes, 0, {0})));
+        world.on_send = [&](const byte_vector& request) {
+          const byte_vector answer = datagram(with_checksum(patched(request, 0, {0})));
           if (answered) world.after(1000, [&b, answer] { b.write_to_code(answer); });
         };
         const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
