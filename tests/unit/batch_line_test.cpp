@@ -34,7 +34,6 @@ TEST(BatchLine, OfEveryStyleAndItsLabels) {
   const std::string cases[][3] = {
       // options, the line, the labels above it
       {"", brief + rates + end, margin + labels + gap + "\n"},
-      {"-B", brief + "   1.2 msec " + end, gap},
       {"-B -b", brief + "   1.2 msec " + buffers + end, margin + gap + labels + "\n"},
       {"-v -b", verbose + rates + buffers + "\n", std::string(140, ' ') + labels + gap + labels + "\n"},
       {"-Q", "", margin + gap + "\n"}};

@@ -32,6 +32,9 @@ TEST(Validation, ShortMessagesChangeNothingAndUnknownTypesAreReported) {
   for (const std::int64_t type : {0LL, 5LL, 0x01000000LL, 0xFFFFFFFFLL})
     EXPECT_EQ(handled(&b, 0, message(type, 1, 0, 0)), "[err] Error: Inavlid UDP type received\n");
   EXPECT_EQ(b.stats.rx_packets, 0U);
+  world.on_send = [](const byte_vector& reply) { EXPECT_EQ(reply, message(2, 55, 0, 0)); };  // as long as it came
+  EXPECT_EQ(handled(&b, 1, patched(message(1, 55, 5, 0), 16, be32(99))), "");
+  EXPECT_EQ(world.sent, 1);
 }
 
 TEST(Stream, IsTrackedPacketByPacket) {

@@ -46,7 +46,7 @@ TEST(PacketsDue, WindowAndTotalNearTheWraps) {
   constexpr std::int64_t all = 0xFFFFFFFF;
   // Whether answers are ignored, total, sent, reported, usec passed; what a window of 8 lets go of one packet a usec.
   const list cases[] = {{0, all, 100, 97, 50, 5},
-                        {0, all, 100, 92, 50, 0},
+                        {0, all, 100, 91, 50, 0},
                         {0, 102, 100, 98, 50, 2},
                         {0, all, 100, 98, 3000000000, 6},
                         {0, all, 0x7FFFFFFE, 0x7FFFFFFC, 50, 6},
@@ -61,7 +61,7 @@ TEST(PacketsDue, WindowAndTotalNearTheWraps) {
   }
 }
 
-TEST(Wait, UntilTheFirstThingIsDue) {
+TEST(Wait, UntilTheFirstThingIsDueAndNoLonger) {
   const list cases[] = {
       // ages of the older (-1: answered) and the newer request, the total, the window; the wait
       {30000, 30000, 2, 2, 170000}, {30000, 30000, 9, 2, 170000}, {30000, 30000, 9, 5, 70000},
@@ -82,4 +82,7 @@ TEST(Wait, UntilTheFirstThingIsDue) {
   EXPECT_EQ(time_until_timeout(&b.settings, &b.run), 0x7FFFFFFF);
   b.settings.partner_mode = 1;
   EXPECT_EQ(time_until_next_event(&b.settings, &b.run), 1000000);
+  b.settings.duration_sec = 4295;
+  for (const bool over : {false, true})
+    EXPECT_EQ(duration_is_over(&b.settings, &b.stats, b.stats.start_time + 4295000000 + over), over);
 }

@@ -21,7 +21,8 @@ TEST(EchoRun, OutlivesEveryStepOfTheClock) {
         const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
         const std::int64_t undisturbed = 8 * (answered ? 100001 : 200001);
         EXPECT_LE(world.now - step - simulated_world().now, undisturbed + 200001) << step << " at " << moment;
-        EXPECT_EQ(numbers(b.stats.tx_packets, text.find('-') == std::string::npos), (list{8, 1})) << text;
+        EXPECT_EQ(b.stats.tx_packets, 8U);
+        for (const char* odd : {"-", "In  0.0"}) EXPECT_EQ(text.find(odd), std::string::npos) << text;
       }
     }
   }
