@@ -2,10 +2,6 @@
 
 #include "support/expect.h"
 
-extern "C" int daemon(int /*no_chdir*/, int /*no_close*/) noexcept {
-  return 0;  // the process of the tests stays and tells their result
-}
-
 // The words of the record: their names here, and the defaults of a run to 10.0.0.1.
 static const char* const names[36] = {
     "window",   "total",     "count",     "trace",  "delay",   "timeout", "start",          "end",
@@ -52,6 +48,7 @@ TEST(Options, LettersNumbersAndPresets) {
       {"-p --se", "silent=1 partner=1 tcp=1 ports=1f441f43 "},
       {"--blast", endless + "100001 length=1500 ignore=1 unidirectional=1 period=1 "},
       {"--d", "window=500 count=1 delay=1 timeout=1000001 hush=1 period=1 "},
+      {"--trac", "count=20 trace=1 delay=1 timeout=100001 period=1 "},
       {"--l -a3", "window=3 " + endless + "200001 length=1500 silent=1 average=50 period=1 "},
       {"--voice", "count=3000 delay=20000 timeout=40000 length=250 silent=1 hush=1 average=50 period=20000 "}};
   for (const auto& [arguments, expected] : cases) EXPECT_EQ(parsed(arguments), expected) << arguments;
