@@ -30,3 +30,15 @@ TEST(BatchReport, FirstAndLastPacketMakeASampleGood) {
     EXPECT_EQ(samples_of(buffer_samples), bad != 0 ? list{} : list{0});
   }
 }
+
+TEST(BatchReport, FiguresThatDoNotFitBecomeTheLargest) {  // many duplicates; packets hours ahead of their schedule
+  bench b("-c -e9 -B -d4294967295 -E4");
+  for (std::int64_t i = 0; i < 4; ++i) b.answer(i, -i);
+  b.run.payload_length = 65515;
+  b.stats.batch_first_seq = 0;
+  b.stats.batch_last_seq = 3;
+  b.stats.rx_packets = 100;
+  said(0, [&] { return batch_report(&b.settings, &b.run, &b.stats, 2); });
+  EXPECT_EQ(samples_of(bandwidth_samples), (list{0x7FFFFFFF}));
+  EXPECT_EQ(samples_of(buffer_samples), (list{0xFFFFFFFF}));
+}

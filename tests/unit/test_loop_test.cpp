@@ -27,3 +27,10 @@ TEST(EchoRun, OutlivesEveryStepOfTheClock) {
     }
   }
 }
+
+TEST(Commander, EveryPacketOfTheStreamGetsItsSlot) {
+  bench b("-c -E3");
+  const command_body command = {};
+  EXPECT_EQ(send_test_packet(&b.settings, &b.run, &b.stats, &command), 0);
+  EXPECT_EQ(numbers(b.slot(0).outstanding, b.slot(2).outstanding, b.slot(3).outstanding), (list{1, 1, 0}));
+}
