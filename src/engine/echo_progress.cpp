@@ -20,20 +20,10 @@ void settle_if_timed_out(const test_settings* settings, packet_slot* slot, test_
   ++stats->lost_packets;
 }
 
-void add_round_trip(std::int64_t round_trip, test_stats* stats) {
-  if (stats->latency_max == 0) {
-    stats->latency_min = round_trip;
-    stats->latency_max = round_trip;
-  }
-  if (round_trip > stats->latency_max) stats->latency_max = round_trip;
-  if (round_trip < stats->latency_min) stats->latency_min = round_trip;
-  stats->latency_sum += round_trip;
-}
-
 void report_answered(const test_settings* settings, std::uint32_t sequence, const packet_slot* slot,
                      test_stats* stats) {
   const std::int64_t round_trip_usec = usec_between(slot->tx_time, slot->rx_time);
-  add_round_trip(round_trip_usec, stats);
+  add_latency(stats, round_trip_usec);
   if (settings->silent != 0 || settings->remote_run != 0) return;
   std::fprintf(stdout, "%12d: Received %s in %9.6fs from %s\n", low32(sequence), icmp_type_names[slot->response_type],
                usec_to_seconds(round_trip_usec), address_text(slot->responder));

@@ -71,6 +71,17 @@ inline void settle_slot(packet_slot* slot, std::uint8_t response_type, std::uint
   slot->rx_time = time;
 }
 
+// Adds a round trip, or the gap between two stream packets (usec = ticks), to the smallest, largest and sum.
+inline void add_latency(test_stats* stats, std::int64_t latency) {
+  if (stats->latency_max == 0) {
+    stats->latency_min = latency;
+    stats->latency_max = latency;
+  }
+  if (latency > stats->latency_max) stats->latency_max = latency;
+  if (latency < stats->latency_min) stats->latency_min = latency;
+  stats->latency_sum += latency;
+}
+
 // A 64-bit counter as the signed 32-bit number that "%d" prints.
 constexpr std::int32_t low32(std::uint64_t counter) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(counter));

@@ -92,13 +92,7 @@ void report_skip(const test_header* header, std::uint32_t seq16, const run_state
 }
 
 void account_gap(const test_header* header, std::int64_t gap_usec, const test_settings* settings, test_stats* stats) {
-  if (stats->latency_max == 0) {
-    stats->latency_min = gap_usec;
-    stats->latency_max = gap_usec;
-  }
-  if (gap_usec > stats->latency_max) stats->latency_max = gap_usec;
-  if (gap_usec < stats->latency_min) stats->latency_min = gap_usec;
-  stats->latency_sum += gap_usec;
+  add_latency(stats, gap_usec);
   if (gap_usec <= settings->timeout_usec) return;
   if (settings->remote_run == 0) {
     std::fprintf(stderr, "Error- packet %d:%d arrived %d usecs from last one\n", low32(header->batch),
