@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "app/signals.h"
 #include "app/test_settings.h"
 #include "engine/run_records.h"
 
@@ -24,8 +23,7 @@ packet_counts counts_so_far(const test_settings* settings, const run_state* run,
 
 }  // namespace
 
-void print_progress_if_asked(const test_settings* settings, const run_state* run, const test_stats* stats) {
-  if (settings->remote_run != 0 || !take_progress_request()) return;
+void print_progress(const test_settings* settings, const run_state* run, const test_stats* stats) {
   const packet_counts so_far = counts_so_far(settings, run, stats);
   const double percent =
       so_far.sent == 0 ? 0.0 : static_cast<double>(so_far.lost) * 100.0 / static_cast<double>(so_far.sent);

@@ -5,6 +5,6 @@ struct run_state;
 struct test_settings;
 struct test_stats;
 
-// Prints one line on standard error when SIGQUIT has come since the last call: packets sent, received and lost so far.
-// In command mode the packets are those of the streams whose batches are closed. Nothing in a command run.
-void print_progress_if_asked(const test_settings* settings, const run_state* run, const test_stats* stats);
+// Prints one line on standard error: packets sent, received and lost so far. In command mode the packets are those of
+// the streams whose batches are closed.
+void print_progress(const test_settings* settings, const run_state* run, const test_stats* stats);

@@ -1,7 +1,6 @@
 #include "engine/test_loop.h"
 
 #include <arpa/inet.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,7 +10,6 @@
 #include <cstdio>
 
 #include "app/cleanup_exit.h"
-#include "app/live_output.h"
 #include "app/signals.h"
 #include "app/test_settings.h"
 #include "engine/clock.h"
@@ -64,6 +62,7 @@ void free_packet_table(run_state* run) {
 void start_run(test_settings* settings, test_stats* stats, run_state* run) {
   *stats = {};
   if (settings->remote_run == 0) print_host_range(settings);
+  if (settings->remote_run == 0) answer_progress_with(print_progress, settings, run, stats);
   derive_sizes(settings, run);
   allocate_packet_table(run);
   if (settings->process_id == 0) settings->process_id = static_cast<std::uint32_t>(getpid());
@@ -107,7 +106,7 @@ release_end release_packets(std::uint32_t due, test_settings* settings, test_sta
       end_sending(settings, run);
       break;
     }
-    print_progress_if_asked(settings, run, stats);
+    answer_progress_request();
     if (duration_is_over(settings, stats, slot_of(run, run->current_tx__packet - 1)->tx_time)) {
       run->stop_requested = 1;
       break;
@@ -117,17 +116,10 @@ release_end release_packets(std::uint32_t due, test_settings* settings, test_sta
 }
 
 // The pause of a test that never reads; a stop signal ends it.
-void pause(const test_settings* settings, const run_state* run, const test_stats* stats) {
+void rest_without_reading(const test_settings* settings) {
   std::int64_t left_usec = settings->delay_usec;
-  while (stop_signal() == 0 && wait_on_socket(-1, wait_for::readable, &left_usec) == wait_result::signalled) {
-    print_progress_if_asked(settings, run, stats);
-  }
-}
-
-void rest_without_reading(const test_settings* settings, const run_state* run, const test_stats* stats) {
-  if (settings->delay_usec > 1) pause(settings, run, stats);
-  flush_output();
-  sched_yield();
+  if (left_usec > 1 && stop_signal() == 0) (void)wait_on_socket(-1, wait_for::readable, &left_usec);
+  yield_processor();
 }
 
 void await_first_sender(test_settings* settings) {
@@ -184,7 +176,6 @@ void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, tes
     }
     const std::int64_t wait_usec = std::max(time_until_next_event(settings, run), shortest_wait_usec);
     const int status = receive_one_frame(settings, run, stats, wait_usec);
-    print_progress_if_asked(settings, run, stats);
     if (status < 0 && settings->tcp != 0) close_data_socket(run);
     if (stop_signal() != 0 && settings->command_mode != 0) return;  // the open batch is dropped, not judged
     keep_going = keep_receiving(settings, stats, run, status);
@@ -197,7 +188,7 @@ void run_one_pass(test_settings* settings, test_stats* stats, run_state* run, co
   if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
   const release_end released = release_packets(packets_due(settings, run), settings, stats, run, command);
   if (settings->ignore_responses != 0) {
-    rest_without_reading(settings, run, stats);
+    rest_without_reading(settings);
     return;
   }
   if (is_monitor(settings) && uses_icmp(settings)) await_first_sender(settings);
@@ -231,6 +222,7 @@ void finish_run(test_settings* settings, test_stats* stats, run_state* run) {
   if (stop_signal() != 0 && waits_for_answers) settle_outstanding(settings, stats, run);
   stats->end_time = clock_now();
   free_packet_table(run);
+  if (settings->remote_run == 0) answer_progress_with(nullptr, nullptr, nullptr, nullptr);
   report_end(settings, stats, run);
 }
 

@@ -10,7 +10,6 @@
 #include "app/signals.h"
 #include "app/test_settings.h"
 #include "engine/clock.h"
-#include "engine/progress_line.h"
 #include "engine/run_records.h"
 #include "net/icmp_handler.h"
 #include "net/message_handler.h"
@@ -47,17 +46,6 @@ read_result read_datagram(int socket, std::uint8_t* buffer, datagram* frame) {
   return read_result::frame;
 }
 
-// Waits for the rest of *left_usec; a question for the progress is answered on the way.
-wait_result wait_for_frame(const test_settings* settings, const run_state* run, const test_stats* stats,
-                           std::int64_t* left_usec) {
-  for (;;) {
-    const wait_result result = wait_on_socket(run->data_socket, wait_for::readable, left_usec);
-    if (result != wait_result::signalled) return result;
-    print_progress_if_asked(settings, run, stats);
-    if (stop_signal() != 0) return result;
-  }
-}
-
 int report_failed_wait(const test_settings* settings) {
   if (settings->remote_run == 0) std::fprintf(stderr, "Error- socket error on socket\n");
   return -1;
@@ -81,7 +69,8 @@ int receive_datagram(test_settings* settings, run_state* run, test_stats* stats,
   bool wait_first = settings->partner_mode != 0;
   while (wait_first || read_datagram(run->data_socket, buffer, &frame) == read_result::nothing_there) {
     wait_first = false;
-    const wait_result result = wait_usec == 0 ? wait_result::elapsed : wait_for_frame(settings, run, stats, &wait_usec);
+    const wait_result result =
+        wait_usec == 0 ? wait_result::elapsed : wait_on_socket(run->data_socket, wait_for::readable, &wait_usec);
     if (result == wait_result::failed) return report_failed_wait(settings);
     if (result != wait_result::ready) return 0;
   }
@@ -90,7 +79,7 @@ int receive_datagram(test_settings* settings, run_state* run, test_stats* stats,
 
 int receive_message(test_settings* settings, run_state* run, test_stats* stats, std::uint8_t* buffer,
                     std::int64_t wait_usec) {
-  const wait_result result = wait_for_frame(settings, run, stats, &wait_usec);
+  const wait_result result = wait_on_socket(run->data_socket, wait_for::readable, &wait_usec);
   if (result == wait_result::failed) return report_failed_wait(settings);
   if (result != wait_result::ready) return 0;
 
@@ -110,7 +99,7 @@ bool wait_for_more(int socket, std::int64_t* grace_usec) {
   for (;;) {
     std::int64_t* left_usec = stop_signal() != 0 ? grace_usec : &pause_usec;
     const wait_result result = wait_on_socket(socket, wait_for::readable, left_usec);
-    if (result != wait_result::signalled) return result == wait_result::ready;
+    if (result != wait_result::stopped) return result == wait_result::ready;
   }
 }
 
@@ -128,7 +117,7 @@ int receive_one_frame(test_settings* settings, run_state* run, test_stats* stats
                  static_cast<long>(wait_usec % usec_per_second));
   }
   if (run->data_socket == -1) {
-    wait_for_frame(settings, run, stats, &wait_usec);
+    (void)wait_on_socket(-1, wait_for::readable, &wait_usec);
     return 0;
   }
   std::array<std::uint8_t, message_buffer_bytes> message_buffer;  // not zeroed: only received bytes are read
@@ -162,7 +151,7 @@ void flush_pending_frames(int socket) {
   while (stop_signal() == 0 && usec_between(start, clock_now()) < longest_flush_usec) {
     std::int64_t silence_usec = flush_silence_usec;
     const wait_result result = wait_on_socket(socket, wait_for::readable, &silence_usec);
-    if (result == wait_result::signalled) continue;
+    if (result == wait_result::stopped) continue;
     if (result != wait_result::ready) break;
     const ssize_t length = recv(socket, scratch.data(), scratch.size(), MSG_DONTWAIT);
     if (length < 0 && (errno == EAGAIN || errno == EINTR)) continue;

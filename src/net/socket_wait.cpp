@@ -1,5 +1,6 @@
 #include "net/socket_wait.h"
 
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/select.h>
 
@@ -11,6 +12,15 @@
 #include "engine/clock.h"
 
 namespace {
+
+struct progress_answer {
+  progress_printer print;
+  const test_settings* settings;
+  const run_state* run;
+  const test_stats* stats;
+};
+
+progress_answer answer = {};
 
 bool fits_a_descriptor_set(int descriptor) {
   return descriptor >= 0 && descriptor < FD_SETSIZE;
@@ -49,10 +59,27 @@ wait_result wait_on_socket(int socket, wait_for event, std::int64_t* left_usec) 
     if (ready == 0) return wait_result::elapsed;
     if (is_in_set(signals, &readable)) {
       drain_signal_descriptor();
-      return wait_result::signalled;
+      answer_progress_request();
+      if (stop_signal() != 0) return wait_result::stopped;
+      continue;
     }
     if (is_in_set(socket, &readable) || is_in_set(socket, &writable)) return wait_result::ready;
   }
+}
+
+void yield_processor() {
+  flush_output();
+  answer_progress_request();
+  sched_yield();
+}
+
+void answer_progress_request() {
+  if (take_progress_request() && answer.print != nullptr) answer.print(answer.settings, answer.run, answer.stats);
+}
+
+void answer_progress_with(progress_printer print, const test_settings* settings, const run_state* run,
+                          const test_stats* stats) {
+  answer = {.print = print, .settings = settings, .run = run, .stats = stats};
 }
 
 void ask_for_exact_waits() {

@@ -51,8 +51,8 @@ std::size_t send_all(int socket, std::span<const std::uint8_t> bytes, stall_rule
 
 bool has_room_to_send(int socket) {
   if (socket < 0) return true;
-  wait_result result = wait_result::signalled;
-  while (result == wait_result::signalled) {
+  wait_result result = wait_result::stopped;
+  while (result == wait_result::stopped) {
     std::int64_t no_wait = 0;
     result = wait_on_socket(socket, wait_for::writable, &no_wait);
   }

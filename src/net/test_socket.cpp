@@ -125,7 +125,7 @@ bool connect_to(int socket, std::uint32_t address, std::uint16_t port) {
   if (connect(socket, reinterpret_cast<const sockaddr*>(&remote), sizeof remote) == 0) return true;
   if (errno != EINPROGRESS && errno != EINTR) return false;
   wait_result result = wait_result::elapsed;
-  while (result == wait_result::elapsed || result == wait_result::signalled) {
+  while (result == wait_result::elapsed || result == wait_result::stopped) {
     if (stop_signal() != 0) cleanup_exit(0);
     std::int64_t slice_usec = connection_slice_usec;
     result = wait_on_socket(socket, wait_for::writable, &slice_usec);
