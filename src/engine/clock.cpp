@@ -11,7 +11,11 @@ std::int64_t clock_now() {
   ticks_per_second = usec_per_second;
   timeval now = {};
   gettimeofday(&now, nullptr);
-  return static_cast<std::int64_t>(now.tv_sec) * usec_per_second + static_cast<std::int64_t>(now.tv_usec);
+  return timeval_to_ticks(&now);
+}
+
+std::int64_t timeval_to_ticks(const timeval* time) {
+  return static_cast<std::int64_t>(time->tv_sec) * usec_per_second + static_cast<std::int64_t>(time->tv_usec);
 }
 
 // Whole seconds and the rest apart: a device that boots in 1970 and then learns the date steps by more ticks than can

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+struct timeval;
+
 // Clock ticks per second. Written by every clock_now, read by ticks_to_usec; 0 until the first reading.
 extern std::int64_t ticks_per_second;
 
@@ -10,6 +12,9 @@ inline constexpr std::int64_t usec_per_second = 1000000;
 
 // The current time in ticks, from gettimeofday(2): wall-clock time, which may be set back or forward.
 [[nodiscard]] std::int64_t clock_now();
+
+// A time of that clock, as the kernel writes it, in ticks.
+[[nodiscard]] std::int64_t timeval_to_ticks(const timeval* time);
 
 // A difference of two clock readings, in ticks, as microseconds; truncates toward zero. No difference overflows.
 [[nodiscard]] std::int64_t ticks_to_usec(std::int64_t ticks);

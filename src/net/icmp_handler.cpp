@@ -9,6 +9,7 @@
 #include "engine/clock.h"
 #include "engine/run_records.h"
 #include "net/address_text.h"
+#include "net/arrival.h"
 #include "wire/checksum.h"
 #include "wire/icmp_echo.h"
 
@@ -30,8 +31,8 @@ void declare_overtaken_lost(const test_settings* settings, test_stats* stats, co
   }
 }
 
-int settle_echo_reply(const icmp_echo* echo, std::uint32_t source, const test_settings* settings, test_stats* stats,
-                      run_state* run) {
+int settle_echo_reply(const icmp_echo* echo, std::uint32_t source, const frame_arrival* arrival,
+                      const test_settings* settings, test_stats* stats, run_state* run) {
   packet_slot* slot = slot_of(run, echo->sequence);
   if (slot->outstanding == 0) {
     if (settings->no_timeout_messages == 0) {
@@ -41,22 +42,22 @@ int settle_echo_reply(const icmp_echo* echo, std::uint32_t source, const test_se
     ++stats->late_responses;
     return 0;
   }
-  settle_slot(slot, echo->type, source, clock_now());
+  settle_slot(slot, echo->type, source, arrival_time(arrival, slot->tx_time));
   ++stats->rx_packets;
   declare_overtaken_lost(settings, stats, run, slot);
   return 1;
 }
 
 // The errors that routers and hosts return for our requests; in a traceroute each of them is a hop.
-int settle_quoted_request(const icmp_datagram* parts, const test_settings* settings, test_stats* stats,
-                          run_state* run) {
+int settle_quoted_request(const icmp_datagram* parts, const frame_arrival* arrival, const test_settings* settings,
+                          test_stats* stats, run_state* run) {
   icmp_echo quoted = {};
   if (!read_quoted_echo(parts->icmp, &quoted)) return 0;
   if (quoted.identifier != static_cast<std::uint16_t>(settings->process_id)) return 0;
   packet_slot* slot = slot_of(run, quoted.sequence);
   if (slot->outstanding == 0) return 0;
   ++stats->rx_packets;
-  settle_slot(slot, parts->icmp[0], parts->source, clock_now());
+  settle_slot(slot, parts->icmp[0], parts->source, arrival_time(arrival, slot->tx_time));
   return 1;
 }
 
@@ -88,9 +89,9 @@ void check_stream_sequence(std::uint16_t sequence, const test_settings* settings
 }
 
 // The first packet of a stream is counted, but neither printed nor checked.
-int track_stream_packet(const icmp_echo* echo, std::uint32_t source, const test_settings* settings, test_stats* stats,
-                        run_state* run) {
-  const std::int64_t now = clock_now();
+int track_stream_packet(const icmp_echo* echo, std::uint32_t source, const frame_arrival* arrival,
+                        const test_settings* settings, test_stats* stats, run_state* run) {
+  const std::int64_t now = arrival_time(arrival, run->last_rx_time);
   if (run->last_rx_time != 0) {
     const std::int64_t gap_usec = usec_between(run->last_rx_time, now);
     check_stream_gap(gap_usec, settings, stats);
@@ -106,11 +107,12 @@ int track_stream_packet(const icmp_echo* echo, std::uint32_t source, const test_
   return 1;
 }
 
-int handle_echo_reply(const icmp_datagram* parts, test_settings* settings, test_stats* stats, run_state* run) {
+int handle_echo_reply(const icmp_datagram* parts, const frame_arrival* arrival, test_settings* settings,
+                      test_stats* stats, run_state* run) {
   const icmp_echo echo = read_icmp_echo(parts->icmp);
   if (echo.identifier == static_cast<std::uint16_t>(settings->process_id)) {
-    if (settings->partner_mode != 0) return track_stream_packet(&echo, parts->source, settings, stats, run);
-    return settle_echo_reply(&echo, parts->source, settings, stats, run);
+    if (settings->partner_mode != 0) return track_stream_packet(&echo, parts->source, arrival, settings, stats, run);
+    return settle_echo_reply(&echo, parts->source, arrival, settings, stats, run);
   }
   if (settings->partner_mode != 0 && settings->process_id == 0) lock_monitor(&echo, parts->source, settings);
   return 0;
@@ -130,8 +132,8 @@ bool is_known_type(std::uint8_t type) {
 
 }  // namespace
 
-int handle_icmp_response(const std::uint8_t* datagram, int length, test_settings* settings, test_stats* stats,
-                         run_state* run) {
+int handle_icmp_response(const std::uint8_t* datagram, int length, const frame_arrival* arrival,
+                         test_settings* settings, test_stats* stats, run_state* run) {
   icmp_datagram parts = {};
   if (length < 0 || !locate_icmp({datagram, static_cast<std::size_t>(length)}, &parts)) return 0;
 
@@ -140,9 +142,9 @@ int handle_icmp_response(const std::uint8_t* datagram, int length, test_settings
     return 0;
   }
   const std::uint8_t type = parts.icmp[0];
-  if (type == icmp_echo_reply) return handle_echo_reply(&parts, settings, stats, run);
+  if (type == icmp_echo_reply) return handle_echo_reply(&parts, arrival, settings, stats, run);
   if (type == icmp_destination_unreachable || type == icmp_time_exceeded) {
-    return settle_quoted_request(&parts, settings, stats, run);
+    return settle_quoted_request(&parts, arrival, settings, stats, run);
   }
   if (!is_known_type(type) && settings->remote_run == 0) {
     std::fprintf(stderr, "Error: Inavlid ICMP type received\n");

@@ -12,6 +12,7 @@
 #include "engine/run_records.h"
 #include "engine/test_loop.h"  // the one call back into the loop: run_remote_command below
 #include "net/address_text.h"
+#include "net/arrival.h"
 #include "net/tcp_send.h"
 #include "wire/icmp_echo.h"
 #include "wire/remote_command.h"
@@ -73,10 +74,11 @@ void send_echo_reply(const test_header* request, sender_address sender, std::siz
 }
 
 // Echo mode: a duplicate, or an answer to a request that timed out, is passed over in silence.
-void settle_answered_request(const test_header* header, std::uint32_t source, test_stats* stats, const run_state* run) {
+void settle_answered_request(const test_header* header, std::uint32_t source, const frame_arrival* arrival,
+                             test_stats* stats, const run_state* run) {
   packet_slot* slot = slot_of(run, header->sequence);
   if (slot->outstanding == 0) return;
-  settle_slot(slot, icmp_echo_reply, source, clock_now());
+  settle_slot(slot, icmp_echo_reply, source, arrival_time(arrival, slot->tx_time));
   ++stats->rx_packets;
 }
 
@@ -114,9 +116,9 @@ void record_arrival(std::uint32_t seq16, std::uint32_t source, std::int64_t now,
 }
 
 // Partner mode: the first packet of a stream is neither checked for its sequence nor timed.
-int track_stream_packet(const test_header* header, std::uint32_t source, const test_settings* settings,
-                        test_stats* stats, run_state* run) {
-  const std::int64_t now = clock_now();
+int track_stream_packet(const test_header* header, std::uint32_t source, const frame_arrival* arrival,
+                        const test_settings* settings, test_stats* stats, run_state* run) {
+  const std::int64_t now = arrival_time(arrival, run->last_rx_time);
   const std::uint32_t seq16 = header->sequence & 0xFFFFU;
   const bool first_of_stream = run->last_rx_time == 0;
   const std::int64_t gap_usec = first_of_stream ? 0 : usec_between(run->last_rx_time, now);
@@ -151,7 +153,7 @@ void run_remote_command(const std::uint8_t* message, const test_header* header, 
 }  // namespace
 
 int handle_test_message(std::uint32_t source_address, std::uint16_t source_port, std::uint8_t* message, int length,
-                        test_settings* settings, test_stats* stats, run_state* run) {
+                        const frame_arrival* arrival, test_settings* settings, test_stats* stats, run_state* run) {
   if (length < 0) return 0;
   const auto bytes = static_cast<std::size_t>(length);
   test_header header = {};
@@ -167,8 +169,9 @@ int handle_test_message(std::uint32_t source_address, std::uint16_t source_port,
       [[fallthrough]];
     case message_echo_reply:
     case message_data:
-      if (settings->partner_mode != 0) return track_stream_packet(&header, source_address, settings, stats, run);
-      settle_answered_request(&header, source_address, stats, run);
+      if (settings->partner_mode != 0)
+        return track_stream_packet(&header, source_address, arrival, settings, stats, run);
+      settle_answered_request(&header, source_address, arrival, stats, run);
       return 0;
     case message_operation:
       run_remote_command(message, &header, source_address, settings, run);

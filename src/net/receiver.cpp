@@ -11,6 +11,7 @@
 #include "app/test_settings.h"
 #include "engine/clock.h"
 #include "engine/run_records.h"
+#include "net/arrival.h"
 #include "net/icmp_handler.h"
 #include "net/message_handler.h"
 #include "net/socket_wait.h"
@@ -22,11 +23,13 @@ constexpr std::int64_t longest_pause_usec = 10000000;  // inside one TCP message
 constexpr std::int64_t stop_grace_usec = 100000;       // for the rest of a message, after a stop signal
 constexpr std::int64_t flush_silence_usec = 20000;
 constexpr std::int64_t longest_flush_usec = 10000000;
+constexpr std::size_t control_bytes = 64;  // what comes with a datagram: its stamp
 
 struct datagram {
   int length;                 // bytes received; negative = the read failed
   std::uint32_t source;       // network byte order
   std::uint16_t source_port;  // network byte order
+  frame_arrival arrival;
 };
 
 enum class read_result : std::uint8_t { frame, nothing_there };
@@ -35,14 +38,25 @@ enum class read_result : std::uint8_t { frame, nothing_there };
 read_result read_datagram(int socket, std::uint8_t* buffer, datagram* frame) {
   sockaddr_in sender = {};
   sender.sin_family = AF_INET;
+  alignas(cmsghdr) std::array<std::uint8_t, control_bytes> control;
+  iovec bytes = {.iov_base = buffer, .iov_len = message_buffer_bytes};
+  msghdr message = {};
   ssize_t length = 0;
   do {
-    socklen_t sender_length = sizeof sender;
-    length = recvfrom(socket, buffer, message_buffer_bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&sender),
-                      &sender_length);
+    message = {};
+    message.msg_name = &sender;
+    message.msg_namelen = sizeof sender;
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    length = recvmsg(socket, &message, MSG_DONTWAIT);
   } while (length < 0 && errno == EINTR);
   if (length < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return read_result::nothing_there;
-  *frame = {.length = static_cast<int>(length), .source = sender.sin_addr.s_addr, .source_port = sender.sin_port};
+  *frame = {.length = static_cast<int>(length),
+            .source = sender.sin_addr.s_addr,
+            .source_port = sender.sin_port,
+            .arrival = {.stamp = length < 0 ? 0 : arrival_stamp_of(&message), .reading = clock_now()}};
   return read_result::frame;
 }
 
@@ -57,8 +71,9 @@ int handle_datagram(std::uint8_t* buffer, const datagram* frame, test_settings* 
     if (settings->remote_run == 0) std::fprintf(stderr, "Error- zero length recvfrom on an icmp socket\n");
     return -1;
   }
-  if (settings->udp == 0) return handle_icmp_response(buffer, frame->length, settings, stats, run);
-  return handle_test_message(frame->source, frame->source_port, buffer, frame->length, settings, stats, run);
+  if (settings->udp == 0) return handle_icmp_response(buffer, frame->length, &frame->arrival, settings, stats, run);
+  return handle_test_message(frame->source, frame->source_port, buffer, frame->length, &frame->arrival, settings, stats,
+                             run);
 }
 
 // An echo test tries the read first and waits only when nothing is there: while answers stream in, that saves a call
@@ -90,7 +105,9 @@ int receive_message(test_settings* settings, run_state* run, test_stats* stats, 
   if (header.length < test_header_bytes || header.length > message_buffer_bytes) return -1;
   const int body_bytes = static_cast<int>(header.length) - header_bytes;
   if (receive_all(run->data_socket, buffer + header_bytes, body_bytes) < body_bytes) return -1;
-  return handle_test_message(settings->start_host, 0, buffer, static_cast<int>(header.length), settings, stats, run);
+  const frame_arrival arrival = {.stamp = 0, .reading = clock_now()};  // a stream has no stamps of its messages
+  return handle_test_message(settings->start_host, 0, buffer, static_cast<int>(header.length), &arrival, settings,
+                             stats, run);
 }
 
 // True when more of the stream can be read. `grace_usec` is what a stop signal leaves for the rest of a message.

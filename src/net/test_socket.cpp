@@ -21,6 +21,7 @@
 #include "app/test_settings.h"
 #include "engine/run_records.h"
 #include "net/address_text.h"
+#include "net/arrival.h"
 #include "net/socket_wait.h"
 
 namespace {
@@ -221,6 +222,7 @@ void open_test_socket(const test_settings* settings, run_state* run) {
   } else {
     run->data_socket = open_icmp_socket();
   }
+  if (settings->tcp == 0 && settings->ignore_responses == 0) ask_for_arrival_stamps(run->data_socket);
   set_type_of_service(settings, run);
 }
 

@@ -20,7 +20,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     data += 2 + length;
     size -= 2 + length;
     world.now += 70000;
-    if (handle_icmp_response(frame.data(), static_cast<int>(length), &b.settings, &b.stats, &b.run) > 1) std::abort();
+    if (handle_icmp_response(frame.data(), static_cast<int>(length), &b.handled_now(), &b.settings, &b.stats, &b.run) >
+        1)
+      std::abort();
     if (b.settings.partner_mode == 0) (void)echo_progress(&b.settings, &b.run, &b.stats);
   }
   if (b.stats.rx_packets + b.stats.lost_packets > 9 && b.settings.partner_mode == 0) std::abort();  // each settles once

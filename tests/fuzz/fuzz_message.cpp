@@ -4,8 +4,9 @@
 #include "support/bench.h"
 
 static void handle(bench* b, byte_vector message) {
-  const int result = handle_test_message(inet_addr("10.0.0.7"), htons(9), message.data(),
-                                         static_cast<int>(message.size()), &b->settings, &b->stats, &b->run);
+  const int result =
+      handle_test_message(inet_addr("10.0.0.7"), htons(9), message.data(), static_cast<int>(message.size()),
+                          &b->handled_now(), &b->settings, &b->stats, &b->run);
   if (result < 0 || result > 2) std::abort();
   if (b->settings.command_mode != 0) (void)batch_report(&b->settings, &b->run, &b->stats, result);
 }

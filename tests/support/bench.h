@@ -16,6 +16,7 @@
 #include "app/test_settings.h"
 #include "engine/clock.h"
 #include "engine/run_records.h"
+#include "net/arrival.h"
 #include "net/transmitter.h"
 #include "report/results_files.h"
 #include "report/sample_list.h"
@@ -72,6 +73,11 @@ struct bench {
     slot(sequence).responder = settings.start_host;
     slot(sequence).rx_time = world.now - age;
   }
+  // The arrival of a frame that is handled now; the kernel's stamp of it is `stamp`.
+  const frame_arrival& handled_now() {
+    arrival.reading = world.now;
+    return arrival;
+  }
   // Joins run.data_socket to `peer`, by a stream or by datagrams.
   void connect(int type) {
     std::signal(SIGPIPE, SIG_IGN);
@@ -87,6 +93,7 @@ struct bench {
   test_settings settings = {};
   test_stats stats = {};
   run_state run = {};
+  frame_arrival arrival = {};
   std::vector<packet_slot> table = std::vector<packet_slot>(packet_table_slots);
   int peer = -1;
 };

@@ -4,7 +4,8 @@
 
 static std::string handled(bench* b, int result, const byte_vector& frame) {
   return said(result, [&] {
-    return handle_icmp_response(frame.data(), static_cast<int>(frame.size()), &b->settings, &b->stats, &b->run);
+    return handle_icmp_response(frame.data(), static_cast<int>(frame.size()), &b->handled_now(), &b->settings,
+                                &b->stats, &b->run);
   });
 }
 

@@ -5,7 +5,7 @@
 static std::string handled(bench* b, int result, byte_vector bytes) {
   return said(result, [&] {
     return handle_test_message(inet_addr("10.0.0.7"), htons(9999), bytes.data(), static_cast<int>(bytes.size()),
-                               &b->settings, &b->stats, &b->run);
+                               &b->handled_now(), &b->settings, &b->stats, &b->run);
   });
 }
 
