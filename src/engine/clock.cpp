@@ -25,6 +25,10 @@ std::int64_t ticks_to_usec(std::int64_t ticks) {
   return seconds * usec_per_second + (ticks % ticks_per_second) * usec_per_second / ticks_per_second;
 }
 
+std::int64_t usec_to_ticks(std::int64_t usec) {
+  return usec / usec_per_second * ticks_per_second + usec % usec_per_second * ticks_per_second / usec_per_second;
+}
+
 std::int64_t usec_between(std::int64_t earlier, std::int64_t later) {
   return std::max<std::int64_t>(ticks_to_usec(later - earlier), 0);
 }

@@ -19,6 +19,9 @@ inline constexpr std::int64_t usec_per_second = 1000000;
 // A difference of two clock readings, in ticks, as microseconds; truncates toward zero. No difference overflows.
 [[nodiscard]] std::int64_t ticks_to_usec(std::int64_t ticks);
 
+// Microseconds as a difference of two clock readings, in ticks.
+[[nodiscard]] std::int64_t usec_to_ticks(std::int64_t usec);
+
 // Microseconds from one clock reading to a later one, both in ticks; 0 when the clock was set back in between.
 [[nodiscard]] std::int64_t usec_between(std::int64_t earlier, std::int64_t later);
 

@@ -5,6 +5,7 @@
 
 #include "app/test_settings.h"
 #include "engine/clock.h"
+#include "engine/pacing.h"
 #include "engine/run_records.h"
 #include "net/address_text.h"
 #include "report/running_bitrate.h"
@@ -67,9 +68,7 @@ void report_settled_requests(const test_settings* settings, run_state* run, test
 }
 
 bool next_packet_is_due(const test_settings* settings, const run_state* run) {
-  if (run->current_tx__packet >= settings->total_requests) return false;
-  const packet_slot* newest = slot_of(run, run->current_tx__packet - 1);
-  return usec_between(newest->tx_time, clock_now()) > settings->delay_usec;
+  return run->current_tx__packet < settings->total_requests && release_is_due(run, clock_now());
 }
 
 bool all_is_sent_and_reported(const test_settings* settings, const run_state* run) {

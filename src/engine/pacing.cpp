@@ -10,6 +10,7 @@
 namespace {
 
 constexpr std::int64_t first_burst_usec = 10000;     // the credit a test starts with
+constexpr std::int64_t longest_overshoot_usec = 2000;  // by which a wait may end late; more is another matter
 constexpr std::int64_t partner_wait_usec = 1000000;  // a silence this long ends a batch
 
 std::uint32_t requests_left(const test_settings* settings, const run_state* run) {
@@ -25,6 +26,21 @@ std::int64_t window_room(const test_settings* settings, const run_state* run) {
 std::uint32_t credit_in_packets(const test_settings* settings, const run_state* run, std::int64_t elapsed) {
   if (elapsed == 0) return 0;
   return static_cast<std::uint32_t>((run->pacing_remainder_usec + elapsed) / settings->delay_usec);
+}
+
+// One delay after the release of now was due, for every period of credit that it spends. A release that is late for
+// another reason than the end of its wait (a full window, a stalled or stopped process, a clock that was set) begins
+// the schedule anew, and none is planned further ahead than one delay.
+std::int64_t plan_next_release(const test_settings* settings, const run_state* run, std::int64_t now,
+                               std::uint32_t periods) {
+  const std::int64_t delay = usec_to_ticks(settings->delay_usec);
+  const bool on_schedule = run->current_tx__packet != 0 && now >= run->next_tx_time &&
+                           usec_between(run->next_tx_time, now) <= longest_overshoot_usec;
+  return on_schedule ? std::min(run->next_tx_time + periods * delay, now + delay) : now + delay;
+}
+
+std::int64_t usec_until_next_release(const test_settings* settings, const run_state* run, std::int64_t now) {
+  return std::min<std::int64_t>(usec_between(now, run->next_tx_time), settings->delay_usec);
 }
 
 std::int64_t as_wait(std::int64_t usec) {
@@ -52,7 +68,8 @@ std::uint32_t packets_due(const test_settings* settings, run_state* run) {
   const bool nothing_sent = run->current_tx__packet == 0;
   const std::int64_t elapsed = nothing_sent ? first_burst_usec : usec_between(run->last_tx_time, now);
 
-  std::uint32_t due = credit_in_packets(settings, run, elapsed);
+  const std::uint32_t periods = credit_in_packets(settings, run, elapsed);
+  std::uint32_t due = periods;
   if (nothing_sent && due == 0) due = 1;
   due = std::min(due, requests_left(settings, run));
   if (settings->command_mode != 0) due = 1;
@@ -61,6 +78,7 @@ std::uint32_t packets_due(const test_settings* settings, run_state* run) {
   }
 
   if (due != 0) {
+    run->next_tx_time = plan_next_release(settings, run, now, periods);
     run->last_tx_time = now;
     run->pacing_remainder_usec = (run->pacing_remainder_usec + elapsed) % settings->delay_usec;
   }
@@ -74,16 +92,20 @@ std::int64_t time_until_next_event(const test_settings* settings, const run_stat
   std::int64_t wait = usec_until_timeout(settings, run, now);
   const bool more_to_send = run->current_tx__packet < settings->total_requests;
   const bool window_has_room = run->current_tx__packet - run->oldest_outstanding < settings->max_outstanding;
-  if (more_to_send && window_has_room) {
-    const packet_slot* newest = slot_of(run, run->current_tx__packet - 1);
-    const std::int64_t until_next = settings->delay_usec - usec_between(newest->tx_time, now);
-    wait = std::min(wait, until_next);
-  }
+  if (more_to_send && window_has_room) wait = std::min(wait, usec_until_next_release(settings, run, now));
   return as_wait(wait);
 }
 
 std::int64_t time_until_timeout(const test_settings* settings, const run_state* run) {
   return as_wait(usec_until_timeout(settings, run, clock_now()));
+}
+
+std::int64_t time_until_next_release(const test_settings* settings, const run_state* run) {
+  return usec_until_next_release(settings, run, clock_now());
+}
+
+bool release_is_due(const run_state* run, std::int64_t now) {
+  return now > run->next_tx_time;
 }
 
 bool duration_is_over(const test_settings* settings, const test_stats* stats, std::int64_t now) {
@@ -96,6 +118,7 @@ void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats) 
   if (step <= 0) return;
   stats->start_time -= step;
   run->last_tx_time -= step;
+  run->next_tx_time -= step;
   if (run->current_tx__packet == 0) return;
   const std::uint32_t unreported = run->current_tx__packet - run->oldest_outstanding;
   const std::uint32_t slots = std::clamp(unreported, 1U, run->packet_table_size);

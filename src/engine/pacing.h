@@ -1,4 +1,8 @@
 // Pacing: how many packets now, how long to wait. Arithmetic on the records, no I/O but the clock.
+//
+// How many is a matter of credit: elapsed time buys packets. When to look is a matter of schedule: a wait ends some 50
+// usec late, and if each were counted from the end of the one before, the delays would add up until two packets went
+// out together. So every release is due one delay after the one before was due.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +14,7 @@ struct test_stats;
 // How many packets the pacing releases now; 0 = none yet. Elapsed time is a credit: every release spends whole periods
 // of settings->delay_usec (usec) and keeps the remainder in `run`, so rounding never adds up over a stream. The window,
 // unless responses are ignored, and the requests left bound the result. Reads the clock once; changes `run` only when
-// the result is not 0.
+// the result is not 0, and then sets run->next_tx_time.
 [[nodiscard]] std::uint32_t packets_due(const test_settings* settings, run_state* run);
 
 // How long, in usec, the test may wait for a frame before something is due: 0 to 2147483647. A monitor and a commander
@@ -20,10 +24,16 @@ struct test_stats;
 // The same for a run that sends nothing more: usec until the oldest request times out.
 [[nodiscard]] std::int64_t time_until_timeout(const test_settings* settings, const run_state* run);
 
+// How long, in usec, until the next release is due: 0 to settings->delay_usec.
+[[nodiscard]] std::int64_t time_until_next_release(const test_settings* settings, const run_state* run);
+
+// True when the next release is due at `now` (ticks), were there anything left to send.
+[[nodiscard]] bool release_is_due(const run_state* run, std::int64_t now);
+
 // True when `now` (ticks) is past the duration that the test was given; never without one.
 [[nodiscard]] bool duration_is_over(const test_settings* settings, const test_stats* stats, std::int64_t now);
 
 // When `now` (ticks) shows that the clock was set back behind the last release, moves the stored times of the run back
-// with it: the start, the release, the requests not yet reported and the newest one, which the next waits for.
+// with it: the start, the releases, the requests not yet reported and the newest one.
 // Otherwise nothing would be due, and nothing time out, until the clock has caught up again.
 void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats);

@@ -27,6 +27,7 @@ struct run_state {
   std::uint32_t batch;                 // batches completed; in a command run and a partner's stream, the batch number
   std::int64_t last_rx_time;           // ticks; arrival of the last stream packet, 0 = none yet
   std::int64_t last_tx_time;           // ticks; the last pacing decision that released packets
+  std::int64_t next_tx_time;           // ticks; when the next release is due, by the schedule
   std::int64_t pacing_remainder_usec;  // elapsed time not yet turned into packets
   packet_slot* packet_table;           // owned by the test loop
   std::uint32_t packet_table_size;     // slots

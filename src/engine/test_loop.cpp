@@ -116,9 +116,9 @@ release_end release_packets(std::uint32_t due, test_settings* settings, test_sta
 }
 
 // The pause of a test that never reads; a stop signal ends it.
-void rest_without_reading(const test_settings* settings) {
-  std::int64_t left_usec = settings->delay_usec;
-  if (left_usec > 1 && stop_signal() == 0) (void)wait_on_socket(-1, wait_for::readable, &left_usec);
+void rest_without_reading(const test_settings* settings, const run_state* run) {
+  std::int64_t left_usec = settings->delay_usec > 1 ? time_until_next_release(settings, run) : 0;
+  if (left_usec > 0 && stop_signal() == 0) (void)wait_on_socket(-1, wait_for::readable, &left_usec);
   yield_processor();
 }
 
@@ -188,7 +188,7 @@ void run_one_pass(test_settings* settings, test_stats* stats, run_state* run, co
   if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
   const release_end released = release_packets(packets_due(settings, run), settings, stats, run, command);
   if (settings->ignore_responses != 0) {
-    rest_without_reading(settings);
+    rest_without_reading(settings, run);
     return;
   }
   if (is_monitor(settings) && uses_icmp(settings)) await_first_sender(settings);

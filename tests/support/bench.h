@@ -66,6 +66,7 @@ struct bench {
     slot(number).destination = settings.start_host;
     slot(number).tx_time = world.now - age;
     run.current_tx__packet = sequence + 1;
+    run.next_tx_time = slot(number).tx_time + settings.delay_usec;
   }
   // Its answer came `age` usec ago.
   void answer(std::int64_t sequence, std::int64_t age = 0) {

@@ -21,7 +21,7 @@ timeval as_timeval(std::int64_t usec) {
 std::int64_t pass_time(std::int64_t usec) {
   const auto next = world.events.begin();
   if (next == world.events.end() || next->first > world.now + usec) {
-    world.now += usec;
+    world.now += usec + world.overshoot;
     return 0;
   }
   const std::int64_t passed = std::max<std::int64_t>(next->first - world.now, 0);

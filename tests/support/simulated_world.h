@@ -12,6 +12,7 @@
 struct simulated_world {
   std::int64_t now = 1700000000000000;  // usec since the epoch
   int readings = 0;                     // of the clock so far
+  std::int64_t overshoot = 0;           // usec by which every wait ends late
   // What happens while the code waits, by time. Descriptors are real: an event sends to the code by writing to them.
   std::multimap<std::int64_t, std::function<void()>> events;
   int sent = 0;                                                   // datagrams so far

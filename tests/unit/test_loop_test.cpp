@@ -28,6 +28,33 @@ TEST(EchoRun, OutlivesEveryStepOfTheClock) {
   }
 }
 
+// When each packet leaves, in usec since the start, down to 10. Waits end 70 usec late; the one that should end at
+// `due` ends `lateness` usec late.
+static list send_times(const std::string& arguments, std::int64_t due = 0, std::int64_t lateness = 70) {
+  bench b(arguments + " -m -T9000000");
+  const std::int64_t start = world.now;
+  world.overshoot = 70;
+  world.after(due - 300, [lateness] { world.overshoot = lateness; });
+  world.after(due + lateness + 1, [] { world.overshoot = 70; });
+  list times;
+  world.on_send = [&](const byte_vector&) { times.push_back((world.now - start) / 10 * 10); };
+  said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  return times;
+}
+
+TEST(Schedule, ReleasesAreDueOneDelayAfterTheOneBeforeWasDue) {
+  for (const std::string path : {"-a99", "-i"}) {
+    EXPECT_EQ(send_times(path + " -e5 -d20000"), (list{0, 20070, 40070, 60070, 80070}));
+    EXPECT_EQ(send_times(path + " -e5 -d4000"), (list{0, 0, 4070, 8070, 12070}));  // the first burst, its remainder
+    // Late by what a wait may be late: the schedule stays, and the credit of what was missed goes out.
+    EXPECT_EQ(send_times(path + " -e5 -d20000", 40000, 1990), (list{0, 20070, 41990, 60070, 80070}));
+    EXPECT_EQ(send_times(path + " -e8 -d3000", 6000, 1500), (list{0, 0, 0, 3070, 7500, 9070, 12070, 15070}));
+    // Later than that: it begins anew.
+    EXPECT_EQ(send_times(path + " -e5 -d20000", 40000, 2010), (list{0, 20070, 42010, 62080, 82080}));
+    EXPECT_EQ(send_times(path + " -e8 -d3000", 6000, 7500), (list{0, 0, 0, 3070, 13500, 13500, 13500, 16570}));
+  }
+}
+
 TEST(Commander, EveryPacketOfTheStreamGetsItsSlot) {
   bench b("-c -E3");
   const command_body command = {};
