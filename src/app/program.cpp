@@ -12,6 +12,7 @@
 #include "app/version.h"
 #include "engine/run_records.h"
 #include "engine/test_loop.h"
+#include "net/host_losses.h"
 #include "net/socket_wait.h"
 #include "net/test_socket.h"
 #include "wire/remote_command.h"
@@ -56,8 +57,9 @@ int run_program(int argc, char** argv) {
   current_run_state = &run;
   ask_for_exact_waits();
 
+  const host_counters before = read_host_counters();
   const int status = run_test(&settings, &stats, &run, &command);
-  report_dropped_datagrams(&settings, &run);
+  report_host_losses(&settings, &run, &stats, &before);
   close_data_socket(&run);
   return status;
 }

@@ -9,9 +9,9 @@
 
 namespace {
 
-constexpr std::int64_t first_burst_usec = 10000;     // the credit a test starts with
+constexpr std::int64_t first_burst_usec = 10000;       // the credit a test starts with
 constexpr std::int64_t longest_overshoot_usec = 2000;  // by which a wait may end late; more is another matter
-constexpr std::int64_t partner_wait_usec = 1000000;  // a silence this long ends a batch
+constexpr std::int64_t partner_wait_usec = 1000000;    // a silence this long ends a batch
 
 std::uint32_t requests_left(const test_settings* settings, const run_state* run) {
   return run->current_tx__packet < settings->total_requests ? settings->total_requests - run->current_tx__packet : 0;

@@ -18,6 +18,7 @@
 #include "engine/progress_line.h"
 #include "engine/run_records.h"
 #include "net/address_text.h"
+#include "net/receive_filter.h"
 #include "net/receiver.h"
 #include "net/socket_wait.h"
 #include "net/tcp_send.h"
@@ -32,7 +33,6 @@ namespace {
 
 constexpr std::size_t packet_table_bytes = packet_table_slots * sizeof(packet_slot);
 constexpr std::int64_t full_connection_wait_usec = 1000;
-constexpr int longest_read_run = 64;
 
 void derive_sizes(test_settings* settings, run_state* run) {
   const packet_sizes sizes = sizes_for_carrier(settings->udp != 0, settings->tcp != 0, settings->ip_length);
@@ -66,6 +66,7 @@ void start_run(test_settings* settings, test_stats* stats, run_state* run) {
   derive_sizes(settings, run);
   allocate_packet_table(run);
   if (settings->process_id == 0) settings->process_id = static_cast<std::uint32_t>(getpid());
+  leave_out_own_traffic(settings, run);
   settings->total_requests = (ntohl(settings->end_host) - ntohl(settings->start_host) + 1) * settings->echo_count;
   stats->start_time = clock_now();
   run->last_tx_time = clock_now();
@@ -141,23 +142,9 @@ void start_batch(test_stats* stats, run_state* run) {
   run->last_rx_time = 0;
 }
 
-// While the window is full nothing can be sent before an answer is reported. What is queued behind that answer is read
-// in one go then: sending one request for each would wake the far end for every packet.
-int frames_worth_reading(const test_settings* settings, const run_state* run) {
-  const std::uint32_t unreported = run->current_tx__packet - run->oldest_outstanding;
-  if (unreported < settings->max_outstanding) return 0;
-  return static_cast<int>(std::min<std::uint32_t>(unreported - 1, longest_read_run));
-}
-
 bool keep_receiving_echoes(test_settings* settings, test_stats* stats, run_state* run, int status) {
-  int more = status > 0 ? frames_worth_reading(settings, run) : 0;
   if (status <= 0) follow_clock_set_back(clock_now(), run, stats);
-  bool keep_going = echo_progress(settings, run, stats) != 0;
-  for (; more > 0 && status > 0; --more) {
-    status = receive_one_frame(settings, run, stats, 0);
-    keep_going = echo_progress(settings, run, stats) != 0;
-  }
-  return keep_going;
+  return echo_progress(settings, run, stats) != 0;
 }
 
 bool keep_receiving(test_settings* settings, test_stats* stats, run_state* run, int status) {

@@ -2,14 +2,12 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -243,14 +241,4 @@ void accept_test_connection(run_state* run) {
 void close_data_socket(run_state* run) {
   if (run->data_socket >= 0) close(run->data_socket);
   run->data_socket = -1;
-}
-
-void report_dropped_datagrams(const test_settings* settings, const run_state* run) {
-  std::array<std::uint32_t, SK_MEMINFO_VARS> figures = {};
-  socklen_t length = sizeof figures;
-  if (settings->tcp != 0) return;
-  if (getsockopt(run->data_socket, SOL_SOCKET, SO_MEMINFO, figures.data(), &length) != 0) return;
-  if (figures[SK_MEMINFO_DROPS] == 0) return;
-  std::fprintf(stderr, "Note: %d datagrams were dropped by this host's receive buffer (%d bytes)\n",
-               low32(figures[SK_MEMINFO_DROPS]), low32(figures[SK_MEMINFO_RCVBUF]));
 }

@@ -1,4 +1,4 @@
-// The socket of a run: open it, configure it, and tell at the end what it lost.
+// The socket of a run: open it and configure it.
 #pragma once
 
 struct run_state;
@@ -17,7 +17,3 @@ void accept_test_connection(run_state* run);
 
 // Closes run->data_socket, if it is open, and marks it as closed.
 void close_data_socket(run_state* run);
-
-// Says on standard error how many datagrams the kernel dropped at this run's socket, for a full receive buffer above
-// all (SO_MEMINFO in socket(7)), and how large that buffer was; nothing when there were none, and nothing over TCP.
-void report_dropped_datagrams(const test_settings* settings, const run_state* run);

@@ -69,7 +69,16 @@ def test_two_commanders_append_to_one_file(lab, tmp_path):
         assert all(row.startswith("5.2,out.csv,udp,") and row.count(",") >= least and row.endswith(",") for row in rows)
 
 
-def test_datagrams_lost_in_our_own_buffer_are_told(lab):
-    run = lab.run("-i", "-e200", "-d1", "-l30000", LOOPBACK)  # six megabytes of answers that nobody reads
-    note = r"Note: [1-9]\d* datagrams were dropped by this host's receive buffer \([1-9]\d* bytes\)\n"
-    assert re.fullmatch(TO_HERE + note + END, run.err), run.err
+def test_what_this_host_itself_lost_is_told(lab):
+    peer = lab.own(TunPeer(lab.namespace(), {}))
+    lab.run(*"qdisc replace dev tun0 root tbf rate 1mbit burst 3000 limit 6000".split(), program="tc", at=peer.namespace)
+    flood = ("-d1", "-l30000", "-m", "-s", "-T300000")  # six megabytes: more than the buffer of the reader, who sends
+    full = r"Note: (\d+) datagrams were dropped by this host's receive buffer \([1-9]\d* bytes\)\n"
+    discarded = r"Note: this host discarded at least (\d+) outgoing packets during the test\n"
+    for options, host, note in (((*flood, "-e200", "-a200"), LOOPBACK, full), ((*flood, "-e200", "-i"), LOOPBACK, ""),
+                                (("-i", "-e200", "-d1", "-l1500"), HOST, discarded)):
+        run = lab.run(*options, host, at=peer.namespace)
+        found = re.fullmatch(f"Destination IP = {host}\n{note}{END}", run.err)
+        assert found, run.err
+        missing = int(re.search(r"(\d+) missing", run.body)[1])
+        assert not note or 0 < int(found[1]) <= missing and (note == discarded or int(found[1]) == missing)

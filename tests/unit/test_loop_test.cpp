@@ -1,7 +1,26 @@
 #include "engine/test_loop.h"
 
+#include <algorithm>
+
 #include "support/expect.h"
 #include "wire/remote_command.h"
+
+// Every request is answered `usec` after it was sent.
+static void answer_after(bench* b, std::int64_t usec) {
+  b->connect(SOCK_DGRAM);
+  world.on_send = [=](const byte_vector& request) {
+    const byte_vector answer = datagram(with_checksum(patched(request, 0, {0})));
+    world.after(usec, [b, answer] { b->write_to_code(answer); });
+  };
+}
+
+TEST(EchoRun, SendsAgainAfterEveryAnswer) {  // were it to read what is queued first, each would print a bitrate line
+  bench b("-e500 -a10 -d0 -A50 -s");
+  answer_after(&b, 1000);
+  const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  const auto lines = std::count(text.begin(), text.end(), '\n') - 6;  // the rest is the host and the summary
+  EXPECT_EQ(lines, 9 + 10) << text;  // one at every fiftieth, but for each that is outstanding when the last is sent
+}
 
 TEST(EchoRun, OutlivesEveryStepOfTheClock) {
   for (const std::int64_t step : {3600000000, -3600000000}) {
@@ -13,11 +32,8 @@ TEST(EchoRun, OutlivesEveryStepOfTheClock) {
           for (auto& [time, event] : std::exchange(world.events, {})) world.events.emplace(time + step, event);
         });
         const bool answered = arguments == "-e8";
-        b.connect(SOCK_DGRAM);
-        world.on_send = [&](const byte_vector& request) {
-          const byte_vector answer = datagram(with_checksum(patched(request, 0, {0})));
-          if (answered) world.after(1000, [&b, answer] { b.write_to_code(answer); });
-        };
+        answer_after(&b, 1000);
+        if (!answered) world.on_send = nullptr;
         const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
         const std::int64_t undisturbed = 8 * (answered ? 100001 : 200001);
         EXPECT_LE(world.now - step - simulated_world().now, undisturbed + 200001) << step << " at " << moment;
