@@ -108,13 +108,9 @@ bool release_is_due(const run_state* run, std::int64_t now) {
   return now > run->next_tx_time;
 }
 
-bool duration_is_over(const test_settings* settings, const test_stats* stats, std::int64_t now) {
-  if (settings->duration_sec == 0) return false;
-  return usec_between(stats->start_time, now) > settings->duration_sec * usec_per_second;
-}
-
 void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats) {
-  const std::int64_t step = run->last_tx_time - now;
+  const std::int64_t step = run->latest_time - now;
+  run->latest_time = now;
   if (step <= 0) return;
   stats->start_time -= step;
   run->last_tx_time -= step;

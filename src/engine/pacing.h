@@ -30,10 +30,7 @@ struct test_stats;
 // True when the next release is due at `now` (ticks), were there anything left to send.
 [[nodiscard]] bool release_is_due(const run_state* run, std::int64_t now);
 
-// True when `now` (ticks) is past the duration that the test was given; never without one.
-[[nodiscard]] bool duration_is_over(const test_settings* settings, const test_stats* stats, std::int64_t now);
-
-// When `now` (ticks) shows that the clock was set back behind the last release, moves the stored times of the run back
-// with it: the start, the releases, the requests not yet reported and the newest one.
-// Otherwise nothing would be due, and nothing time out, until the clock has caught up again.
+// To be called with every new reading `now` (ticks). When it shows that the clock was set back since the last one,
+// moves the stored times of the run back with it: the start, the releases, the requests not yet reported and the newest
+// one. Otherwise nothing would be due, and nothing time out, until the clock has caught up again.
 void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats);

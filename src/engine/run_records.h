@@ -28,6 +28,7 @@ struct run_state {
   std::int64_t last_rx_time;           // ticks; arrival of the last stream packet, 0 = none yet
   std::int64_t last_tx_time;           // ticks; the last pacing decision that released packets
   std::int64_t next_tx_time;           // ticks; when the next release is due, by the schedule
+  std::int64_t latest_time;            // ticks; the last reading that the clock was followed by
   std::int64_t pacing_remainder_usec;  // elapsed time not yet turned into packets
   packet_slot* packet_table;           // owned by the test loop
   std::uint32_t packet_table_size;     // slots
@@ -36,6 +37,8 @@ struct run_state {
   std::uint32_t transmit_length;       // bytes handed to the socket per test packet
   std::uint32_t payload_length;        // of these, data bytes
   std::uint32_t stop_requested;        // flag: the duration has elapsed
+  std::uint32_t segmentation_refused;  // flag: the kernel does not cut our datagrams, so they go out one by one
+  std::uint32_t refusal_reported;      // flag: the line of a refused packet was printed
 };
 
 struct test_stats {

@@ -13,11 +13,13 @@
 #include "app/signals.h"
 #include "app/test_settings.h"
 #include "engine/clock.h"
+#include "engine/duration.h"
 #include "engine/echo_progress.h"
 #include "engine/pacing.h"
 #include "engine/progress_line.h"
 #include "engine/run_records.h"
 #include "net/address_text.h"
+#include "net/burst.h"
 #include "net/receive_filter.h"
 #include "net/receiver.h"
 #include "net/socket_wait.h"
@@ -70,6 +72,7 @@ void start_run(test_settings* settings, test_stats* stats, run_state* run) {
   settings->total_requests = (ntohl(settings->end_host) - ntohl(settings->start_host) + 1) * settings->echo_count;
   stats->start_time = clock_now();
   run->last_tx_time = clock_now();
+  run->latest_time = run->last_tx_time;
 }
 
 bool another_pass(const test_settings* settings, const run_state* run) {
@@ -98,20 +101,28 @@ bool must_read_first(const test_settings* settings, const run_state* run) {
 
 enum class release_end : std::uint8_t { complete, connection_is_full };
 
-// A release may be long: it ends by itself once the duration is over or a stop signal came.
+// Sends one packet, or as many of the `due` as one call takes. Returns how many; 0 when nothing more is to be sent.
+std::uint32_t send_some(std::uint32_t due, test_settings* settings, test_stats* stats, run_state* run,
+                        const command_body* command) {
+  if (sends_bursts(settings)) return send_burst(settings, run, stats, std::min(due, largest_burst));
+  const int result = send_test_packet(settings, run, stats, command);
+  if (result < 0) end_sending(settings, run);
+  return result == 0 ? 1 : 0;
+}
+
+// A release may be long: it follows the clock as a pass does, and ends by itself once the duration is over or a stop
+// signal came.
 release_end release_packets(std::uint32_t due, test_settings* settings, test_stats* stats, run_state* run,
                             const command_body* command) {
-  for (; due != 0 && stop_signal() == 0; --due) {
+  while (due != 0 && stop_signal() == 0) {
     if (must_read_first(settings, run)) return release_end::connection_is_full;
-    if (send_test_packet(settings, run, stats, command) < 0) {
-      end_sending(settings, run);
-      break;
-    }
+    const std::uint32_t sent = send_some(due, settings, stats, run, command);
     answer_progress_request();
-    if (duration_is_over(settings, stats, slot_of(run, run->current_tx__packet - 1)->tx_time)) {
-      run->stop_requested = 1;
-      break;
-    }
+    const std::int64_t now = clock_now();
+    follow_clock_set_back(now, run, stats);
+    if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
+    if (sent == 0 || run->stop_requested != 0) break;
+    due -= sent;
   }
   return release_end::complete;
 }

@@ -13,6 +13,7 @@
 #include "engine/test_loop.h"  // the one call back into the loop: run_remote_command below
 #include "net/address_text.h"
 #include "net/arrival.h"
+#include "net/datagram_send.h"
 #include "net/tcp_send.h"
 #include "wire/icmp_echo.h"
 #include "wire/remote_command.h"
@@ -44,7 +45,7 @@ void adopt_partner(const test_header* header, test_settings* settings, run_state
 }
 
 void send_reply_on_connection(int socket, std::size_t length) {
-  if (send_all(socket, {reply_buffer.data(), length}, give_up_on_stuck_peer) == length) return;
+  if (send_all(socket, {reply_buffer.data(), length}, give_up_on_stuck_peer).sent == length) return;
   // Half a reply would shift every message behind it: end the connection, and the next read finds it ended.
   shutdown(socket, SHUT_RDWR);
 }
@@ -52,7 +53,7 @@ void send_reply_on_connection(int socket, std::size_t length) {
 // A reply has the size of the request as it came. What becomes of it is not looked at: a lost reply is a lost packet to
 // whoever asked.
 void send_echo_reply(const test_header* request, sender_address sender, std::size_t length,
-                     const test_settings* settings, const run_state* run) {
+                     const test_settings* settings, const test_stats* stats, const run_state* run) {
   const test_header reply = {
       .type = message_echo_reply,
       .process_id = request->process_id,
@@ -69,8 +70,8 @@ void send_echo_reply(const test_header* request, sender_address sender, std::siz
   destination.sin_family = AF_INET;
   destination.sin_addr.s_addr = sender.address;
   destination.sin_port = sender.port;
-  sendto(run->data_socket, reply_buffer.data(), length, 0, reinterpret_cast<const sockaddr*>(&destination),
-         sizeof destination);
+  std::int64_t sent_at = 0;
+  (void)send_datagram(settings, run, stats, &destination, {reply_buffer.data(), length}, &sent_at);
 }
 
 // Echo mode: a duplicate, or an answer to a request that timed out, is passed over in silence.
@@ -165,7 +166,7 @@ int handle_test_message(std::uint32_t source_address, std::uint16_t source_port,
 
   switch (header.type) {
     case message_echo_request:
-      send_echo_reply(&header, {source_address, source_port}, bytes, settings, run);
+      send_echo_reply(&header, {source_address, source_port}, bytes, settings, stats, run);
       [[fallthrough]];
     case message_echo_reply:
     case message_data:

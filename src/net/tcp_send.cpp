@@ -2,7 +2,6 @@
 
 #include <sys/socket.h>
 
-#include <array>
 #include <cerrno>
 
 #include "app/signals.h"
@@ -11,10 +10,16 @@
 namespace {
 
 constexpr std::int64_t stall_slice_usec = 10000;  // how often input is thrown away while nothing can be sent
+constexpr std::size_t discarded_at_once = 1 << 20;
 
+// No more than a receive buffer holds: a peer that sends as fast as we discard must not keep us here. MSG_TRUNC throws
+// bytes of a stream away without copying them (tcp(7)).
 void discard_input_of(int socket) {
-  std::array<std::uint8_t, 4096> scratch;
-  while (recv(socket, scratch.data(), scratch.size(), MSG_DONTWAIT) > 0) {
+  std::size_t discarded = 0;
+  while (discarded < discarded_at_once) {
+    const ssize_t result = recv(socket, nullptr, discarded_at_once - discarded, MSG_DONTWAIT | MSG_TRUNC);
+    if (result <= 0) return;
+    discarded += static_cast<std::size_t>(result);
   }
 }
 
@@ -34,19 +39,19 @@ bool wait_for_room(int socket, stall_rules rules) {
 
 }  // namespace
 
-std::size_t send_all(int socket, std::span<const std::uint8_t> bytes, stall_rules rules) {
+stream_result send_all(int socket, std::span<const std::uint8_t> bytes, stall_rules rules) {
   std::size_t sent = 0;
   while (sent < bytes.size()) {
     const ssize_t result = send(socket, bytes.data() + sent, bytes.size() - sent, MSG_DONTWAIT);
     if (result > 0) {
       sent += static_cast<std::size_t>(result);
-    } else if (result < 0 && errno == EINTR) {
-      continue;
-    } else if (result == 0 || (errno != EAGAIN && errno != EWOULDBLOCK) || !wait_for_room(socket, rules)) {
-      break;
+    } else if (result == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+      return {.sent = sent, .stalled = false};
+    } else if (errno != EINTR && !wait_for_room(socket, rules)) {
+      return {.sent = sent, .stalled = true};
     }
   }
-  return sent;
+  return {.sent = sent, .stalled = false};
 }
 
 bool has_room_to_send(int socket) {

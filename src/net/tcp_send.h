@@ -14,9 +14,14 @@ struct stall_rules {
 // For a monitor: a peer that does not read must not hold it.
 inline constexpr stall_rules give_up_on_stuck_peer = {.longest_usec = 10000000, .discard_input = false};
 
-// Sends `bytes` whole. Returns how many went out: fewer than given when the connection failed, stalled for too long, or
-// a stop signal came while it was stalled.
-[[nodiscard]] std::size_t send_all(int socket, std::span<const std::uint8_t> bytes, stall_rules rules);
+struct stream_result {
+  std::size_t sent;  // bytes that went out
+  bool stalled;      // that they are not all is for a stall that was given up, not for a connection that failed
+};
+
+// Sends `bytes` whole. Fewer go out when the connection fails, stalls for too long, or a stop signal comes while it is
+// stalled.
+[[nodiscard]] stream_result send_all(int socket, std::span<const std::uint8_t> bytes, stall_rules rules);
 
 // True when the connection takes a whole message now: Linux calls a TCP socket writable while at least a third of its
 // send buffer is free. True as well for a closed socket, so that the send that follows reports it.

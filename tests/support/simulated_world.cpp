@@ -5,6 +5,8 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 
 simulated_world world;
@@ -60,10 +62,52 @@ extern "C" int select(int count, fd_set* readable, fd_set* writable, fd_set* /*f
   }
 }
 
+namespace {
+
+bool send_fails(bool side_by_side) {
+  errno = world.send_error ? world.send_error(side_by_side) : 0;
+  return errno != 0;
+}
+
+void take_datagram(const std::vector<std::uint8_t>& bytes) {
+  ++world.sent;
+  if (world.on_send) world.on_send(bytes);
+}
+
+std::vector<std::uint8_t> gathered(const msghdr* message) {
+  std::vector<std::uint8_t> bytes;
+  for (std::size_t i = 0; i < message->msg_iovlen; ++i) {
+    const auto* part = static_cast<const std::uint8_t*>(message->msg_iov[i].iov_base);
+    bytes.insert(bytes.end(), part, part + message->msg_iov[i].iov_len);
+  }
+  return bytes;
+}
+
+}  // namespace
+
 extern "C" ssize_t sendto(int /*socket*/, const void* bytes, size_t length, int /*flags*/, const sockaddr* /*to*/,
                           socklen_t /*to_length*/) {
-  ++world.sent;
+  if (send_fails(false)) return -1;
+  ++world.send_calls;
   const auto* first = static_cast<const std::uint8_t*>(bytes);
-  if (world.on_send) world.on_send({first, first + length});
+  take_datagram({first, first + length});
   return static_cast<ssize_t>(length);
+}
+
+// Datagrams side by side, as UDP_SEGMENT cuts them (udp(7)).
+extern "C" ssize_t sendmsg(int /*socket*/, const msghdr* message, int /*flags*/) {
+  if (send_fails(true)) return -1;
+  ++world.send_calls;
+  std::uint16_t segment_bytes = 0;
+  std::memcpy(&segment_bytes, CMSG_DATA(CMSG_FIRSTHDR(message)), sizeof segment_bytes);
+  const std::vector<std::uint8_t> bytes = gathered(message);
+  for (auto at = bytes.begin(); at < bytes.end(); at += segment_bytes) take_datagram({at, at + segment_bytes});
+  return static_cast<ssize_t>(bytes.size());
+}
+
+extern "C" int sendmmsg(int /*socket*/, mmsghdr* messages, unsigned int count, int /*flags*/) {
+  unsigned int taken = 0;
+  while (taken < count && !send_fails(false)) take_datagram(gathered(&messages[taken++].msg_hdr));
+  world.send_calls += taken != 0 ? 1 : 0;
+  return taken != 0 ? static_cast<int>(taken) : -1;
 }

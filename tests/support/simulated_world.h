@@ -16,7 +16,10 @@ struct simulated_world {
   // What happens while the code waits, by time. Descriptors are real: an event sends to the code by writing to them.
   std::multimap<std::int64_t, std::function<void()>> events;
   int sent = 0;                                                   // datagrams so far
+  int send_calls = 0;                                             // that took them
   std::function<void(const std::vector<std::uint8_t>&)> on_send;  // of each datagram
+  // The errno that the next datagram meets, or side by side several in one, 0 = none.
+  std::function<int(bool side_by_side)> send_error;
 
   void after(std::int64_t usec, std::function<void()> event) {
     events.emplace(now + usec, std::move(event));

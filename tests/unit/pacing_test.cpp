@@ -1,5 +1,6 @@
 #include "engine/pacing.h"
 
+#include "engine/duration.h"
 #include "support/expect.h"
 
 // What the pacing releases `elapsed` usec after its last release.

@@ -1,0 +1,75 @@
+#include "net/datagram_send.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "app/test_settings.h"
+#include "engine/clock.h"
+#include "engine/duration.h"
+#include "engine/run_records.h"
+#include "net/socket_wait.h"
+
+namespace {
+
+// Select calls a datagram socket writable only when half of its buffer is free, which takes a minute on a slow link; a
+// packet's room may be there much earlier.
+constexpr std::int64_t buffer_slice_usec = 10000;
+
+bool serves_others(const test_settings* settings) {
+  return is_monitor(settings) || settings->remote_run != 0;
+}
+
+}  // namespace
+
+send_outcome outcome_of(ssize_t result) {
+  if (result >= 0) return send_outcome::taken;
+  return errno == EAGAIN || errno == EWOULDBLOCK ? send_outcome::full : send_outcome::refused;
+}
+
+sockaddr_in current_destination(const test_settings* settings) {
+  sockaddr_in destination = {};
+  destination.sin_family = AF_INET;
+  destination.sin_addr.s_addr = settings->start_host;
+  destination.sin_port = uses_icmp(settings) ? 0 : settings->remote_port;
+  return destination;
+}
+
+bool may_send_to(const test_settings* settings, std::uint32_t address) {
+  return !serves_others(settings) || !IN_MULTICAST(ntohl(address));
+}
+
+bool wait_for_buffer(const test_settings* settings, const run_state* run, const test_stats* stats) {
+  std::int64_t left_usec = std::min(time_until_end(settings, stats), buffer_slice_usec);
+  if (wait_on_socket(run->data_socket, wait_for::writable, &left_usec) == wait_result::failed) return false;
+  return !test_was_ended(settings, stats);
+}
+
+ssize_t send_datagram(const test_settings* settings, const run_state* run, const test_stats* stats,
+                      const sockaddr_in* destination, std::span<const std::uint8_t> bytes, std::int64_t* sent_at) {
+  if (!may_send_to(settings, destination->sin_addr.s_addr)) {
+    errno = EACCES;  // as for a broadcast address
+    return -1;
+  }
+  const auto* address = reinterpret_cast<const sockaddr*>(destination);
+  for (;;) {
+    const ssize_t sent =
+        sendto(run->data_socket, bytes.data(), bytes.size(), MSG_DONTWAIT, address, sizeof *destination);
+    if (sent < 0 && errno == EINTR) continue;
+    if (outcome_of(sent) != send_outcome::full) return sent;
+    if (!wait_for_buffer(settings, run, stats)) break;
+    *sent_at = clock_now();
+  }
+  errno = EAGAIN;
+  return -1;
+}
+
+void report_refused_packet(const test_settings* settings, run_state* run, std::uint32_t length, ssize_t result) {
+  if (serves_others(settings) && errno == EACCES) return;
+  if (settings->remote_run != 0 && run->refusal_reported != 0) return;
+  run->refusal_reported = 1;
+  std::fprintf(stdout, "Err- could not send %d bytes, sent %d bytes\n", static_cast<int>(length),
+               static_cast<int>(result));
+}

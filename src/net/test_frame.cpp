@@ -1,0 +1,65 @@
+#include "net/test_frame.h"
+
+#include <cstdio>
+
+#include "app/test_settings.h"
+#include "engine/clock.h"
+#include "engine/run_records.h"
+#include "wire/icmp_echo.h"
+#include "wire/remote_command.h"
+#include "wire/test_message.h"
+
+namespace {
+
+message_type type_of_message(const test_settings* settings) {
+  if (settings->command_mode != 0) return message_operation;
+  return settings->unidirectional != 0 ? message_data : message_echo_request;
+}
+
+}  // namespace
+
+std::uint32_t frame_bytes(const test_settings* settings, const run_state* run) {
+  return settings->command_mode != 0 ? std::uint32_t{sizeof(operation_message)} : run->transmit_length;
+}
+
+std::uint32_t write_frame_header(const test_settings* settings, const run_state* run, std::uint32_t sequence,
+                                 std::uint8_t* frame) {
+  if (uses_icmp(settings)) {
+    const icmp_echo echo = {
+        .type = settings->unidirectional != 0 ? icmp_echo_reply : icmp_echo_request,
+        .identifier = static_cast<std::uint16_t>(settings->process_id),
+        .sequence = static_cast<std::uint16_t>(sequence),
+    };
+    write_icmp_echo(&echo, frame);
+    return icmp_header_bytes;
+  }
+  const test_header header = {
+      .type = type_of_message(settings),
+      .process_id = settings->process_id,
+      .batch = run->batch,
+      .sequence = sequence,
+      .length = frame_bytes(settings, run),
+  };
+  write_test_header(&header, frame);
+  return test_header_bytes;
+}
+
+packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::uint32_t sequence) {
+  packet_slot* slot = slot_of(run, sequence);
+  slot->sequence = sequence;
+  slot->process_id = static_cast<std::uint16_t>(settings->process_id);
+  slot->slot_index = static_cast<std::uint16_t>(sequence & (run->packet_table_size - 1));
+  slot->outstanding = 1;
+  slot->responder = 0;
+  slot->destination = settings->start_host;
+  slot->tx_time = clock_now();
+  return slot;
+}
+
+void print_debug_line(const test_settings* settings, const run_state* run, const test_stats* stats,
+                      const packet_slot* slot) {
+  if (settings->debug == 0 || settings->remote_run != 0) return;
+  std::fprintf(stdout, "%8.6f: Tx one, process_id = %08x, *current_tx__packet = %d, batch = %d\n",
+               usec_to_seconds(usec_between(stats->start_time, slot->tx_time)), settings->process_id,
+               low32(slot->sequence), low32(run->batch));
+}
