@@ -6,7 +6,18 @@
 #include "app/live_output.h"
 #include "app/signals.h"
 
+namespace {
+
+void (*action_at_exit)() = nullptr;
+
+}  // namespace
+
+void call_at_exit(void (*action)()) {
+  action_at_exit = action;
+}
+
 void cleanup_exit(int status) {
+  if (action_at_exit != nullptr) action_at_exit();
   flush_output();
   std::fputs("Cleanup exit\n", stderr);
   end_by_stop_signal();

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -25,6 +26,7 @@ bool both_streams_lead_to_one_place() {
 
 void set_up_standard_streams() {
   fill_closed_standard_descriptors();
+  std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow fails the write, like a full disk
   std::setvbuf(stdout, nullptr, both_streams_lead_to_one_place() ? _IOLBF : _IOFBF, BUFSIZ);
 }
 

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdio>
 
+#include "app/cleanup_exit.h"
 #include "app/host_address.h"
 #include "app/live_output.h"
 #include "app/presets.h"
@@ -14,6 +15,7 @@
 #include "engine/clock.h"
 #include "net/address_text.h"
 #include "report/results_files.h"
+#include "report/results_table.h"
 #include "wire/packet_sizes.h"
 
 namespace {
@@ -56,6 +58,8 @@ bool name_results_file(const option_argument* argument, test_settings* /*setting
     std::fprintf(stderr, "Error: Expecting filename for -f\n");
     return false;
   }
+  close_unused_results_file();
+  call_at_exit(close_unused_results_file);
   results_filename = argument->text;
   results_file = open_results_table(results_filename, &results_file_is_new);
   if (results_file != nullptr) return true;

@@ -14,6 +14,7 @@
 #include "engine/test_loop.h"
 #include "net/host_losses.h"
 #include "net/socket_wait.h"
+#include "net/tcp_connection.h"
 #include "net/test_socket.h"
 #include "wire/remote_command.h"
 

@@ -1,3 +1,18 @@
 #include "engine/run_records.h"
 
+#include "app/test_settings.h"
+#include "engine/clock.h"
+
 run_state* current_run_state = nullptr;
+
+packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::uint32_t sequence) {
+  packet_slot* slot = slot_of(run, sequence);
+  slot->sequence = sequence;
+  slot->process_id = static_cast<std::uint16_t>(settings->process_id);
+  slot->slot_index = static_cast<std::uint16_t>(sequence & (run->packet_table_size - 1));
+  slot->outstanding = 1;
+  slot->responder = 0;
+  slot->destination = settings->start_host;
+  slot->tx_time = clock_now();
+  return slot;
+}

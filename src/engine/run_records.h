@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+struct test_settings;
+
 inline constexpr std::uint32_t packet_table_slots = 65536;  // a power of two: a slot is found by masking
 
 // One request in flight; the slot of sequence number n is n & (packet_table_size - 1).
@@ -37,6 +39,7 @@ struct run_state {
   std::uint32_t transmit_length;       // bytes handed to the socket per test packet
   std::uint32_t payload_length;        // of these, data bytes
   std::uint32_t stop_requested;        // flag: the duration has elapsed
+  std::uint32_t connection_is_gone;    // flag: a commander's TCP connection has ended, and the test with it
   std::uint32_t segmentation_refused;  // flag: the kernel does not cut our datagrams, so they go out one by one
   std::uint32_t refusal_reported;      // flag: the line of a refused packet was printed
 };
@@ -66,6 +69,9 @@ extern run_state* current_run_state;
 inline packet_slot* slot_of(const run_state* run, std::uint32_t sequence) {
   return &run->packet_table[sequence & (run->packet_table_size - 1)];
 }
+
+// Records packet `sequence` in its slot as sent to the current host now. Returns the slot.
+packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::uint32_t sequence);
 
 // Settles a request: answered by `responder`, or lost when that is 0. `time` is in ticks.
 inline void settle_slot(packet_slot* slot, std::uint8_t response_type, std::uint32_t responder, std::int64_t time) {

@@ -12,6 +12,7 @@
 #include "app/cleanup_exit.h"
 #include "app/signals.h"
 #include "app/test_settings.h"
+#include "engine/batch.h"
 #include "engine/clock.h"
 #include "engine/duration.h"
 #include "engine/echo_progress.h"
@@ -23,7 +24,7 @@
 #include "net/receive_filter.h"
 #include "net/receiver.h"
 #include "net/socket_wait.h"
-#include "net/tcp_send.h"
+#include "net/tcp_connection.h"
 #include "net/test_socket.h"
 #include "net/transmitter.h"
 #include "report/batch_report.h"
@@ -61,22 +62,28 @@ void free_packet_table(run_state* run) {
   run->packet_table = nullptr;
 }
 
-void start_run(test_settings* settings, test_stats* stats, run_state* run) {
+// Commands all go to the first host.
+std::uint32_t hosts_of_test(const test_settings* settings) {
+  if (settings->command_mode != 0) return 1;
+  return ntohl(settings->end_host) - ntohl(settings->start_host) + 1;
+}
+
+void start_run(test_settings* settings, run_state* run, test_stats* stats) {
   *stats = {};
-  if (settings->remote_run == 0) print_host_range(settings);
+  print_host_range(settings);
   if (settings->remote_run == 0) answer_progress_with(print_progress, settings, run, stats);
   derive_sizes(settings, run);
   allocate_packet_table(run);
   if (settings->process_id == 0) settings->process_id = static_cast<std::uint32_t>(getpid());
   leave_out_own_traffic(settings, run);
-  settings->total_requests = (ntohl(settings->end_host) - ntohl(settings->start_host) + 1) * settings->echo_count;
+  settings->total_requests = hosts_of_test(settings) * settings->echo_count;
   stats->start_time = clock_now();
   run->last_tx_time = clock_now();
   run->latest_time = run->last_tx_time;
 }
 
 bool another_pass(const test_settings* settings, const run_state* run) {
-  if (run->stop_requested != 0 || stop_signal() != 0) return false;
+  if (run->stop_requested != 0 || run->connection_is_gone != 0 || stop_signal() != 0) return false;
   if (is_monitor(settings)) return true;
   if (run->current_tx__packet >= settings->total_requests) return false;
   return settings->command_mode == 0 || run->batch < settings->total_requests;
@@ -102,7 +109,7 @@ bool must_read_first(const test_settings* settings, const run_state* run) {
 enum class release_end : std::uint8_t { complete, connection_is_full };
 
 // Sends one packet, or as many of the `due` as one call takes. Returns how many; 0 when nothing more is to be sent.
-std::uint32_t send_some(std::uint32_t due, test_settings* settings, test_stats* stats, run_state* run,
+std::uint32_t send_some(std::uint32_t due, test_settings* settings, run_state* run, test_stats* stats,
                         const command_body* command) {
   if (sends_bursts(settings)) return send_burst(settings, run, stats, std::min(due, largest_burst));
   const int result = send_test_packet(settings, run, stats, command);
@@ -112,11 +119,11 @@ std::uint32_t send_some(std::uint32_t due, test_settings* settings, test_stats* 
 
 // A release may be long: it follows the clock as a pass does, and ends by itself once the duration is over or a stop
 // signal came.
-release_end release_packets(std::uint32_t due, test_settings* settings, test_stats* stats, run_state* run,
+release_end release_packets(std::uint32_t due, test_settings* settings, run_state* run, test_stats* stats,
                             const command_body* command) {
   while (due != 0 && stop_signal() == 0) {
     if (must_read_first(settings, run)) return release_end::connection_is_full;
-    const std::uint32_t sent = send_some(due, settings, stats, run, command);
+    const std::uint32_t sent = send_some(due, settings, run, stats, command);
     answer_progress_request();
     const std::int64_t now = clock_now();
     follow_clock_set_back(now, run, stats);
@@ -139,101 +146,106 @@ void await_first_sender(test_settings* settings) {
   settings->start_host = inet_addr("127.0.0.1");
 }
 
-void start_batch(test_stats* stats, run_state* run) {
-  stats->rx_packets = 0;
-  stats->latency_min = 0;
-  stats->latency_max = 0;
-  stats->latency_sum = 0;
-  stats->late_arrivals = 0;
-  stats->batch_first_seq = -1;
-  stats->batch_last_seq = -1;
-  run->oldest_outstanding = 0;
-  run->last_rx_seq = 0;
-  run->current_tx__packet = 0;
-  run->last_rx_time = 0;
-}
-
-bool keep_receiving_echoes(test_settings* settings, test_stats* stats, run_state* run, int status) {
-  if (status <= 0) follow_clock_set_back(clock_now(), run, stats);
+bool keep_receiving_echoes(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
+  if (status <= frame_none) follow_clock_set_back(clock_now(), run, stats);
   return echo_progress(settings, run, stats) != 0;
 }
 
-bool keep_receiving(test_settings* settings, test_stats* stats, run_state* run, int status) {
-  if (settings->command_mode != 0) return batch_report(settings, run, stats, status) != 0;
-  if (settings->partner_mode != 0) return true;
-  return keep_receiving_echoes(settings, stats, run, status);
+// What is still queued after a silence belongs to no batch that is measured.
+bool keep_receiving_batch(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
+  if (status == frame_none) flush_pending_frames(run->data_socket);
+  return batch_report(settings, run, stats, status) != 0;
 }
 
-// `shortest_wait_usec` keeps a test that cannot send from asking again without a pause.
-void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, test_stats* stats, run_state* run) {
-  bool keep_going = true;
-  while (keep_going && stop_signal() == 0) {
-    if (settings->partner_mode != 0 && run->data_socket == -1) {
-      accept_test_connection(run);
-      if (stop_signal() != 0) return;
-    }
-    const std::int64_t wait_usec = std::max(time_until_next_event(settings, run), shortest_wait_usec);
-    const int status = receive_one_frame(settings, run, stats, wait_usec);
-    if (status < 0 && settings->tcp != 0) close_data_socket(run);
-    if (stop_signal() != 0 && settings->command_mode != 0) return;  // the open batch is dropped, not judged
-    keep_going = keep_receiving(settings, stats, run, status);
+bool keep_receiving(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
+  if (settings->command_mode != 0) return keep_receiving_batch(settings, run, stats, status);
+  if (settings->partner_mode != 0) return true;
+  return keep_receiving_echoes(settings, run, stats, status);
+}
+
+// A TCP monitor takes its next connection. A commander has none to wait for: its test is over.
+void take_connection(run_state* run) {
+  if (run->listen_socket > 0) {
+    accept_test_connection(run);
+  } else {
+    run->connection_is_gone = 1;
   }
 }
 
-void run_one_pass(test_settings* settings, test_stats* stats, run_state* run, const command_body* command) {
+// `shortest_wait_usec` keeps a test that cannot send from asking again without a pause.
+void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, run_state* run, test_stats* stats) {
+  bool keep_going = true;
+  while (keep_going && stop_signal() == 0) {
+    if (settings->partner_mode != 0 && run->data_socket == -1) {
+      take_connection(run);
+      if (stop_signal() != 0 || run->connection_is_gone != 0) return;
+    }
+    const std::int64_t wait_usec = std::max(time_until_next_event(settings, run), shortest_wait_usec);
+    const frame_result status = receive_one_frame(settings, run, stats, wait_usec);
+    if (status < frame_none && settings->tcp != 0) close_data_socket(run);
+    if (stop_signal() != 0 && settings->command_mode != 0) return;  // the open batch is dropped, not judged
+    keep_going = keep_receiving(settings, run, stats, status);
+  }
+}
+
+void run_one_pass(test_settings* settings, run_state* run, test_stats* stats, const command_body* command) {
   const std::int64_t now = clock_now();
   follow_clock_set_back(now, run, stats);
   if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
-  const release_end released = release_packets(packets_due(settings, run), settings, stats, run, command);
+  const release_end released = release_packets(packets_due(settings, run), settings, run, stats, command);
   if (settings->ignore_responses != 0) {
     rest_without_reading(settings, run);
     return;
   }
   if (is_monitor(settings) && uses_icmp(settings)) await_first_sender(settings);
-  if (settings->command_mode != 0) start_batch(stats, run);
-  receive_phase(released == release_end::complete ? 0 : full_connection_wait_usec, settings, stats, run);
+  if (settings->command_mode != 0) open_batch(run, stats);
+  receive_phase(released == release_end::complete ? 0 : full_connection_wait_usec, settings, run, stats);
 }
 
 // After a stop signal an echo test sends nothing more, but its outstanding requests are answered or time out.
-void settle_outstanding(test_settings* settings, test_stats* stats, run_state* run) {
+void settle_outstanding(test_settings* settings, run_state* run, test_stats* stats) {
   while (run->oldest_outstanding < run->current_tx__packet) {
     const std::int64_t wait_usec = time_until_timeout(settings, run);
-    if (receive_one_frame(settings, run, stats, wait_usec) < 0 && settings->tcp != 0) close_data_socket(run);
-    keep_receiving(settings, stats, run, 0);
+    const frame_result status = receive_one_frame(settings, run, stats, wait_usec);
+    if (status < frame_none && settings->tcp != 0) close_data_socket(run);
+    keep_receiving_echoes(settings, run, stats, frame_none);
   }
 }
 
-// A commander has reported already when its count or its duration ended it; a stop signal, or a batch number that a
-// foreign datagram moved past the end, leaves it to this place. A run cut short asked for no more than it got.
-void report_end(test_settings* settings, const test_stats* stats, const run_state* run) {
-  if (settings->remote_run != 0 || is_monitor(settings)) return;
-  if (settings->command_mode == 0) {
+// A commander that was cut short asked for no more than it got. A monitor that a stop signal ends has nothing to sum
+// up; one that ends by itself is like any other run.
+void report_end(test_settings* settings, const run_state* run, const test_stats* stats) {
+  if (settings->remote_run != 0) return;
+  if (settings->command_mode != 0) {
+    if (stop_signal() != 0 || run->connection_is_gone != 0) settings->echo_count = run->batch;
+    write_results_files(settings, stats);
+  } else if (!is_monitor(settings) || stop_signal() == 0) {
     print_test_summary(settings, stats);
-    return;
   }
-  if (stop_signal() != 0) settings->echo_count = run->batch;
-  write_results_files(settings, stats);
 }
 
-void finish_run(test_settings* settings, test_stats* stats, run_state* run) {
+void finish_run(test_settings* settings, run_state* run, test_stats* stats) {
   const bool waits_for_answers = is_echo_mode(settings) && settings->ignore_responses == 0;
-  if (stop_signal() != 0 && waits_for_answers) settle_outstanding(settings, stats, run);
+  if (stop_signal() != 0 && waits_for_answers) settle_outstanding(settings, run, stats);
   stats->end_time = clock_now();
+  follow_clock_set_back(stats->end_time, run, stats);
   free_packet_table(run);
   if (settings->remote_run == 0) answer_progress_with(nullptr, nullptr, nullptr, nullptr);
-  report_end(settings, stats, run);
+  report_end(settings, run, stats);
+  if (run->connection_is_gone != 0) end_without_connection();
 }
 
 }  // namespace
 
 int run_test(test_settings* settings, test_stats* stats, run_state* run, const command_body* command) {
-  start_run(settings, stats, run);
-  while (another_pass(settings, run)) run_one_pass(settings, stats, run, command);
-  finish_run(settings, stats, run);
+  start_run(settings, run, stats);
+  while (another_pass(settings, run)) run_one_pass(settings, run, stats, command);
+  finish_run(settings, run, stats);
   return 0;
 }
 
 void print_host_range(const test_settings* settings) {
+  if (settings->remote_run != 0) return;
   if (settings->start_host == settings->end_host) {
     std::fprintf(stderr, "Destination IP = %s\n", address_text(settings->start_host));
     return;

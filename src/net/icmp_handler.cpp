@@ -31,8 +31,8 @@ void declare_overtaken_lost(const test_settings* settings, test_stats* stats, co
   }
 }
 
-int settle_echo_reply(const icmp_echo* echo, std::uint32_t source, const frame_arrival* arrival,
-                      const test_settings* settings, test_stats* stats, run_state* run) {
+frame_result settle_echo_reply(const icmp_echo* echo, std::uint32_t source, const frame_arrival* arrival,
+                               const test_settings* settings, test_stats* stats, run_state* run) {
   packet_slot* slot = slot_of(run, echo->sequence);
   if (slot->outstanding == 0) {
     if (settings->no_timeout_messages == 0) {
@@ -40,25 +40,25 @@ int settle_echo_reply(const icmp_echo* echo, std::uint32_t source, const frame_a
                    static_cast<int>(echo->sequence & (run->packet_table_size - 1)));
     }
     ++stats->late_responses;
-    return 0;
+    return frame_none;
   }
   settle_slot(slot, echo->type, source, arrival_time(arrival, slot->tx_time));
   ++stats->rx_packets;
   declare_overtaken_lost(settings, stats, run, slot);
-  return 1;
+  return frame_counted;
 }
 
 // The errors that routers and hosts return for our requests; in a traceroute each of them is a hop.
-int settle_quoted_request(const icmp_datagram* parts, const frame_arrival* arrival, const test_settings* settings,
-                          test_stats* stats, run_state* run) {
+frame_result settle_quoted_request(const icmp_datagram* parts, const frame_arrival* arrival,
+                                   const test_settings* settings, test_stats* stats, run_state* run) {
   icmp_echo quoted = {};
-  if (!read_quoted_echo(parts->icmp, &quoted)) return 0;
-  if (quoted.identifier != static_cast<std::uint16_t>(settings->process_id)) return 0;
+  if (!read_quoted_echo(parts->icmp, &quoted)) return frame_none;
+  if (quoted.identifier != static_cast<std::uint16_t>(settings->process_id)) return frame_none;
   packet_slot* slot = slot_of(run, quoted.sequence);
-  if (slot->outstanding == 0) return 0;
+  if (slot->outstanding == 0) return frame_none;
   ++stats->rx_packets;
   settle_slot(slot, parts->icmp[0], parts->source, arrival_time(arrival, slot->tx_time));
-  return 1;
+  return frame_counted;
 }
 
 // The packet that locks the monitor is not itself counted.
@@ -89,8 +89,8 @@ void check_stream_sequence(std::uint16_t sequence, const test_settings* settings
 }
 
 // The first packet of a stream is counted, but neither printed nor checked.
-int track_stream_packet(const icmp_echo* echo, std::uint32_t source, const frame_arrival* arrival,
-                        const test_settings* settings, test_stats* stats, run_state* run) {
+frame_result track_stream_packet(const icmp_echo* echo, std::uint32_t source, const frame_arrival* arrival,
+                                 const test_settings* settings, test_stats* stats, run_state* run) {
   const std::int64_t now = arrival_time(arrival, run->last_rx_time);
   if (run->last_rx_time != 0) {
     const std::int64_t gap_usec = usec_between(run->last_rx_time, now);
@@ -104,18 +104,18 @@ int track_stream_packet(const icmp_echo* echo, std::uint32_t source, const frame
   ++stats->rx_packets;
   run->last_rx_time = now;
   run->last_rx_seq = echo->sequence;
-  return 1;
+  return frame_counted;
 }
 
-int handle_echo_reply(const icmp_datagram* parts, const frame_arrival* arrival, test_settings* settings,
-                      test_stats* stats, run_state* run) {
+frame_result handle_echo_reply(const icmp_datagram* parts, const frame_arrival* arrival, test_settings* settings,
+                               test_stats* stats, run_state* run) {
   const icmp_echo echo = read_icmp_echo(parts->icmp);
   if (echo.identifier == static_cast<std::uint16_t>(settings->process_id)) {
     if (settings->partner_mode != 0) return track_stream_packet(&echo, parts->source, arrival, settings, stats, run);
     return settle_echo_reply(&echo, parts->source, arrival, settings, stats, run);
   }
   if (settings->partner_mode != 0 && settings->process_id == 0) lock_monitor(&echo, parts->source, settings);
-  return 0;
+  return frame_none;
 }
 
 bool is_known_type(std::uint8_t type) {
@@ -132,14 +132,14 @@ bool is_known_type(std::uint8_t type) {
 
 }  // namespace
 
-int handle_icmp_response(const std::uint8_t* datagram, int length, const frame_arrival* arrival,
-                         test_settings* settings, test_stats* stats, run_state* run) {
+frame_result handle_icmp_response(const std::uint8_t* datagram, int length, const frame_arrival* arrival,
+                                  test_settings* settings, test_stats* stats, run_state* run) {
   icmp_datagram parts = {};
-  if (length < 0 || !locate_icmp({datagram, static_cast<std::size_t>(length)}, &parts)) return 0;
+  if (length < 0 || !locate_icmp({datagram, static_cast<std::size_t>(length)}, &parts)) return frame_none;
 
   if (internet_checksum(parts.icmp.data(), parts.icmp.size()) != 0xFFFF) {
     if (settings->remote_run == 0) std::fprintf(stderr, "Error: Received ICMP message with bad ICMP checksum\n");
-    return 0;
+    return frame_none;
   }
   const std::uint8_t type = parts.icmp[0];
   if (type == icmp_echo_reply) return handle_echo_reply(&parts, arrival, settings, stats, run);
@@ -149,5 +149,5 @@ int handle_icmp_response(const std::uint8_t* datagram, int length, const frame_a
   if (!is_known_type(type) && settings->remote_run == 0) {
     std::fprintf(stderr, "Error: Inavlid ICMP type received\n");
   }
-  return 0;
+  return frame_none;
 }

@@ -8,13 +8,14 @@
 #include <cstring>
 
 #include "app/test_settings.h"
+#include "engine/batch.h"
 #include "engine/clock.h"
 #include "engine/run_records.h"
 #include "engine/test_loop.h"  // the one call back into the loop: run_remote_command below
 #include "net/address_text.h"
 #include "net/arrival.h"
 #include "net/datagram_send.h"
-#include "net/tcp_send.h"
+#include "net/tcp_connection.h"
 #include "wire/icmp_echo.h"
 #include "wire/remote_command.h"
 #include "wire/test_message.h"
@@ -45,7 +46,7 @@ void adopt_partner(const test_header* header, test_settings* settings, run_state
 }
 
 void send_reply_on_connection(int socket, std::size_t length) {
-  if (send_all(socket, {reply_buffer.data(), length}, give_up_on_stuck_peer).sent == length) return;
+  if (send_all(socket, {reply_buffer.data(), length}, patience_of_a_monitor).sent == length) return;
   // Half a reply would shift every message behind it: end the connection, and the next read finds it ended.
   shutdown(socket, SHUT_RDWR);
 }
@@ -104,21 +105,9 @@ void account_gap(const test_header* header, std::int64_t gap_usec, const test_se
   ++stats->late_arrivals;
 }
 
-void record_arrival(std::uint32_t seq16, std::uint32_t source, std::int64_t now, test_stats* stats, run_state* run) {
-  packet_slot* slot = slot_of(run, seq16);
-  slot->rx_time = now;
-  slot->outstanding = 0;
-  slot->responder = source;
-  if (stats->batch_first_seq < 0) stats->batch_first_seq = static_cast<std::int32_t>(seq16);
-  stats->batch_last_seq = static_cast<std::int32_t>(seq16);
-  ++stats->rx_packets;
-  run->last_rx_time = now;
-  run->last_rx_seq = seq16;
-}
-
 // Partner mode: the first packet of a stream is neither checked for its sequence nor timed.
-int track_stream_packet(const test_header* header, std::uint32_t source, const frame_arrival* arrival,
-                        const test_settings* settings, test_stats* stats, run_state* run) {
+frame_result track_stream_packet(const test_header* header, std::uint32_t source, const frame_arrival* arrival,
+                                 const test_settings* settings, test_stats* stats, run_state* run) {
   const std::int64_t now = arrival_time(arrival, run->last_rx_time);
   const std::uint32_t seq16 = header->sequence & 0xFFFFU;
   const bool first_of_stream = run->last_rx_time == 0;
@@ -132,8 +121,8 @@ int track_stream_packet(const test_header* header, std::uint32_t source, const f
       report_skip(header, seq16, run);
     }
   }
-  record_arrival(seq16, source, now, stats, run);
-  return seq16 == settings->remote_echoes - 1 ? 2 : 1;
+  record_arrival(seq16, source, now, run, stats);
+  return seq16 == settings->remote_echoes - 1 ? frame_ends_batch : frame_counted;
 }
 
 // The one way from a handler back into the test loop: streams the commanded packets to `source` and returns when the
@@ -153,16 +142,17 @@ void run_remote_command(const std::uint8_t* message, const test_header* header, 
 
 }  // namespace
 
-int handle_test_message(std::uint32_t source_address, std::uint16_t source_port, std::uint8_t* message, int length,
-                        const frame_arrival* arrival, test_settings* settings, test_stats* stats, run_state* run) {
-  if (length < 0) return 0;
+frame_result handle_test_message(std::uint32_t source_address, std::uint16_t source_port, std::uint8_t* message,
+                                 int length, const frame_arrival* arrival, test_settings* settings, test_stats* stats,
+                                 run_state* run) {
+  if (length < 0) return frame_none;
   const auto bytes = static_cast<std::size_t>(length);
   test_header header = {};
-  if (!read_test_header({message, bytes}, &header)) return 0;
-  if (header.type == message_operation && bytes < sizeof(operation_message)) return 0;
+  if (!read_test_header({message, bytes}, &header)) return frame_none;
+  if (header.type == message_operation && bytes < sizeof(operation_message)) return frame_none;
 
   if (settings->partner_mode != 0) adopt_partner(&header, settings, run);
-  if (header.process_id != settings->process_id) return 0;
+  if (header.process_id != settings->process_id) return frame_none;
 
   switch (header.type) {
     case message_echo_request:
@@ -173,12 +163,12 @@ int handle_test_message(std::uint32_t source_address, std::uint16_t source_port,
       if (settings->partner_mode != 0)
         return track_stream_packet(&header, source_address, arrival, settings, stats, run);
       settle_answered_request(&header, source_address, arrival, stats, run);
-      return 0;
+      return frame_none;
     case message_operation:
       run_remote_command(message, &header, source_address, settings, run);
-      return 0;
+      return frame_none;
     default:
       if (settings->remote_run == 0) std::fprintf(stderr, "Error: Inavlid UDP type received\n");
-      return 0;
+      return frame_none;
   }
 }

@@ -32,7 +32,7 @@ struct datagram {
   frame_arrival arrival;
 };
 
-enum class read_result : std::uint8_t { frame, nothing_there };
+enum class read_result : std::uint8_t { frame, nothing_there, no_socket };
 
 // Reads without waiting: a datagram that select announced may be gone again, dropped for a wrong checksum (select(2)).
 read_result read_datagram(int socket, std::uint8_t* buffer, datagram* frame) {
@@ -53,6 +53,7 @@ read_result read_datagram(int socket, std::uint8_t* buffer, datagram* frame) {
     length = recvmsg(socket, &message, MSG_DONTWAIT);
   } while (length < 0 && errno == EINTR);
   if (length < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return read_result::nothing_there;
+  if (length < 0 && (errno == EBADF || errno == ENOTSOCK)) return read_result::no_socket;
   *frame = {.length = static_cast<int>(length),
             .source = sender.sin_addr.s_addr,
             .source_port = sender.sin_port,
@@ -60,16 +61,16 @@ read_result read_datagram(int socket, std::uint8_t* buffer, datagram* frame) {
   return read_result::frame;
 }
 
-int report_failed_wait(const test_settings* settings) {
+frame_result report_failed_wait(const test_settings* settings) {
   if (settings->remote_run == 0) std::fprintf(stderr, "Error- socket error on socket\n");
-  return -1;
+  return frame_failed;
 }
 
-int handle_datagram(std::uint8_t* buffer, const datagram* frame, test_settings* settings, run_state* run,
-                    test_stats* stats) {
+frame_result handle_datagram(std::uint8_t* buffer, const datagram* frame, test_settings* settings, run_state* run,
+                             test_stats* stats) {
   if (frame->length == 0) {
     if (settings->remote_run == 0) std::fprintf(stderr, "Error- zero length recvfrom on an icmp socket\n");
-    return -1;
+    return frame_failed;
   }
   if (settings->udp == 0) return handle_icmp_response(buffer, frame->length, &frame->arrival, settings, stats, run);
   return handle_test_message(frame->source, frame->source_port, buffer, frame->length, &frame->arrival, settings, stats,
@@ -78,33 +79,34 @@ int handle_datagram(std::uint8_t* buffer, const datagram* frame, test_settings* 
 
 // An echo test tries the read first and waits only when nothing is there: while answers stream in, that saves a call
 // for each. In partner mode packets come one at a time, and the try would find nothing.
-int receive_datagram(test_settings* settings, run_state* run, test_stats* stats, std::uint8_t* buffer,
-                     std::int64_t wait_usec) {
-  datagram frame = {};
-  bool wait_first = settings->partner_mode != 0;
-  while (wait_first || read_datagram(run->data_socket, buffer, &frame) == read_result::nothing_there) {
-    wait_first = false;
-    const wait_result result =
-        wait_usec == 0 ? wait_result::elapsed : wait_on_socket(run->data_socket, wait_for::readable, &wait_usec);
+frame_result receive_datagram(test_settings* settings, run_state* run, test_stats* stats, std::uint8_t* buffer,
+                              std::int64_t wait_usec) {
+  bool try_first = settings->partner_mode == 0 || wait_usec == 0;
+  for (;; try_first = true) {
+    datagram frame = {};
+    const read_result read = try_first ? read_datagram(run->data_socket, buffer, &frame) : read_result::nothing_there;
+    if (read == read_result::frame) return handle_datagram(buffer, &frame, settings, run, stats);
+    if (read == read_result::no_socket) return report_failed_wait(settings);
+    if (wait_usec == 0) return frame_none;
+    const wait_result result = wait_on_socket(run->data_socket, wait_for::readable, &wait_usec);
     if (result == wait_result::failed) return report_failed_wait(settings);
-    if (result != wait_result::ready) return 0;
+    if (result != wait_result::ready) return frame_none;
   }
-  return handle_datagram(buffer, &frame, settings, run, stats);
 }
 
-int receive_message(test_settings* settings, run_state* run, test_stats* stats, std::uint8_t* buffer,
-                    std::int64_t wait_usec) {
+frame_result receive_message(test_settings* settings, run_state* run, test_stats* stats, std::uint8_t* buffer,
+                             std::int64_t wait_usec) {
   const wait_result result = wait_on_socket(run->data_socket, wait_for::readable, &wait_usec);
   if (result == wait_result::failed) return report_failed_wait(settings);
-  if (result != wait_result::ready) return 0;
+  if (result != wait_result::ready) return frame_none;
 
   constexpr int header_bytes = test_header_bytes;
-  if (receive_all(run->data_socket, buffer, header_bytes) < header_bytes) return -1;
+  if (receive_all(run->data_socket, buffer, header_bytes) < header_bytes) return frame_failed;
   test_header header = {};
-  if (!read_test_header({buffer, test_header_bytes}, &header)) return -1;
-  if (header.length < test_header_bytes || header.length > message_buffer_bytes) return -1;
+  if (!read_test_header({buffer, test_header_bytes}, &header)) return frame_failed;
+  if (header.length < test_header_bytes || header.length > message_buffer_bytes) return frame_failed;
   const int body_bytes = static_cast<int>(header.length) - header_bytes;
-  if (receive_all(run->data_socket, buffer + header_bytes, body_bytes) < body_bytes) return -1;
+  if (receive_all(run->data_socket, buffer + header_bytes, body_bytes) < body_bytes) return frame_failed;
   const frame_arrival arrival = {.stamp = 0, .reading = clock_now()};  // a stream has no stamps of its messages
   return handle_test_message(settings->start_host, 0, buffer, static_cast<int>(header.length), &arrival, settings,
                              stats, run);
@@ -128,14 +130,14 @@ bool is_stream(int socket) {
 
 }  // namespace
 
-int receive_one_frame(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
+frame_result receive_one_frame(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
   if (settings->debug != 0 && settings->remote_run == 0) {
     std::fprintf(stdout, "Select for %ld.%06ld\n", static_cast<long>(wait_usec / usec_per_second),
                  static_cast<long>(wait_usec % usec_per_second));
   }
   if (run->data_socket == -1) {
     (void)wait_on_socket(-1, wait_for::readable, &wait_usec);
-    return 0;
+    return frame_none;
   }
   std::array<std::uint8_t, message_buffer_bytes> message_buffer;  // not zeroed: only received bytes are read
   if (settings->tcp != 0) return receive_message(settings, run, stats, message_buffer.data(), wait_usec);

@@ -3,18 +3,21 @@
 
 #include <cstdint>
 
+#include "engine/frame_result.h"
+
 struct run_state;
 struct test_settings;
 struct test_stats;
 
 // Waits up to `wait_usec` (usec, not negative) for a datagram or a whole TCP test message on run->data_socket and hands
 // it to the ICMP or the UDP/TCP handler. At most one frame a call. Returns
-//   0   nothing came in time, or a stop signal ended the wait;
-//   -1  the wait failed, a datagram of no bytes came, or a TCP message could not be read whole: the position in the
-//       stream is lost and the caller closes the connection;
+//   frame_none    nothing came in time, or a stop signal ended the wait;
+//   frame_failed  the wait failed, a datagram of no bytes came, or a TCP message could not be read whole: the position
+//                 in the stream is lost and the caller closes the connection;
 //   otherwise what the handler returned.
-// With data_socket -1 the wait passes and the result is 0.
-[[nodiscard]] int receive_one_frame(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec);
+// With data_socket -1 the wait passes and the result is frame_none. A wait of 0 still takes a frame that is there.
+[[nodiscard]] frame_result receive_one_frame(test_settings* settings, run_state* run, test_stats* stats,
+                                             std::int64_t wait_usec);
 
 // Gathers `count` bytes of a TCP stream; a count of 0 or less reads nothing. Returns how many came before the stream
 // ended, failed or paused for more than 10 seconds; after a stop signal it waits a moment more, so that a message under

@@ -44,18 +44,6 @@ std::uint32_t write_frame_header(const test_settings* settings, const run_state*
   return test_header_bytes;
 }
 
-packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::uint32_t sequence) {
-  packet_slot* slot = slot_of(run, sequence);
-  slot->sequence = sequence;
-  slot->process_id = static_cast<std::uint16_t>(settings->process_id);
-  slot->slot_index = static_cast<std::uint16_t>(sequence & (run->packet_table_size - 1));
-  slot->outstanding = 1;
-  slot->responder = 0;
-  slot->destination = settings->start_host;
-  slot->tx_time = clock_now();
-  return slot;
-}
-
 void print_debug_line(const test_settings* settings, const run_state* run, const test_stats* stats,
                       const packet_slot* slot) {
   if (settings->debug == 0 || settings->remote_run != 0) return;

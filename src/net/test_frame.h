@@ -1,4 +1,4 @@
-// One packet of a run: its header bytes, its record, its debug line.
+// One packet of a run: its header bytes and its debug line.
 #pragma once
 
 #include <cstdint>
@@ -15,9 +15,6 @@ struct test_stats;
 // a packet is zero, but for a command. Returns the bytes written.
 std::uint32_t write_frame_header(const test_settings* settings, const run_state* run, std::uint32_t sequence,
                                  std::uint8_t* frame);
-
-// Records packet `sequence` in its slot as sent to the current host now. Returns the slot.
-packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::uint32_t sequence);
 
 // With -D, the line of the packet in `slot` on standard output.
 void print_debug_line(const test_settings* settings, const run_state* run, const test_stats* stats,

@@ -9,11 +9,3 @@ struct test_settings;
 // bound, connected or listened on is fatal: one line on standard error, then cleanup_exit(1). A refused option prints a
 // warning and the run goes on.
 void open_test_socket(const test_settings* settings, run_state* run);
-
-// Takes the next connection of a TCP monitor into run->data_socket; waits for it as long as it takes and leaves it at
-// -1 when a stop signal comes. Fatal when there is no listening socket, as for a commander whose connection is gone, or
-// when accept(2) fails for good.
-void accept_test_connection(run_state* run);
-
-// Closes run->data_socket, if it is open, and marks it as closed.
-void close_data_socket(run_state* run);

@@ -9,10 +9,11 @@
 #include <cstring>
 
 #include "app/test_settings.h"
+#include "engine/batch.h"
 #include "engine/duration.h"
 #include "engine/run_records.h"
 #include "net/datagram_send.h"
-#include "net/tcp_send.h"
+#include "net/tcp_connection.h"
 #include "net/test_frame.h"
 #include "wire/remote_command.h"
 
@@ -36,11 +37,6 @@ void clear_command_from_buffer() {
   std::fill_n(transmit_buffer.data() + test_header_bytes, sizeof(command_body), std::uint8_t{0});
 }
 
-// The monitor answers a command with packets numbered from 0: each gets its slot.
-void arm_stream_slots(const test_settings* settings, const run_state* run) {
-  for (std::uint32_t sequence = 0; sequence < settings->remote_echoes; ++sequence) arm_slot(settings, run, sequence);
-}
-
 // Packet 0 leaves with TTL 1, so that every packet reaches one hop further.
 void set_ttl_of_hop(const test_settings* settings, const run_state* run) {
   const int ttl = static_cast<int>(std::min(run->current_tx__packet, largest_ttl - 1) + 1);
@@ -49,7 +45,7 @@ void set_ttl_of_hop(const test_settings* settings, const run_state* run) {
 }
 
 stall_rules rules_of_run(const test_settings* settings, const test_stats* stats) {
-  if (settings->remote_run != 0) return give_up_on_stuck_peer;
+  if (settings->remote_run != 0) return patience_of_a_monitor;
   return {.longest_usec = time_until_end(settings, stats), .discard_input = settings->ignore_responses != 0};
 }
 
@@ -75,7 +71,7 @@ int send_as_datagram(const test_settings* settings, run_state* run, const test_s
 }
 
 void move_on_in_sweep(test_settings* settings, const run_state* run) {
-  if (run->current_tx__packet % settings->echo_count != 0) return;
+  if (settings->command_mode != 0 || run->current_tx__packet % settings->echo_count != 0) return;
   settings->start_host = htonl(ntohl(settings->start_host) + 1);
 }
 
@@ -94,7 +90,7 @@ int send_test_packet(test_settings* settings, run_state* run, test_stats* stats,
   if (result != 0) return result;
 
   ++stats->tx_packets;
-  if (settings->command_mode != 0) arm_stream_slots(settings, run);
+  if (settings->command_mode != 0) arm_batch(settings, run);
   ++run->current_tx__packet;
   move_on_in_sweep(settings, run);
   return 0;

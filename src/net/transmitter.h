@@ -17,7 +17,7 @@ extern std::array<std::uint8_t, message_buffer_bytes> transmit_buffer;
 
 // Sends the next packet of the run: an ICMP echo, a UDP or TCP test message, in command mode an "Operation" that
 // carries `command` (read only there). Records it in its slot with the time just before the send, counts it, and in a
-// sweep moves settings->start_host on to the next host after its last packet. Returns
+// sweep moves settings->start_host on to the next host after its last packet; commands all go to the first. Returns
 //   0   it went out, or a datagram was refused (a line is printed, the packet counts as sent);
 //   1   the test ended while a datagram had to wait for room: nothing is counted;
 //   -1  a TCP send failed (a line is printed), or the test ended while it was stalled: nothing is counted and the

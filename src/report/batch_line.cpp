@@ -34,10 +34,16 @@ void print_labels() {
   for (const double fraction : display_percentiles) std::fprintf(stdout, "%5.1f ", fraction * 100.0);
 }
 
-void print_percentiles(const sample_list* list) {
+void print_rates(const sample_list* list) {
   for (const double fraction : display_percentiles) {
-    const auto sample = static_cast<std::int32_t>(sample_list_percentile(list, fraction));
-    std::fprintf(stdout, "%5.1f ", sample / 1000.0);
+    const auto rate_kbps = static_cast<std::int32_t>(sample_list_percentile(list, fraction));
+    std::fprintf(stdout, "%5.1f ", rate_kbps / 1000.0);
+  }
+}
+
+void print_buffers(const sample_list* list) {
+  for (const double fraction : display_percentiles) {
+    std::fprintf(stdout, "%5.1f ", sample_list_percentile(list, fraction) / 1000.0);
   }
 }
 
@@ -71,9 +77,9 @@ void print_rate_graph(const run_state* run, const batch_judgement* batch) {
 }
 
 void print_columns(const test_settings* settings, const test_stats* stats) {
-  if (settings->show_bandwidth != 0) print_percentiles(&bandwidth_samples);
+  if (settings->show_bandwidth != 0) print_rates(&bandwidth_samples);
   std::fprintf(stdout, " %5.1f msec ", stats->buffer_consumption_usec / 1000.0);
-  if (settings->show_buffers != 0) print_percentiles(&buffer_samples);
+  if (settings->show_buffers != 0) print_buffers(&buffer_samples);
 }
 
 double megabits_per_second(const run_state* run, const test_stats* stats, const batch_judgement* batch) {

@@ -5,18 +5,14 @@
 #include <limits>
 
 #include "app/test_settings.h"
+#include "engine/batch.h"
 #include "engine/clock.h"
 #include "engine/run_records.h"
-#include "net/receiver.h"
 #include "report/batch_line.h"
 #include "report/buffer_consumption.h"
-#include "report/results_files.h"
 #include "report/sample_list.h"
 
 namespace {
-
-constexpr int status_silence = 0;
-constexpr int status_last_packet = 2;
 
 // A figure as a whole number; one that its type cannot hold becomes the nearest that it can.
 template <typename integer>
@@ -66,15 +62,13 @@ void count_batch(const batch_judgement* batch, test_stats* stats) {
   stats->lost_packets += lost;
 }
 
-void close_batch(test_settings* settings, run_state* run, test_stats* stats) {
-  ++run->batch;
+void judge_and_print(test_settings* settings, run_state* run, test_stats* stats) {
+  close_batch(run);
   compute_buffer_consumption(run, stats, settings);
   const batch_judgement batch = judge_batch(settings, run, stats);
   count_batch(&batch, stats);
   print_batch_line(settings, run, stats, &batch);
-  if (!batch.bad) return;
-  ++settings->total_requests;
-  ++settings->echo_count;
+  if (batch.bad) repeat_batch(settings);
 }
 
 bool test_is_over(const test_settings* settings, const run_state* run) {
@@ -83,13 +77,8 @@ bool test_is_over(const test_settings* settings, const run_state* run) {
 
 }  // namespace
 
-int batch_report(test_settings* settings, run_state* run, test_stats* stats, int status) {
-  const bool batch_is_over = status == status_silence || status == status_last_packet;
-  if (status == status_silence) flush_pending_frames(run->data_socket);
-  if (batch_is_over) close_batch(settings, run, stats);
-  if (test_is_over(settings, run)) {
-    write_results_files(settings, stats);
-    return 0;
-  }
-  return batch_is_over ? 0 : 1;
+int batch_report(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
+  const bool batch_is_over = status == frame_none || status == frame_ends_batch;
+  if (batch_is_over) judge_and_print(settings, run, stats);
+  return batch_is_over || test_is_over(settings, run) ? 0 : 1;
 }

@@ -1,21 +1,17 @@
 #include "report/results_files.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <array>
-#include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <string_view>
+#include <utility>
 
 #include "app/test_settings.h"
 #include "app/version.h"
 #include "engine/clock.h"
 #include "engine/run_records.h"
+#include "report/results_table.h"
 #include "report/sample_list.h"
 
 const char* results_filename = nullptr;
@@ -134,29 +130,6 @@ void write_histogram_row(std::FILE* row, const row_context* context) {
   std::fprintf(row, "\n");
 }
 
-// A full disk may take the first part of a row: takes it back, unless another program has appended behind it.
-void take_back(int descriptor, ssize_t written) {
-  struct stat state = {};
-  const off_t end = lseek(descriptor, 0, SEEK_CUR);
-  if (written <= 0 || fstat(descriptor, &state) != 0 || !S_ISREG(state.st_mode) || state.st_size != end) return;
-  [[maybe_unused]] const int result = ftruncate(descriptor, end - written);
-}
-
-// One write in append mode is one piece in the file, whoever else appends to it. False as well for a file that nobody
-// can find any more, because its directory was removed meanwhile.
-bool append_whole(int descriptor, const char* text, std::size_t length) {
-  ssize_t written = 0;
-  do {
-    written = write(descriptor, text, length);
-  } while (written < 0 && errno == EINTR);
-  if (written != static_cast<ssize_t>(length)) {
-    take_back(descriptor, written);
-    return false;
-  }
-  struct stat state = {};
-  return fstat(descriptor, &state) == 0 && state.st_nlink != 0;
-}
-
 using row_writer = void (*)(std::FILE* row, const row_context* context);
 
 bool append_rows(std::FILE* table, row_writer write_header, row_writer write_row, const row_context* context) {
@@ -167,27 +140,23 @@ bool append_rows(std::FILE* table, row_writer write_header, row_writer write_row
   if (write_header != nullptr) write_header(rows, context);
   write_row(rows, context);
   const bool complete = std::fclose(rows) == 0;
-  const bool appended = complete && append_whole(fileno(table), text, length);
+  const bool appended = complete && append_to_table(table, text, length);
   std::free(text);
   return appended;
 }
 
-void append_and_close(std::FILE* table, const char* name, row_writer write_header, row_writer write_row,
+void append_and_close(std::FILE* table, const char* name, int is_new, row_writer write_header, row_writer write_row,
                       const row_context* context) {
-  // A FIFO whose reader is gone must fail like a full disk, not end the program.
-  const auto previous = std::signal(SIGPIPE, SIG_IGN);
-  if (!append_rows(table, write_header, write_row, context)) {
+  if (!append_rows(table, is_new != 0 ? write_header : nullptr, write_row, context)) {
     std::fprintf(stderr, "Error: could not write results file %s\n", name);
   }
-  std::fclose(table);
-  std::signal(SIGPIPE, previous);
+  close_results_table(table, name, is_new);
 }
 
 void append_to_results_file(const row_context* context) {
   if (results_file == nullptr) return;
-  append_and_close(results_file, results_filename, results_file_is_new != 0 ? write_results_header : nullptr,
+  append_and_close(std::exchange(results_file, nullptr), results_filename, results_file_is_new, write_results_header,
                    write_results_row, context);
-  results_file = nullptr;
 }
 
 void append_to_histogram_file(const row_context* context) {
@@ -199,7 +168,7 @@ void append_to_histogram_file(const row_context* context) {
     std::fprintf(stderr, "Error: could not open histogram file %s\n", path.data());
     return;
   }
-  append_and_close(table, path.data(), is_new != 0 ? write_histogram_header : nullptr, write_histogram_row, context);
+  append_and_close(table, path.data(), is_new, write_histogram_header, write_histogram_row, context);
 }
 
 char separator_for(const char* filename) {
@@ -212,29 +181,9 @@ void note_date(row_context* context) {
   std::snprintf(context->date, sizeof context->date, "%.24s", text != nullptr ? text : "");
 }
 
-bool is_fifo(const char* name) {
-  struct stat state = {};
-  return stat(name, &state) == 0 && S_ISFIFO(state.st_mode);
-}
-
 }  // namespace
 
-std::FILE* open_results_table(const char* name, int* is_new) {
-  const int probe = open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  *is_new = probe < 0 ? 1 : 0;
-  if (probe >= 0) close(probe);
-  const bool fifo = is_fifo(name);
-  const int descriptor = open(name, (fifo ? O_WRONLY : O_RDWR | O_CREAT) | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0666);
-  if (descriptor < 0) return nullptr;
-  std::FILE* table = fdopen(descriptor, fifo ? "a" : "a+");
-  if (table == nullptr) close(descriptor);
-  return table;
-}
-
 void write_results_files(const test_settings* settings, const test_stats* stats) {
-  static bool done = false;
-  if (done) return;
-  done = true;
   row_context context = {
       .settings = settings,
       .stats = stats,
@@ -247,4 +196,9 @@ void write_results_files(const test_settings* settings, const test_stats* stats)
   if (results_filename == nullptr) return;
   append_to_results_file(&context);
   append_to_histogram_file(&context);
+}
+
+void close_unused_results_file() {
+  if (results_file == nullptr) return;
+  close_results_table(std::exchange(results_file, nullptr), results_filename, results_file_is_new);
 }

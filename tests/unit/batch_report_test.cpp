@@ -12,7 +12,7 @@ TEST(BatchReport, FirstAndLastPacketMakeASampleGood) {
                         {0, 48, 49, 1, 1}, {7, 7, 1, 1, 49},  {-1, -1, 0, 1, 50}};
   for (const list& each : cases) {
     bench b("-c -e9 -B -d0 -E50");
-    const auto report = [&](int status, int result) {
+    const auto report = [&](frame_result status, int result) {
       return said(result, [&] { return batch_report(&b.settings, &b.run, &b.stats, status); });
     };
     for (std::int64_t i = std::max<std::int64_t>(each[0], 0); i <= each[1]; ++i) b.answer(i, -1000 * i);
@@ -20,8 +20,10 @@ TEST(BatchReport, FirstAndLastPacketMakeASampleGood) {
     b.stats.batch_first_seq = static_cast<std::int32_t>(each[0]);
     b.stats.batch_last_seq = static_cast<std::int32_t>(each[1]);
     b.stats.rx_packets = static_cast<std::uint64_t>(each[2]);
-    for (const int status : {1, -1}) EXPECT_EQ(report(status, 1), "");    // the batch goes on
-    EXPECT_TRUE(report(each[1] == 49 ? 2 : 0, 0).starts_with("    1:"));  // by its last packet, or by silence
+    for (const frame_result status : {frame_counted, frame_failed})
+      EXPECT_EQ(report(status, 1), "");  // the batch goes on
+    EXPECT_TRUE(report(each[1] == 49 ? frame_ends_batch : frame_none, 0)
+                    .starts_with("    1:"));  // by its last packet, or by silence
     const std::int64_t bad = each[3];
     EXPECT_EQ(numbers(b.stats.bad_samples, b.stats.lost_in_bad_samples, b.stats.lost_packets),
               (list{bad, bad * each[4], (1 - bad) * each[4]}));
@@ -38,7 +40,7 @@ TEST(BatchReport, FiguresThatDoNotFitBecomeTheLargest) {  // many duplicates; pa
   b.stats.batch_first_seq = 0;
   b.stats.batch_last_seq = 3;
   b.stats.rx_packets = 100;
-  said(0, [&] { return batch_report(&b.settings, &b.run, &b.stats, 2); });
+  said(0, [&] { return batch_report(&b.settings, &b.run, &b.stats, frame_ends_batch); });
   EXPECT_EQ(samples_of(bandwidth_samples), (list{0x7FFFFFFF}));
   EXPECT_EQ(samples_of(buffer_samples), (list{0xFFFFFFFF}));
 }

@@ -16,8 +16,7 @@ TEST(ResultsFiles, HeaderAndRowOfAHundredBatches) {
   b.stats.lost_packets = 0x100000005;
   b.stats.lost_in_bad_samples = 0x80000000;
   world.now += 12345678;
-  for (const char* line : {"Test complete! Total test time:   12.346s\n", ""})  // the second call does nothing
-    EXPECT_EQ(said([&] { write_results_files(&b.settings, &b.stats); }), line);
+  EXPECT_EQ(said([&] { write_results_files(&b.settings, &b.stats); }), "Test complete! Total test time:   12.346s\n");
   const std::string row = "\n5.2," + name + ",tcp,3,5,-2147483648,203,65536,0,7,  12.346s,";
   const std::pair<std::string, std::vector<std::string>> tables[] = {
       {name, {row, ",Tag, 0.0%, 1.0%,", ",99.0%,99.1%,", ",100.0%,\n", ",night,100.0,99.0,", ",91.0,90.0,90.0,89.0,"}},

@@ -1,0 +1,74 @@
+#include "report/results_table.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+namespace {
+
+bool is_fifo(const char* name) {
+  struct stat state = {};
+  return stat(name, &state) == 0 && S_ISFIFO(state.st_mode);
+}
+
+// A full disk may take the first part of a row: takes it back, unless another program has appended behind it.
+void take_back(int descriptor, ssize_t written) {
+  struct stat state = {};
+  const off_t end = lseek(descriptor, 0, SEEK_CUR);
+  if (written <= 0 || fstat(descriptor, &state) != 0 || !S_ISREG(state.st_mode) || state.st_size != end) return;
+  [[maybe_unused]] const int result = ftruncate(descriptor, end - written);
+}
+
+// One write in append mode is one piece in the file, whoever else appends to it. False as well for a file that nobody
+// can find any more, because its directory was removed meanwhile.
+bool write_whole(int descriptor, const char* text, std::size_t length) {
+  ssize_t written = 0;
+  do {
+    written = write(descriptor, text, length);
+  } while (written < 0 && errno == EINTR);
+  if (written != static_cast<ssize_t>(length)) {
+    take_back(descriptor, written);
+    return false;
+  }
+  struct stat state = {};
+  return fstat(descriptor, &state) == 0 && state.st_nlink != 0;
+}
+
+// True when `name` still leads to the open file, and that is regular and empty.
+bool is_empty_file_of_this_name(int descriptor, const char* name) {
+  struct stat open_file = {};
+  struct stat named_file = {};
+  if (fstat(descriptor, &open_file) != 0 || stat(name, &named_file) != 0) return false;
+  return S_ISREG(open_file.st_mode) && open_file.st_size == 0 && open_file.st_dev == named_file.st_dev &&
+         open_file.st_ino == named_file.st_ino;
+}
+
+}  // namespace
+
+std::FILE* open_results_table(const char* name, int* is_new) {
+  const int probe = open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  *is_new = probe < 0 ? 1 : 0;
+  if (probe >= 0) close(probe);
+  const bool fifo = is_fifo(name);
+  const int descriptor = open(name, (fifo ? O_WRONLY : O_RDWR | O_CREAT) | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (descriptor < 0) return nullptr;
+  std::FILE* table = fdopen(descriptor, fifo ? "a" : "a+");
+  if (table == nullptr) close(descriptor);
+  return table;
+}
+
+bool append_to_table(std::FILE* table, const char* text, std::size_t length) {
+  // A FIFO whose reader is gone must fail like a full disk, not end the program.
+  const auto previous = std::signal(SIGPIPE, SIG_IGN);
+  const bool appended = write_whole(fileno(table), text, length);
+  std::signal(SIGPIPE, previous);
+  return appended;
+}
+
+void close_results_table(std::FILE* table, const char* name, int is_new) {
+  if (is_new != 0 && is_empty_file_of_this_name(fileno(table), name)) unlink(name);
+  std::fclose(table);
+}
