@@ -1,18 +1,19 @@
-# A laboratory of networks for the end-to-end tests.
-#
-# Everything hangs on file descriptors: an unnamed network namespace lives as long as the descriptor that holds it, and
-# takes its links, routes, sockets and TUN device with it. So nothing is left behind, however a test ends.
-import contextlib, ctypes, fcntl, os, re, select, shutil, signal, socket, struct, subprocess, tempfile, threading, time
+# The laboratory of the end-to-end tests: the networks of lab/network.py, the program in them, a peer that follows a
+# script, and what the program sends and prints. Nothing is left behind, however a test ends.
+import contextlib, fcntl, os, re, select, shutil, signal, socket, struct, subprocess, sys, tempfile, threading, time
 from collections import namedtuple
 from pathlib import Path
 
 import pytest
 
+LABORATORY = str(Path(__file__).parents[2] / "lab")
+sys.path.insert(0, LABORATORY)
+from network import End, Host, Link, chain, standing
+
 VORN = os.path.abspath(os.environ.get("VORN", Path(__file__).parents[2] / "build/debug/vorn"))
 PATIENCE = 60  # seconds that only a hanging program exceeds
 HOST, LOOPBACK = "10.9.0.2", "127.0.0.1"  # the first stands behind the TUN device, as does all of 10.9.0.0/16
 LOCAL_PORT, REMOTE_PORT = 8003, 8004  # a commander's; a monitor swaps them
-LIBC, NEW_NETWORK = ctypes.CDLL(None), 0x40000000  # CLONE_NEWNET
 
 
 # Waits until the condition holds; how long that takes on a busy machine is no fault of the program.
@@ -23,30 +24,7 @@ def eventually(condition, what, patience=PATIENCE):
         time.sleep(0.002)
 
 
-# ---- namespaces and the programs in them ----
-
-# A network namespace of our own; `with` moves the calling thread, and what it starts or opens, into it.
-class Namespace:
-    def __init__(self):
-        self.home = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
-        assert LIBC.unshare(NEW_NETWORK) == 0, "only root can make a network namespace"
-        self.network = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
-        self.ip("link set lo up")
-
-    def __enter__(self):
-        assert LIBC.setns(self.network, NEW_NETWORK) == 0
-
-    def __exit__(self, *_):
-        assert LIBC.setns(self.home, NEW_NETWORK) == 0
-
-    def ip(self, *commands):
-        with self:
-            subprocess.run(["ip", "-batch", "-"], input="\n".join(commands), text=True, check=True)
-
-    def close(self):
-        os.close(self.network)
-        os.close(self.home)
-
+# ---- the program ----
 
 # The program under test while it runs, and what it wrote: `out`, `err` (or all in `out` when merged).
 class Program:
@@ -94,22 +72,13 @@ class Lab(contextlib.ExitStack):
         return self.enter_context(contextlib.closing(thing))
 
     def namespace(self):
-        return self.own(Namespace())
+        return self.enter_context(standing({"here": Host()}))["here"]
 
-    # Two hosts with so many routers between them; link i joins 10.9.i.1 and 10.9.i.2. Only the first host has a default
-    # route, so what lies beyond the chain is unreachable at the first router.
+    # Two hosts with so many routers between them; link i joins 10.9.i.1 and 10.9.i.2.
     def chain(self, routers):
-        nodes = [self.namespace() for _ in range(routers + 2)]
-        for i, (left, right) in enumerate(zip(nodes, nodes[1:])):
-            left.ip(f"link add right type veth peer name left netns /proc/{os.getpid()}/fd/{right.network}",
-                    f"addr add 10.9.{i}.1/24 dev right", "link set right up",
-                    f"route add 10.9.{routers}.2 via 10.9.{i}.2")
-            right.ip(f"addr add 10.9.{i}.2/24 dev left", "link set left up", f"route add 10.9.0.0/22 via 10.9.{i}.1")
-            with right:
-                Path("/proc/sys/net/ipv4/ip_forward").write_text("1")
-                Path("/proc/sys/net/ipv4/icmp_ratelimit").write_text("0")
-        nodes[0].ip("route add default via 10.9.0.2")
-        return nodes
+        links = [Link(End(f"host{i}", [f"10.9.{i}.1/24"]), End(f"host{i + 1}", [f"10.9.{i}.2/24"]))
+                 for i in range(routers + 1)]
+        return list(self.enter_context(standing(chain(links), links)).values())
 
     # Start the program in a namespace; `before` is a command in front of it, such as one that ignores a signal. What
     # our own caller ignores (a shell's background job ignores SIGINT) must not be ignored by the program.

@@ -1,4 +1,4 @@
-# Stop signals in each mode, the progress line of SIGQUIT, and a clock that is set while a run goes on.
+# Stop signals in each mode and for the laboratory, the progress line of SIGQUIT, and a clock set during a run.
 from lab import *
 
 STOPS = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP]
@@ -84,3 +84,18 @@ def test_clock_set_by_an_hour(lab, tmp_path, offset):
         assert run.finish(AT_ONCE).status == 0 and "-" not in run.body, run.body
         settled = run.body.count("Received") + run.body.count("TIMEOUT")
         assert option == "-S1800" or settled == len(peer.packets) == 8, run.body
+
+
+def test_laboratory_leaves_nothing_behind(lab):
+    script = """if True:
+        from network import Host, standing
+        with standing({"here": Host()}) as hosts:
+            hosts["here"].run(["setsid", "--fork", "sleep", "600"])
+            print(*hosts["here"].inhabitants(), "stands", flush=True)
+            hosts["here"].run(["sleep", "600"])"""
+    for number in STOPS:
+        run = lab.start("-c", script, program=sys.executable, env={"PYTHONPATH": LABORATORY})
+        run.wait_for("stands")
+        orphan = int(run.out.split()[0])
+        run.signal(number)
+        assert run.finish(AT_ONCE).status != 0 and not os.path.exists(f"/proc/{orphan}/exe")
