@@ -1,0 +1,34 @@
+"""The network of the README's tour, for scripts/lab and scripts/examples: user - r1 - r2 - r3 - target.
+
+r1 also stands for three more hosts on the user's link, so that a sweep of it finds 10.77.0.1 to 10.77.0.5.
+"""
+
+import contextlib
+import subprocess
+import time
+
+from network import End, Link, chain, standing
+
+LINKS = [
+    Link(End("user", ["10.77.0.1/24"]),
+         End("r1", [f"10.77.0.{host}/24" for host in (2, 3, 4, 5)], rate="100mbit")),  # rates as a network has them
+    Link(End("r1", ["10.77.1.1/24"]), End("r2", ["10.77.1.2/24"])),
+    Link(End("r2", ["10.77.2.1/24"]), End("r3", ["10.77.2.2/24"])),
+    Link(End("r3", ["10.77.4.1/24"]), End("target", ["10.77.4.2/24"])),
+]
+MONITORS = [("r1", "udp"), ("r1", "tcp"), ("target", "udp")]
+MONITOR_PORT = 8004
+
+
+@contextlib.contextmanager
+def tour(vorn):
+    """The network with its monitors, which are run by this program; gives the host `user`."""
+    with standing(chain(LINKS), LINKS) as hosts:
+        for name, carrier in MONITORS:
+            monitor = hosts[name].start([vorn, *(["-p"] if carrier == "tcp" else []), "--server"],
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            while not hosts[name].has_port(MONITOR_PORT, carrier):
+                if monitor.poll() is not None:
+                    raise RuntimeError(f"the monitor on {name} did not start")
+                time.sleep(0.01)
+        yield hosts["user"]
