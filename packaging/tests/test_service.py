@@ -1,5 +1,4 @@
 """The systemd unit and the firewall example: tight enough, and wide enough for the program to do its work."""
-import ctypes
 import os
 import re
 import shutil
@@ -13,6 +12,9 @@ from pathlib import Path
 import pytest
 
 TOP = Path(__file__).parents[2]
+sys.path.insert(0, str(TOP / "lab"))
+from network import Host, standing  # noqa: E402
+
 VORN = os.path.abspath(os.environ.get("VORN", TOP / "build/release/vorn"))
 UNIT = TOP / "service/vorn-server.service"
 CONFINED = [sys.executable, str(Path(__file__).with_name("confine.py")), str(UNIT)]
@@ -28,14 +30,9 @@ def needs(tool):
 
 @pytest.fixture(autouse=True)
 def network():
-    """A network namespace of the test's own, with nothing but loopback."""
-    libc = ctypes.CDLL(None, use_errno=True)
-    home = os.open("/proc/self/ns/net", os.O_RDONLY)
-    assert libc.unshare(0x40000000) == 0
-    subprocess.run("ip link set lo up; ip address add 10.9.9.1/32 dev lo", shell=True, check=True)
-    yield
-    assert libc.setns(home, 0x40000000) == 0
-    os.close(home)
+    """A host of the test's own, with nothing but loopback."""
+    with standing({"here": Host(addresses=[f"{OUTSIDE}/32"])}) as hosts, hosts["here"] as here:
+        yield here
 
 
 class Monitor:
