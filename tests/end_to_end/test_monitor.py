@@ -103,3 +103,38 @@ def test_tcp_framing(lab):
         answer = message(ECHO_REPLY, 0, sequence, body=bytes(size))
         assert connection.recv(len(answer), socket.MSG_WAITALL) == answer
     assert stalled.recv(1) == b"" and time.monotonic() - begin > 9
+
+
+def forged(source, port, text):  # a message to a monitor, as if it came from there
+    return ipv4(source, "10.9.0.1", struct.pack(">HHHH", port, REMOTE_PORT, 8 + len(text), 0) + text,
+                protocol=socket.IPPROTO_UDP)
+
+
+def test_a_forged_sender_makes_no_monitor_broadcast(lab):
+    left, right = lab.chain(0)
+    for device in ("all", "to-host1"):
+        left.write(f"ipv4/conf/{device}/rp_filter", 0)  # or the kernel would not let such a sender in
+    monitor, everybody = lab.monitor(at=left), lab.socket(right, LOCAL_PORT)
+    with right:
+        raw = lab.own(socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW))
+    for text in (message(ECHO_REQUEST), message(OPERATION, body=command(100))):
+        for source in ("10.9.0.255", "255.255.255.255", "224.0.0.1"):
+            raw.sendto(forged(source, LOCAL_PORT, text), ("10.9.0.1", 0))
+    assert serves(everybody, ("10.9.0.1", REMOTE_PORT)) == []
+    assert monitor.err == "Destination IP = 0.0.0.0\n" and "Err-" not in monitor.out
+
+
+def test_refused_stream_is_told_once(lab):
+    here = lab.namespace()
+    monitor, client = lab.monitor(at=here), lab.socket(here)
+    for _ in range(2):
+        client.sendto(message(OPERATION, body=command(65536, ports=REMOTE_PORT << 16)), SERVER)
+    assert serves(client) == []
+    monitor.signal(signal.SIGINT)
+    assert monitor.finish().body.count("Err- could not send 20 bytes, sent -1 bytes\n") == 2
+
+
+@pytest.mark.parametrize("options", [["-i"], ["-p", "-i"], ["--blast"]])
+def test_monitor_that_ends_by_itself_sums_up(lab, options):
+    run = lab.run("--server", *options, "-S1", LOOPBACK)
+    assert run.status == 0 and re.search(r"\nIn #s, \d+ tx pkts, 0 rx pkts, ", shape(run.body)), run.body

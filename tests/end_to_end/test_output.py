@@ -54,6 +54,22 @@ def test_full_disk_and_odd_results_files(lab, tmp_path):
     assert run.err.endswith(END) and (tmp_path / "whole.csv").read_text().count("\n") == 2 and run.status in (0, 1)
 
 
+def test_a_results_file_without_a_row_goes_again(lab, tmp_path):
+    here = lab.namespace()
+    (tmp_path / "kept.csv").touch()
+    refused = f"Error- could not connect to {LOOPBACK}\n"
+    for options, words in ((("-p", "--client"), refused), (("-e1", "-s", "-U", "-i"), TO_HERE)):
+        for name, there in (("new.csv", False), ("kept.csv", True)):
+            run = lab.run(*options, LOOPBACK, f"-f{name}", at=here, cwd=tmp_path)
+            assert run.err == words + END and (tmp_path / name).exists() == there
+    lab.monitor(at=here)
+    no_growth = ["sh", "-c", 'ulimit -f 2; exec "$@"', "sh"]  # a kilobyte: what is printed fits, a row does not
+    run = lab.run(*SHORT, "-frow.csv", at=here, cwd=tmp_path, before=no_growth)
+    could_not = "Error: could not write results file "
+    assert run.err == TO_HERE + f"{could_not}row.csv\n{could_not}HISTOGRAM_row.csv\n" + END and run.status == 0
+    assert sorted(os.listdir(tmp_path)) == ["kept.csv"]
+
+
 def test_two_commanders_append_to_one_file(lab, tmp_path):
     places = [lab.namespace(), lab.namespace()]
     for here in places:

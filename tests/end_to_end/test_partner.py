@@ -101,3 +101,32 @@ def test_multicast(lab):
     assert "Joining multicast group on interface 0.0.0.0\n" in monitor.out
     run = lab.run("-u", "-e2", "-T9000000", f"-n{LOOPBACK}", "239.1.2.3", at=here)
     assert shape(run.body) == received(0, LOOPBACK) + received(1, LOOPBACK) + summary(2, 2)
+
+
+def test_commands_go_to_the_first_host_alone(lab):
+    here = lab.namespace()
+    monitor = lab.socket(here, REMOTE_PORT)
+    run = lab.start("--client", "-e2", "-E1", SURE, LOOPBACK, "127.0.0.5", at=here)
+    for number in range(3):  # the first is bad, and repeated
+        _, commander = monitor.recvfrom(65536)
+        monitor.sendto(message(DATA, number, 1 if number == 0 else 0, b"mon1", bytes(80)), commander)
+    assert run.finish().status == 0
+    lines = "    1:*** Rx 1, Lost 0\n    2:*** Rx 1, Lost 0\n    3:*** Rx 1, Lost 0\n"
+    assert shape(run.body) == CLIENT + lines + "Test complete! Total test time: #s\n"
+    assert run.err == "Start IP= 127.0.0.1  End IP= 127.0.0.5\nCleanup exit\n"
+
+
+def test_batches_of_a_lost_connection_are_kept(lab, tmp_path):
+    here = lab.namespace()
+    with here:
+        server = lab.own(socket.create_server((LOOPBACK, REMOTE_PORT)))
+    run = lab.start("-p", "--client", "-e9", "-E2", SURE, "-flost.csv", LOOPBACK, at=here, cwd=tmp_path)
+    monitor, _ = server.accept()
+    for number in range(2):
+        monitor.recv(164, socket.MSG_WAITALL)
+        monitor.sendall(b"".join(message(DATA, number, i, b"mon1", bytes(80)) for i in range(2)))
+    monitor.close()
+    assert run.finish().status == 1
+    assert run.body.count("Pkts:   2/2 ") == 2 and "\nTest complete! " in run.body
+    assert run.err == TO_HERE + "Err: Could not accept connection\nCleanup exit\n"
+    assert (tmp_path / "lost.csv").read_text().splitlines()[1].split(",")[6] == "2"

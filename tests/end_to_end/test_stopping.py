@@ -99,3 +99,40 @@ def test_laboratory_leaves_nothing_behind(lab):
         orphan = int(run.out.split()[0])
         run.signal(number)
         assert run.finish(AT_ONCE).status != 0 and not os.path.exists(f"/proc/{orphan}/exe")
+
+
+def test_a_send_that_cannot_go_on_ends_with_the_test(lab):
+    peer = lab.own(TunPeer(lab.namespace(), {}))
+    queue = "qdisc replace dev tun0 root tbf rate 64kbit burst 3000 limit 99999999"  # so that it fills a send buffer
+    lab.run(*queue.split(), program="tc", at=peer.namespace)
+    with peer.namespace:
+        deaf = lab.own(socket.create_server((LOOPBACK, REMOTE_PORT)))  # takes connections, reads nothing
+    for carrier, host in (("-u", HOST), ("-p", LOOPBACK)):
+        for options in (["--blast", carrier], [carrier, "-i", "-d100", "-l9000", "-e"]):
+            run = lab.start(*options, host, "-S1", at=peer.namespace)
+            assert run.finish(AT_ONCE).status == 0 and "Err-" not in run.out, run.out
+            assert float(re.search(r"In +([\d.]+)s", run.body)[1]) < 2
+        run = lab.start("--blast", carrier, host, at=peer.namespace)
+        time.sleep(0.5)  # by now it is stuck
+        run.signal(signal.SIGQUIT)
+        eventually(lambda: "So far: " in run.err, "the progress", AT_ONCE)
+        stop(run, signal.SIGINT)
+    deaf.close()
+
+
+def test_a_peer_that_never_stops_sending_does_not_hold_a_test(lab):
+    here = lab.namespace()
+    with here:
+        server = lab.own(socket.create_server((LOOPBACK, REMOTE_PORT)))
+
+    def flood():
+        connection, _ = server.accept()
+        with contextlib.suppress(OSError):
+            while True:
+                connection.sendall(bytes(1 << 20))
+
+    thread = threading.Thread(target=flood, daemon=True)
+    thread.start()
+    run = lab.start("-p", "-i", "-l9000", "-d10", "-S1", LOOPBACK, at=here)
+    assert run.finish(AT_ONCE).status == 0 and float(re.search(r"In +([\d.]+)s", run.body)[1]) < 3, run.body
+    thread.join()

@@ -15,7 +15,7 @@ static std::string line_of(const std::string& arguments, std::uint32_t number, b
   b.stats.lost_packets = 0x180000000;
   b.stats.bad_samples = 4;
   for (const std::uint32_t rate : {10000U, 11000U, 12000U}) sample_list_add(&bandwidth_samples, rate);
-  for (const std::uint32_t buffer : {100U, 1500U, 3000U}) sample_list_add(&buffer_samples, buffer);
+  for (const std::uint32_t buffer : {100U, 1500U, 0xF0000000U}) sample_list_add(&buffer_samples, buffer);
   const batch_judgement batch = {.span_usec = 48000, .rate_kbps = 11285, .lost = 3, .bad = bad};
   return said([&] { print_batch_line(&b.settings, &b.run, &b.stats, &batch); });
 }
@@ -26,7 +26,7 @@ TEST(BatchLine, OfEveryStyleAndItsLabels) {
       ": |    X    2    3    4    5    6    |   3/ 50   6.00% lost,   2 late   979.2 rx/s,  11.3 Mbps D=0.048, "
       "m/M/a   0.900/  2.100/  1.021, ";
   const std::string rates = " 12.0  11.0  10.0  10.0  10.0  10.0  10.0    1.2 msec ";
-  const std::string buffers = "  0.1   1.5   3.0   3.0   3.0   3.0   3.0 ";
+  const std::string buffers = "  0.1   1.5 4026531.8 4026531.8 4026531.8 4026531.8 4026531.8 ";
   const std::string end = "  Lost: -2147483648  Bad Samples: 4\n";
   const std::string labels = "  0.0  50.0  90.0  95.0  98.0  99.0  99.9 ";
   const std::string gap(12, ' ');

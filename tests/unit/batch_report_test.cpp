@@ -33,6 +33,13 @@ TEST(BatchReport, FirstAndLastPacketMakeASampleGood) {
   }
 }
 
+TEST(BatchReport, CountsOfATestSaturate) {
+  bench b("-c -e4294967295 -E5");
+  said(0, [&] { return batch_report(&b.settings, &b.run, &b.stats, frame_none); });
+  EXPECT_EQ(numbers(b.stats.bad_samples, b.settings.total_requests, b.settings.echo_count),
+            (list{1, 0xFFFFFFFF, 0xFFFFFFFF}));
+}
+
 TEST(BatchReport, FiguresThatDoNotFitBecomeTheLargest) {  // many duplicates; packets hours ahead of their schedule
   bench b("-c -e9 -B -d4294967295 -E4");
   for (std::int64_t i = 0; i < 4; ++i) b.answer(i, -i);

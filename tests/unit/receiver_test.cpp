@@ -33,3 +33,21 @@ TEST(TcpFraming, LengthsPiecesAndPauses) {
     }
   }
 }
+
+TEST(Receiver, PollsOnceAndReportsWhatCannotBeRead) {
+  const std::string broken = "[err] Error- socket error on socket\n";
+  for (const std::string mode : {"-u", "-c -s -E9"}) {
+    bench b(mode);
+    b.connect(SOCK_DGRAM);
+    const auto poll = [&] { return static_cast<int>(receive_one_frame(&b.settings, &b.run, &b.stats, 0)); };
+    b.request(3);
+    b.write_to_code(message(3, 70000, 0, 3));
+    EXPECT_EQ(said(mode == "-u" ? 0 : 1, poll), "");
+    EXPECT_EQ(b.stats.rx_packets, 1U) << mode;
+    EXPECT_EQ(said(0, poll), "");
+    const int socket = std::exchange(b.run.data_socket, 60);  // which nothing has open
+    for (const std::int64_t wait : {0, 1000})
+      EXPECT_EQ(said(-1, [&] { return receive_one_frame(&b.settings, &b.run, &b.stats, wait); }), broken) << mode;
+    b.run.data_socket = socket;
+  }
+}

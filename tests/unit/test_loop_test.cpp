@@ -24,8 +24,9 @@ TEST(EchoRun, SendsAgainAfterEveryAnswer) {  // were it to read what is queued f
 
 TEST(EchoRun, OutlivesEveryStepOfTheClock) {
   for (const std::int64_t step : {3600000000, -3600000000}) {
-    for (const std::int64_t moment : {50000, 100001, 100500, 199000, 500000}) {  // awaiting an answer, or the next
-      for (const std::string arguments : {"-e8", "-e8 -T100001", "-e8 -i"}) {    // answered, not answered, not asked
+    for (const std::int64_t moment :
+         {50000, 100001, 100500, 199000, 500000, 700900}) {                    // awaiting an answer, or the next
+      for (const std::string arguments : {"-e8", "-e8 -T100001", "-e8 -i"}) {  // answered, not answered, not asked
         bench b(arguments);
         world.after(moment, [step] {
           world.now += step;
@@ -41,6 +42,20 @@ TEST(EchoRun, OutlivesEveryStepOfTheClock) {
         for (const char* odd : {"-", "In  0.0"}) EXPECT_EQ(text.find(odd), std::string::npos) << text;
       }
     }
+  }
+}
+
+TEST(Blast, LastsAsLongAsAskedWhateverTheClockDoes) {
+  for (const std::int64_t step : list{-3600000000, -200000}) {
+    bench b("-u -i -d1 -S2");
+    const std::int64_t start = world.now;
+    std::int64_t set_by = 0;
+    world.on_send = [&](const byte_vector&) {
+      world.now += 50;  // what a send takes
+      if (set_by == 0 && world.now - start > 1500000) world.now += set_by = step;
+    };
+    said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+    EXPECT_NEAR(static_cast<double>(world.now - start - set_by), 2000000, 10000) << step;
   }
 }
 
