@@ -28,10 +28,10 @@ std::array<std::array<iovec, 2>, largest_burst> parts = {};
 
 void build_packet(const test_settings* settings, const run_state* run, const test_stats* stats, std::uint32_t index) {
   const std::uint32_t sequence = run->current_tx__packet + index;
-  std::uint8_t* header = headers.at(index).data();
+  std::uint8_t* header = headers[index].data();
   const std::uint32_t header_bytes = write_frame_header(settings, run, sequence, header);
-  parts.at(index) = {{{.iov_base = header, .iov_len = header_bytes},
-                      {.iov_base = zeros.data(), .iov_len = frame_bytes(settings, run) - header_bytes}}};
+  parts[index] = {{{.iov_base = header, .iov_len = header_bytes},
+                   {.iov_base = zeros.data(), .iov_len = frame_bytes(settings, run) - header_bytes}}};
   print_debug_line(settings, run, stats, arm_slot(settings, run, sequence));
 }
 
@@ -48,7 +48,7 @@ call_result send_side_by_side(const run_state* run, const sockaddr_in* destinati
   msghdr message = {};
   message.msg_name = const_cast<sockaddr_in*>(destination);
   message.msg_namelen = sizeof *destination;
-  message.msg_iov = parts.at(first).data();
+  message.msg_iov = parts[first].data();
   message.msg_iovlen = 2 * std::size_t{count};
   message.msg_control = control.data();
   message.msg_controllen = control.size();
@@ -64,10 +64,10 @@ call_result send_one_by_one(const run_state* run, const sockaddr_in* destination
                             std::uint32_t count) {
   std::array<mmsghdr, largest_burst> messages = {};
   for (std::uint32_t i = 0; i < count; ++i) {
-    msghdr* message = &messages.at(i).msg_hdr;
+    msghdr* message = &messages[i].msg_hdr;
     message->msg_name = const_cast<sockaddr_in*>(destination);
     message->msg_namelen = sizeof *destination;
-    message->msg_iov = parts.at(first + i).data();
+    message->msg_iov = parts[first + i].data();
     message->msg_iovlen = 2;
   }
   const int sent = sendmmsg(run->data_socket, messages.data(), count, MSG_DONTWAIT);

@@ -55,12 +55,12 @@ ssize_t send_datagram(const test_settings* settings, const run_state* run, const
   }
   const auto* address = reinterpret_cast<const sockaddr*>(destination);
   for (;;) {
+    *sent_at = clock_now();
     const ssize_t sent =
         sendto(run->data_socket, bytes.data(), bytes.size(), MSG_DONTWAIT, address, sizeof *destination);
     if (sent < 0 && errno == EINTR) continue;
     if (outcome_of(sent) != send_outcome::full) return sent;
     if (!wait_for_buffer(settings, run, stats)) break;
-    *sent_at = clock_now();
   }
   errno = EAGAIN;
   return -1;

@@ -31,8 +31,9 @@ enum class send_outcome : std::uint8_t {
 // stop signal end it. True when it is worth trying again, false when the test is over.
 [[nodiscard]] bool wait_for_buffer(const test_settings* settings, const run_state* run, const test_stats* stats);
 
-// Sends one datagram and waits while there is no room for it; *sent_at (ticks) is set anew after each wait. Returns
-// what sendto(2) returned last; its outcome is `full` only when the test is over.
+// Sends one datagram and waits while there is no room for it; *sent_at (ticks) is the time just before the call that
+// did it, with nothing between the two. Returns what sendto(2) returned last; its outcome is `full` only when the test
+// is over.
 [[nodiscard]] ssize_t send_datagram(const test_settings* settings, const run_state* run, const test_stats* stats,
                                     const sockaddr_in* destination, std::span<const std::uint8_t> bytes,
                                     std::int64_t* sent_at);

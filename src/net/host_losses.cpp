@@ -1,40 +1,55 @@
 #include "net/host_losses.h"
 
+#include <fcntl.h>
 #include <linux/sock_diag.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <string_view>
+#include <system_error>
 
 #include "app/test_settings.h"
 #include "engine/run_records.h"
 
 namespace {
 
-using snmp_line = std::array<char, 2048>;
+using snmp_buffer = std::array<char, 4096>;  // the file has some 1500 bytes
 
-// Two lines stand for a protocol: the names of its counters, and below each its value.
-bool find_counter(snmp_line names, snmp_line values, const char* name, std::uint64_t* counter) {
-  char* next_name = nullptr;
-  char* next_value = nullptr;
-  const char* each_name = strtok_r(names.data(), " \n", &next_name);
-  const char* each_value = strtok_r(values.data(), " \n", &next_value);
-  while (each_name != nullptr && each_value != nullptr) {
-    if (std::strcmp(each_name, name) == 0) {
-      *counter = std::strtoull(each_value, nullptr, 10);
-      return true;
-    }
-    each_name = strtok_r(nullptr, " \n", &next_name);
-    each_value = strtok_r(nullptr, " \n", &next_value);
-  }
-  return false;
+// The text of the file; empty when it cannot be read.
+std::string_view read_snmp(snmp_buffer* buffer) {
+  const int file = open("/proc/net/snmp", O_RDONLY | O_CLOEXEC);
+  if (file < 0) return {};
+  const ssize_t length = read(file, buffer->data(), buffer->size());
+  close(file);
+  return {buffer->data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
 }
 
-bool starts_with(const snmp_line& line, const char* protocol) {
-  return std::strncmp(line.data(), protocol, std::strlen(protocol)) == 0;
+// Takes what stands before `end` from the front of the text, and `end` with it.
+std::string_view take_until(char end, std::string_view* text) {
+  const std::string_view taken(text->data(), std::min(text->find(end), text->size()));
+  text->remove_prefix(std::min(taken.size() + 1, text->size()));
+  return taken;
+}
+
+// Two lines stand for a protocol: the names of its counters, then their values. Sets *counter to the value of `name`;
+// false when it is not there.
+bool find_counter(std::string_view text, std::string_view protocol, std::string_view name, std::uint64_t* counter) {
+  while (!text.empty()) {
+    std::string_view names = take_until('\n', &text);
+    std::string_view values = take_until('\n', &text);
+    if (take_until(' ', &names) != protocol) continue;
+    take_until(' ', &values);
+    while (!names.empty()) {
+      const std::string_view each = take_until(' ', &names);
+      const std::string_view value = take_until(' ', &values);
+      if (each == name) return std::from_chars(value.data(), value.data() + value.size(), *counter).ec == std::errc();
+    }
+  }
+  return false;
 }
 
 // The socket's own count holds more than what a full buffer cost: over UDP what a filter refused or a checksum spoiled,
@@ -68,22 +83,10 @@ void report_discarded_packets(const host_counters* before, const host_counters* 
 
 host_counters read_host_counters() {
   host_counters counters = {};
-  std::FILE* file = std::fopen("/proc/net/snmp", "re");
-  if (file == nullptr) return counters;
-  bool discarded_known = false;
-  bool full_known = false;
-  snmp_line names = {};
-  snmp_line values = {};
-  while (std::fgets(names.data(), names.size(), file) != nullptr &&
-         std::fgets(values.data(), values.size(), file) != nullptr) {
-    if (starts_with(names, "Ip:")) {
-      discarded_known = find_counter(names, values, "OutDiscards", &counters.discarded_packets);
-    } else if (starts_with(names, "Udp:")) {
-      full_known = find_counter(names, values, "RcvbufErrors", &counters.full_buffers);
-    }
-  }
-  std::fclose(file);
-  counters.known = discarded_known && full_known;
+  snmp_buffer buffer;
+  const std::string_view text = read_snmp(&buffer);
+  counters.known = find_counter(text, "Ip:", "OutDiscards", &counters.discarded_packets) &&
+                   find_counter(text, "Udp:", "RcvbufErrors", &counters.full_buffers);
   return counters;
 }
 

@@ -12,6 +12,7 @@
 #include "engine/clock.h"
 #include "engine/run_records.h"
 #include "net/arrival.h"
+#include "net/datagram_read.h"
 #include "net/icmp_handler.h"
 #include "net/message_handler.h"
 #include "net/socket_wait.h"
@@ -23,42 +24,12 @@ constexpr std::int64_t longest_pause_usec = 10000000;  // inside one TCP message
 constexpr std::int64_t stop_grace_usec = 100000;       // for the rest of a message, after a stop signal
 constexpr std::int64_t flush_silence_usec = 20000;
 constexpr std::int64_t longest_flush_usec = 10000000;
-constexpr std::size_t control_bytes = 64;  // what comes with a datagram: its stamp
 
-struct datagram {
-  int length;                 // bytes received; negative = the read failed
-  std::uint32_t source;       // network byte order
-  std::uint16_t source_port;  // network byte order
-  frame_arrival arrival;
-};
+// Where answers can be queued, as many are read at once as wait for an answer; in partner mode a stream is.
+constexpr std::uint32_t read_at_once = 16;
 
-enum class read_result : std::uint8_t { frame, nothing_there, no_socket };
-
-// Reads without waiting: a datagram that select announced may be gone again, dropped for a wrong checksum (select(2)).
-read_result read_datagram(int socket, std::uint8_t* buffer, datagram* frame) {
-  sockaddr_in sender = {};
-  sender.sin_family = AF_INET;
-  alignas(cmsghdr) std::array<std::uint8_t, control_bytes> control;
-  iovec bytes = {.iov_base = buffer, .iov_len = message_buffer_bytes};
-  msghdr message = {};
-  ssize_t length = 0;
-  do {
-    message = {};
-    message.msg_name = &sender;
-    message.msg_namelen = sizeof sender;
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    length = recvmsg(socket, &message, MSG_DONTWAIT);
-  } while (length < 0 && errno == EINTR);
-  if (length < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return read_result::nothing_there;
-  if (length < 0 && (errno == EBADF || errno == ENOTSOCK)) return read_result::no_socket;
-  *frame = {.length = static_cast<int>(length),
-            .source = sender.sin_addr.s_addr,
-            .source_port = sender.sin_port,
-            .arrival = {.stamp = length < 0 ? 0 : arrival_stamp_of(&message), .reading = clock_now()}};
-  return read_result::frame;
+std::uint32_t datagrams_to_expect(const test_settings* settings, const run_state* run) {
+  return is_echo_mode(settings) ? run->current_tx__packet - run->oldest_outstanding : read_at_once;
 }
 
 frame_result report_failed_wait(const test_settings* settings) {
@@ -66,26 +37,30 @@ frame_result report_failed_wait(const test_settings* settings) {
   return frame_failed;
 }
 
-frame_result handle_datagram(std::uint8_t* buffer, const datagram* frame, test_settings* settings, run_state* run,
+frame_result handle_datagram(const received_datagram* datagram, test_settings* settings, run_state* run,
                              test_stats* stats) {
-  if (frame->length == 0) {
+  const auto length = static_cast<int>(datagram->bytes.size());
+  if (datagram->failed) return frame_none;
+  if (length == 0) {
     if (settings->remote_run == 0) std::fprintf(stderr, "Error- zero length recvfrom on an icmp socket\n");
     return frame_failed;
   }
-  if (settings->udp == 0) return handle_icmp_response(buffer, frame->length, &frame->arrival, settings, stats, run);
-  return handle_test_message(frame->source, frame->source_port, buffer, frame->length, &frame->arrival, settings, stats,
-                             run);
+  if (settings->udp == 0) {
+    return handle_icmp_response(datagram->bytes.data(), length, &datagram->arrival, settings, stats, run);
+  }
+  return handle_test_message(datagram->source, datagram->source_port, datagram->bytes.data(), length,
+                             &datagram->arrival, settings, stats, run);
 }
 
 // An echo test tries the read first and waits only when nothing is there: while answers stream in, that saves a call
-// for each. In partner mode packets come one at a time, and the try would find nothing.
-frame_result receive_datagram(test_settings* settings, run_state* run, test_stats* stats, std::uint8_t* buffer,
-                              std::int64_t wait_usec) {
-  bool try_first = settings->partner_mode == 0 || wait_usec == 0;
+// for each. In partner mode the try would find nothing, but for what was read ahead.
+frame_result receive_datagram(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
+  bool try_first = settings->partner_mode == 0 || wait_usec == 0 || has_read_ahead();
   for (;; try_first = true) {
-    datagram frame = {};
-    const read_result read = try_first ? read_datagram(run->data_socket, buffer, &frame) : read_result::nothing_there;
-    if (read == read_result::frame) return handle_datagram(buffer, &frame, settings, run, stats);
+    received_datagram datagram = {};
+    const std::uint32_t most = datagrams_to_expect(settings, run);
+    const read_result read = try_first ? read_datagram(run->data_socket, most, &datagram) : read_result::nothing_there;
+    if (read == read_result::datagram) return handle_datagram(&datagram, settings, run, stats);
     if (read == read_result::no_socket) return report_failed_wait(settings);
     if (wait_usec == 0) return frame_none;
     const wait_result result = wait_on_socket(run->data_socket, wait_for::readable, &wait_usec);
@@ -94,12 +69,13 @@ frame_result receive_datagram(test_settings* settings, run_state* run, test_stat
   }
 }
 
-frame_result receive_message(test_settings* settings, run_state* run, test_stats* stats, std::uint8_t* buffer,
-                             std::int64_t wait_usec) {
+frame_result receive_message(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
   const wait_result result = wait_on_socket(run->data_socket, wait_for::readable, &wait_usec);
   if (result == wait_result::failed) return report_failed_wait(settings);
   if (result != wait_result::ready) return frame_none;
 
+  std::array<std::uint8_t, message_buffer_bytes> message_buffer;  // not zeroed: only received bytes are read
+  std::uint8_t* buffer = message_buffer.data();
   constexpr int header_bytes = test_header_bytes;
   if (receive_all(run->data_socket, buffer, header_bytes) < header_bytes) return frame_failed;
   test_header header = {};
@@ -139,9 +115,8 @@ frame_result receive_one_frame(test_settings* settings, run_state* run, test_sta
     (void)wait_on_socket(-1, wait_for::readable, &wait_usec);
     return frame_none;
   }
-  std::array<std::uint8_t, message_buffer_bytes> message_buffer;  // not zeroed: only received bytes are read
-  if (settings->tcp != 0) return receive_message(settings, run, stats, message_buffer.data(), wait_usec);
-  return receive_datagram(settings, run, stats, message_buffer.data(), wait_usec);
+  if (settings->tcp != 0) return receive_message(settings, run, stats, wait_usec);
+  return receive_datagram(settings, run, stats, wait_usec);
 }
 
 int receive_all(int socket, std::uint8_t* destination, int count) {
@@ -166,7 +141,7 @@ void flush_pending_frames(int socket) {
   const bool stream = is_stream(socket);
   const std::int64_t start = clock_now();
   std::array<std::uint8_t, 2000> scratch;
-  int discarded = 0;
+  int discarded = discard_read_ahead();
   while (stop_signal() == 0 && usec_between(start, clock_now()) < longest_flush_usec) {
     std::int64_t silence_usec = flush_silence_usec;
     const wait_result result = wait_on_socket(socket, wait_for::readable, &silence_usec);

@@ -17,6 +17,7 @@
 #include "engine/clock.h"
 #include "engine/run_records.h"
 #include "net/arrival.h"
+#include "net/datagram_read.h"
 #include "net/transmitter.h"
 #include "report/results_files.h"
 #include "report/sample_list.h"
@@ -37,6 +38,7 @@ struct bench {
   // A run to 10.0.0.1, unless `arguments` name another host. The world and all that is process-wide begin anew.
   explicit bench(const std::string& arguments = "") {
     world = {};
+    discard_read_ahead();
     bandwidth_samples.count = buffer_samples.count = 0;
     const char* host = arguments.find("10.") == std::string::npos ? " 10.0.0.1" : "";
     if (parse(arguments + host, &settings) != 0) std::abort();
