@@ -3,7 +3,6 @@
 import dataclasses
 import statistics
 
-from harness.tables import NEAR_CEILING, PACED_CEILING
 
 
 @dataclasses.dataclass(frozen=True)
@@ -55,8 +54,9 @@ def spread_of(values):
     return Spread(statistics.median(values), min(values), max(values)) if values else None
 
 
-def row_of_role(case, role):
-    return next((row for row in case.rows if row.role == role), None)
+def row_of(case, role_or_name):
+    """The first row of the role, or whose program's first word is the name."""
+    return next((row for row in case.rows if role_or_name in (row.role, row.program.split()[0])), None)
 
 
 def best_peer(results, case, figure, more_is_better):
@@ -67,35 +67,44 @@ def best_peer(results, case, figure, more_is_better):
     return (max if more_is_better else min)(peers, key=lambda peer: peer[0])[1]
 
 
-def compared_row(results, table, case, figure, role):
-    if role == "peer":
+def compared_row(results, table, case, figure, role_or_name):
+    if role_or_name == "peer":
         return best_peer(results, case, figure, table.compared[figure])
-    return row_of_role(case, role)
+    return row_of(case, role_or_name)
 
 
 def ratio(results, table, case, figure, of, to):
     """The figure of one role ("vorn", "bare") over that of another ("peer", "bare"), round by round; None when one is
     missing."""
     row, other = (compared_row(results, table, case, figure, role) for role in (of, to))
-    if row is None or other is None:
-        return None
+    return row and other and ratio_of_rows(results, case, figure, row, other)
+
+
+def ratio_of_rows(results, case, figure, row, other):
     spread = results.paired(case, row, other, figure)
     return Ratio(other.program, spread) if spread else None
 
 
-def verdict(results, table, case, goal):
-    """None when there is nothing to judge by."""
-    if goal.against == "bare unless ceiling":
-        return ceiling_verdict(results, table, case, goal)
+def verdicts(results, table, case, goal):
+    """One for each Vorn row; none where there is nothing to judge by."""
+    rows = [row for row in case.rows if row.role == "vorn"]
+    found = [verdict(results, table, case, goal, row) for row in rows]
+    if len(rows) > 1:
+        found = [each and dataclasses.replace(each, case=f"{each.case}, {row.program}")
+                 for each, row in zip(found, rows)]
+    return [each for each in found if each]
+
+
+def verdict(results, table, case, goal, row):
     if goal.against == "":
-        return own_figure_verdict(results, table, case, goal)
-    found = ratio(results, table, case, goal.figure, "vorn", goal.against)
+        return own_figure_verdict(results, table, case, goal, row)
+    other = compared_row(results, table, case, goal.figure, goal.against)
+    found = other and ratio_of_rows(results, case, goal.figure, row, other)
     return found and judged(table, case, goal, found.spread.median, f"of {found.to}")
 
 
-def own_figure_verdict(results, table, case, goal):
-    vorn = row_of_role(case, "vorn")
-    spread = vorn and results.spread(case, vorn, goal.figure)
+def own_figure_verdict(results, table, case, goal, row):
+    spread = results.spread(case, row, goal.figure)
     if not spread:
         return None
     # Nothing may be lost in any round; what is measured with noise is judged by its median.
@@ -103,19 +112,9 @@ def own_figure_verdict(results, table, case, goal):
     return judged(table, case, goal, value, "")
 
 
-def ceiling_verdict(results, table, case, goal):
-    vorn, bare = row_of_role(case, "vorn"), row_of_role(case, "bare")
-    ours, theirs = (row and results.spread(case, row, goal.figure) for row in (vorn, bare))
-    if not ours or not theirs:
-        return None
-    if theirs.median < PACED_CEILING:
-        return verdict(results, table, case, dataclasses.replace(goal, against="bare"))
-    asked = f"packets/s: at least {NEAR_CEILING / 1e6:.2f} M (one packet per microsecond is the most)"
-    return Verdict(case.title, asked, f"{ours.median / 1e6:.3f} M", ours.median >= NEAR_CEILING)
-
-
 def judged(table, case, goal, value, unit):
-    title = next(column.title for column in table.columns if column.figure == goal.figure)
+    column = next(column for column in table.columns if column.figure == goal.figure)
     met = value >= goal.limit if goal.at_least else value <= goal.limit
-    asked = f"{title}: at {'least' if goal.at_least else 'most'} {goal.limit:.4g} {unit}".rstrip()
-    return Verdict(case.title, asked, f"{value:.4g}", met)
+    scale = 1 if goal.against else column.scale
+    asked = f"{column.title}: at {'least' if goal.at_least else 'most'} {goal.limit * scale:.4g} {unit}".rstrip()
+    return Verdict(case.title, asked, f"{value * scale:.4g}", met)

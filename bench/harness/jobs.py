@@ -1,16 +1,14 @@
 """How each kind of row is run once. A job takes the bench, the case and the row and returns its figures by name."""
 
-import array
 import contextlib
-import pathlib
 import re
 import statistics
-import tempfile
+import subprocess
 import time
 
 from harness import programs
-from harness.lab import Lab
-from harness.measuring import FAR_CPU, SENDER_CPU, Helper, Measured, run_measured
+from harness.lab import LINK
+from harness.measuring import Helper, Measured, run_measured
 
 TEST_PORT = 8004  # where the tested program sends
 IPERF_PORT = 5201
@@ -26,41 +24,87 @@ def numbers_in(text, pattern):
 
 # ---- blast: a window of wall time in the middle of the run, counted at the far end
 
+REPORTED_SENT = {"vorn": r"(\d+) tx pkts", "bare": r"sent (\d+)", "hping3": r"(\d+) packets transmitted"}
+
+
 def blast(bench, case, row):
-    lab = bench.lab
-    with far_end_of_blast(lab, row):
+    lab, per_packet = bench.lab, case.setting.get("frames_per_packet", 1)
+    with checksum_offload(lab, case.setting.get("offload", "on")), far_end_of_blast(lab, row):
         time.sleep(SETTLE_SECONDS)
-        before = lab.counters()
+        before, dropped_before = arrived_packets(lab), lab.counters()["queue_drops"]
         with Measured(lab, row.command, stop_after=row.stop_after) as sender:
-            rate = arrivals_per_second(lab, row.lead_in, bench.pick(1.2, 0.5))
+            rate = arrivals_per_second(lab, row.lead_in, bench.pick(1.2, 0.5)) / per_packet
             costs, text = sender.finish()
         time.sleep(SETTLE_SECONDS)
-        after = lab.counters()
-    moved = {name: after[name] - before[name] for name in after}
-    if not costs or moved["arrived"] == 0:
+        arrived = (arrived_packets(lab) - before) / per_packet
+        dropped = lab.counters()["queue_drops"] - dropped_before
+    if not costs or arrived == 0:
         bench.complain(case, row, text)
         return {}
-    return {
-        "rate": rate,
-        "cpu_ns": costs[0].cpu * 1e9 / moved["arrived"],
-        "lost": moved["sent"] - moved["arrived"],
-        "queue_drops": moved["queue_drops"],
-    }
+    figures = {"rate": rate, "cpu_ns": costs[0].cpu * 1e9 / arrived, "queue_drops": dropped}
+    sent = row.output and numbers_in(text, REPORTED_SENT[row.output])
+    if sent:
+        figures["lost"] = sent[0] - arrived
+    return figures
+
+
+def arrived_packets(lab):
+    """What the far end's IP layer has received. Packets that crossed the device as one frame, to be split by it, count
+    one each here, as they do nowhere else. Marked ones (ECN) would not: nobody sends any."""
+    with open(f"/proc/{lab.far_pid}/net/netstat", encoding="ascii") as table:
+        names, values = [line.split() for line in table if line.startswith("IpExt:")]
+    return int(values[names.index("InNoECTPkts")])
+
+
+@contextlib.contextmanager
+def checksum_offload(lab, state):
+    """With "off", the near device wants whole packets with finished checksums for the length of a `with`."""
+    if state == "on":
+        yield
+        return
+    switch = ["ethtool", "-K", LINK, "tx"]
+    subprocess.run(lab.command(lab.near, [*switch, "off"]), check=True, stdout=subprocess.DEVNULL)
+    try:
+        yield
+    finally:
+        subprocess.run(lab.command(lab.near, [*switch, "on"]), check=True, stdout=subprocess.DEVNULL)
 
 
 def far_end_of_blast(lab, row):
     if row.far_end == "iperf3":
         return Helper(lab, ["iperf3", "--server", "--one-off"], port=IPERF_PORT)
     if row.far_end == "sink":
-        return Helper(lab, [programs.bare("bare_receiver"), "sink", "udp", str(TEST_PORT)])
+        return Helper(lab, [programs.bare("bare_receiver"), str(TEST_PORT)])
     return contextlib.nullcontext()
 
 
 def arrivals_per_second(lab, lead_in, window):
     time.sleep(lead_in)
-    start_time, start = time.monotonic(), lab.counters()["arrived"]
+    start_time, start = time.monotonic(), arrived_packets(lab)
     time.sleep(window)
-    return (lab.counters()["arrived"] - start) / (time.monotonic() - start_time)
+    return (arrived_packets(lab) - start) / (time.monotonic() - start_time)
+
+
+# ---- far: every packet of a blast, looked at where it arrives
+
+CHECKED = ("checked", "unchecked", "missing", "repeated", "damaged")
+
+
+def far_end_check(bench, case, row):
+    lab, count = bench.lab, case.setting["count"]
+    checker = [programs.bare("check_frames"), LINK, str(TEST_PORT), str(count)]
+    with checksum_offload(lab, case.setting["offload"]), Helper(lab, checker) as far:
+        before = arrived_packets(lab)
+        cost, text = run_measured(lab, row.command, give_up_after=120)
+        time.sleep(SETTLE_SECONDS)
+        counted = arrived_packets(lab) - before
+        report = far.end()
+    sent = numbers_in(text, REPORTED_SENT["vorn"])
+    checked = numbers_in(report, " ".join(rf"{name} (\d+)" for name in CHECKED))
+    if cost is None or not sent or not checked:
+        bench.complain(case, row, text + report)
+        return {}
+    return {"printed": sent[0], "counted": counted, "uncounted": abs(sent[0] - counted), **dict(zip(CHECKED, checked))}
 
 
 # ---- echo and sweep: from start to exit
@@ -113,65 +157,6 @@ def size_on_disk(_bench, _case, row):
     libraries = programs.libraries_needed(row.command[0])
     beyond_libc = [name for name in libraries if not name.startswith("libc.so")]
     return {"size_kb": programs.stripped_size(row.command[0]) / 1000, "beyond_libc": len(beyond_libc)}
-
-
-# ---- pacing: kernel receive stamps at the far end
-
-class PacedRun:
-    """One paced sender in a lab of its own, so that several can run side by side and hear nothing of each other. All
-    that it starts is ended by `stack`."""
-
-    def __init__(self, stack, name, case, row, cpu):
-        self.stack, self.case, self.row, self.cpu = stack, case, row, cpu
-        self.lab = stack.enter_context(Lab(name))
-        self.stamps = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory())) / "stamps"
-        carrier, path = case.setting["carrier"], case.setting["path"]
-        mode = "answer" if carrier == "udp" and path == "echo" else "stamps"
-        receiver = [programs.bare("bare_receiver"), mode, carrier, str(TEST_PORT), str(self.stamps)]
-        other_cpu = FAR_CPU if cpu == SENDER_CPU else SENDER_CPU
-        self.receiver = stack.enter_context(Helper(self.lab, receiver, cpu=other_cpu))
-
-    def start(self):
-        self.sender = self.stack.enter_context(Measured(self.lab, self.row.command, cpu=self.cpu))
-
-    def finish(self, bench):
-        costs, text = self.sender.finish(give_up_after=self.case.setting["seconds"] * 2 + 10)
-        time.sleep(SETTLE_SECONDS)
-        self.receiver.end()
-        stamps = array.array("q", self.stamps.read_bytes())
-        if not costs or len(stamps) < self.case.setting["count"] / 2:
-            bench.complain(self.case, self.row, text)
-            return {}
-        figures = pacing_figures(stamps, self.case.setting["period_usec"], self.row.first_burst)
-        figures["missing"] = self.case.setting["count"] - len(stamps)
-        figures["cpu_ns"] = costs[0].cpu * 1e9 / len(stamps)
-        return figures
-
-
-def pacing_figures(stamps, period_usec, first_burst):
-    """What the stream looks like after its first release, which is a burst. The mean rate counts from the start of that
-    release, when the clock of the stream starts, and counts the packets after it."""
-    period = period_usec * 1000
-    paced = stamps[first_burst:]
-    gaps = [later - earlier for earlier, later in zip(paced, paced[1:])]
-    mean = (stamps[-1] - stamps[0]) / len(paced)
-    middle = statistics.median(gaps)
-    return {
-        "rate_error": abs(period / mean - 1) * 100,
-        "gap_error_usec": statistics.median(abs(gap - period) for gap in gaps) / 1000,
-        "gap_spread_usec": statistics.median(abs(gap - middle) for gap in gaps) / 1000,
-    }
-
-
-def paced_group(bench, group):
-    """Runs the (case, row) pairs of `group` at the same time, spread over both processors."""
-    with contextlib.ExitStack() as stack:
-        runs = [PacedRun(stack, f"p{index}", case, row, (index + bench.round) % 2)
-                for index, (case, row) in enumerate(group)]
-        time.sleep(SETTLE_SECONDS)
-        for run in runs:
-            run.start()
-        return [run.finish(bench) for run in runs]
 
 
 # ---- partner streams

@@ -1,6 +1,5 @@
 """Running one program and finding out what it cost; helpers at the far end."""
 
-import contextlib
 import dataclasses
 import os
 import pathlib
@@ -83,11 +82,13 @@ def run_measured(lab, argv, give_up_after=None, **how):
 
 
 class Helper:
-    """A program at the far end for the length of a `with`; `end()` stops it and returns what it printed."""
+    """A program at the far end, or in another namespace, for the length of a `with`; `end()` stops it and returns what
+    it printed."""
 
-    def __init__(self, lab, argv, port=None, cpu=FAR_CPU):
+    def __init__(self, lab, argv, port=None, cpu=FAR_CPU, namespace=None):
         self.lab, self.port = lab, port
-        self.process = subprocess.Popen(lab.command(lab.far, argv, cpu), stdin=subprocess.DEVNULL,
+        self.text = None
+        self.process = subprocess.Popen(lab.command(namespace or lab.far, argv, cpu), stdin=subprocess.DEVNULL,
                                         stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
 
     def __enter__(self):
@@ -98,11 +99,10 @@ class Helper:
         self.end()
 
     def end(self):
-        if self.process.poll() is None:
+        if self.text is None:
             self.process.terminate()
-        with contextlib.suppress(ValueError):
-            return self.process.communicate()[0]
-        return ""
+            self.text = self.process.communicate()[0]
+        return self.text
 
     def _wait_until_ready(self):
         """A bare loop says so; of another program we see its port appear."""

@@ -11,8 +11,10 @@ SOURCES = ROOT / "bench"
 BUILT = ROOT / "build" / "bench"
 
 PEER_PACKAGES = ["fping", "iputils-ping", "iperf3", "hping3"]
+TOOL_PACKAGES = ["nftables", "ethtool"]
 BUILD_PACKAGES = ["g++", "cmake", "ninja-build", "make", "binutils", "iproute2", "util-linux"]
-PROGRAMS_NEEDED = ["fping", "ping", "iperf3", "hping3", "g++", "cmake", "strip", "readelf", "ip", "taskset"]
+PROGRAMS_NEEDED = ["fping", "ping", "iperf3", "hping3", "g++", "cmake", "strip", "readelf", "ip", "taskset", "nft",
+                   "ethtool"]
 
 # libstdc++ as a shared library would cost each start half a millisecond.
 COMPILE = ["g++", "-std=c++20", "-O2", "-Wall", "-Wextra", "-static-libstdc++", "-static-libgcc"]
@@ -22,7 +24,7 @@ def install_peers():
     if all(shutil.which(program) for program in PROGRAMS_NEEDED):
         return
     environment = dict(os.environ, DEBIAN_FRONTEND="noninteractive")
-    install = ["apt-get", "install", "-y", *PEER_PACKAGES, *BUILD_PACKAGES]
+    install = ["apt-get", "install", "-y", *PEER_PACKAGES, *TOOL_PACKAGES, *BUILD_PACKAGES]
     if subprocess.run(install, env=environment, check=False).returncode != 0:
         subprocess.run(["apt-get", "update"], check=True)
         subprocess.run(install, env=environment, check=True)
@@ -30,7 +32,7 @@ def install_peers():
 
 def build_bare_loops():
     BUILT.mkdir(parents=True, exist_ok=True)
-    for source in [*SOURCES.glob("bare_*.cpp"), SOURCES / "measure.cpp"]:
+    for source in SOURCES.glob("*.cpp"):
         static = ["-static"] if source.stem == "measure" else []
         subprocess.run([*COMPILE, *static, "-o", str(BUILT / source.stem), str(source)], check=True)
 
@@ -46,6 +48,11 @@ def vorn():
     subprocess.run(["cmake", "--preset", "release"], cwd=ROOT, check=True)
     subprocess.run(["cmake", "--build", "build/release", "-j"], cwd=ROOT, check=True)
     return str(ROOT / "build" / "release" / "vorn")
+
+
+def baseline():
+    """An earlier Vorn to compare with, when BASELINE names one."""
+    return os.environ.get("BASELINE", "")
 
 
 def stripped_size(path):

@@ -50,8 +50,8 @@ def table_text(results, table):
 
 
 def verdicts(results, table):
-    found = [figures.verdict(results, table, case, goal) for case in table.cases for goal in case.goals]
-    return [verdict for verdict in found if verdict]
+    return [verdict for case in table.cases for goal in case.goals
+            for verdict in figures.verdicts(results, table, case, goal)]
 
 
 def verdict_grid(all_results):
