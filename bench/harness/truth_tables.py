@@ -7,7 +7,7 @@ from harness.tables import Case, Column, Goal, Row, Table
 
 UDP_AND_IP_BYTES = 28
 
-STAMPS = ("Packets are captured on the device, with the kernel's stamps, and the true figures computed from the capture "
+STAMPS = ("Packets are captured on the device, with the kernel's stamps, and the true figures computed from these "
           "alone; a run of which the capture missed a frame is not judged. ")
 
 
@@ -67,8 +67,9 @@ def losses_table(vorn, quick):
               for carrier in ([], ["-u"]) for window in (1, 50)]
     return Table(
         "losses", "Truth: losses",
-        STAMPS + f"Of what the far end sends, every {LOST_EVERY}th frame is dropped before the capture. Of batches each "
-        "line's packets, losses and bad samples are compared, of echo tests the packets sent, received and missing.",
+        STAMPS + f"Of what the far end sends, every {LOST_EVERY}th frame is dropped before the capture. Of batches "
+        "each line's packets, losses and bad samples are compared, of echo tests the packets sent, received and "
+        "missing.",
         [Column("printed", "printed as lost", 0), Column("true", "lost", 0), Column("bad", "bad batches", 0),
          Column("wrong", "wrong figures", 0)],
         {}, cases, job=truth.losses)
@@ -113,6 +114,7 @@ def trips_table(vorn, quick):
 
 GAP_RATES = (50, 100, 1000, 5000, 10000)
 GAP_SECONDS = 6
+GAP_ROUNDS = 3
 GAP_WINDOW = 100
 FIRST_RELEASE_USEC = 10000
 IPERF_BYTES = 1000
@@ -163,11 +165,12 @@ def gaps_table(vorn, quick):
         STAMPS + "The stream is captured at its sender's device, after the first release, which is a burst of 10 ms "
         "worth of packets. The deviation is that of each gap from the period asked for; sent together are two packets "
         "less than 20 usec, and less than a tenth of the period, apart. iperf3 asks for the same packets per second of "
-        f"{IPERF_BYTES} bytes. Each run takes {seconds} s.",
+        f"{IPERF_BYTES} bytes. Each run takes {seconds} s; {GAP_ROUNDS} rounds at most.",
         [Column("together", "sent together %", 2), Column("off", "gap off by usec, median", 1),
          Column("off_99", "gap off by usec, 99 %", 1), Column("rate_error", "mean rate off by %", 4),
          Column("cpu_ns", "processor ns per packet", 0)],
-        {}, [gap_case(vorn, rate, seconds) for rate in GAP_RATES], job=truth.gaps)
+        {}, [gap_case(vorn, rate, seconds) for rate in GAP_RATES], job=truth.gaps,
+        rounds=GAP_ROUNDS)
 
 
 TRUTH_TABLES = {
