@@ -132,12 +132,13 @@ def batch_losses(case, text, packets):
     return {"printed": lines[-1][4], "true": true_lost, "bad": true_bad, "wrong": wrong}
 
 
-def echo_losses(_case, text, packets):
+def echo_losses(case, text, packets):
     found = re.search(r"(\d+) tx pkts, (\d+) rx pkts, (\d+) missing", text)
     if not found:
         return None
     sent, received, missing = (int(number) for number in found.groups())
-    true_sent, true_received = sum(map(wire.is_request, packets)), len(wire.round_trips_usec(packets))
+    true_sent = sum(map(wire.is_request, packets))
+    true_received = sum(usec < case.setting["timeout"] for usec in wire.round_trips_usec(packets).values())
     wrong = (sent != true_sent) + (received != true_received) + (missing != true_sent - true_received)
     return {"printed": missing, "true": true_sent - true_received, "wrong": wrong}
 

@@ -52,6 +52,14 @@ def rates_table(vorn, quick):
 # ---- losses
 
 LOST_EVERY = 37  # no divisor of a batch: the loss strikes every place in it by turns
+LOSS_TIMEOUT_USEC = 20000
+
+
+def loss_case(vorn, carrier, window, count, goals):
+    command = [vorn, *carrier, "-d0", f"-a{window}", f"-e{count}", f"-T{LOSS_TIMEOUT_USEC}", "-s", "-m", FAR_ADDRESS]
+    row = Row("vorn", "vorn", command, far_end="vorn" if carrier else "", far_program=vorn)
+    return Case(f"{'UDP' if carrier else 'ICMP'} echo, window {window}", [row],
+                {"batch": 0, "every": LOST_EVERY, "timeout": LOSS_TIMEOUT_USEC}, goals)
 
 
 def losses_table(vorn, quick):
@@ -60,25 +68,18 @@ def losses_table(vorn, quick):
     cases = [Case(f"batches of {packets}, -d{delay}", [commander(vorn, delay, packets, batches // share)],
                   {"batch": packets, "every": LOST_EVERY}, goals)
              for packets, delay, batches in ((50, 0, 200), (500, 10, 100))]
-    cases += [Case(f"{'UDP' if carrier else 'ICMP'} echo, window {window}",
-                   [Row("vorn", "vorn", [vorn, *carrier, "-d0", f"-a{window}", f"-e{20000 // share}", "-T5000", "-s",
-                                         "-m", FAR_ADDRESS], far_end="vorn" if carrier else "", far_program=vorn)],
-                   {"batch": 0, "every": LOST_EVERY}, goals)
-              for carrier in ([], ["-u"]) for window in (1, 50)]
+    cases += [loss_case(vorn, carrier, window, 5000 // share, goals) for carrier in ([], ["-u"]) for window in (1, 50)]
     return Table(
         "losses", "Truth: losses",
         STAMPS + f"Of what the far end sends, every {LOST_EVERY}th frame is dropped before the capture. Of batches "
         "each line's packets, losses and bad samples are compared, of echo tests the packets sent, received and "
-        "missing.",
+        f"missing, where an answer counts within the {LOSS_TIMEOUT_USEC} usec of -T.",
         [Column("printed", "printed as lost", 0), Column("true", "lost", 0), Column("bad", "bad batches", 0),
          Column("wrong", "wrong figures", 0)],
         {}, cases, job=truth.losses)
 
 
 # ---- round trips
-
-MOST_SEQUENCE_NUMBERS = 65536
-
 
 def trip_case(vorn, carrier, window, delay, count):
     row = Row("vorn", "vorn", [vorn, *carrier, f"-a{window}", f"-d{delay}", f"-e{count}", "-l84", FAR_ADDRESS],
