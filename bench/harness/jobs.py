@@ -51,8 +51,7 @@ def blast(bench, case, row):
 def arrived_packets(lab):
     """What the far end's IP layer has received. Packets that crossed the device as one frame, to be split by it, count
     one each here, as they do nowhere else. Marked ones (ECN) would not: nobody sends any."""
-    with open(f"/proc/{lab.far_pid}/net/netstat", encoding="ascii") as table:
-        names, values = [line.split() for line in table if line.startswith("IpExt:")]
+    names, values = [line.split() for line in lab.far.read("netstat").splitlines() if line.startswith("IpExt:")]
     return int(values[names.index("InNoECTPkts")])
 
 
