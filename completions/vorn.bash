@@ -56,8 +56,8 @@ _vorn() {
       return
       ;;
     -?)
-      # The letter stands; a blank may follow it only where no value has to.
-      [[ " $flags $with_optional_value " == *" $current "* ]] && COMPREPLY=("$current")
+      # The letter stands; a blank may follow it only where no value can.
+      [[ " $flags " == *" $current "* ]] && COMPREPLY=("$current")
       return
       ;;
     -*) ;;

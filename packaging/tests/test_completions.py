@@ -109,7 +109,7 @@ def test_words_reach_the_program_as_it_reads_them(terminal):
         "-Rsol\t": ["-Rsolo.example"],
         "-n127\t": ["-n127.0.0.1"],
         "-s\t-m\t": ["-s", "-m"],  # a flag is a word of its own
-        "-d\t5": ["-d5"],  # a value sticks to its letter
+        "-d\t5 -e\t7 -u\t9 -p\t80": ["-d5", "-e7", "-u9", "-p80"],  # a value sticks to its letter
         "-S10 sol\t gauge-o\t": ["-S10", "solo.example", "gauge-one.example"],
         "1.2.3.4 5.6.7.8 sol\t": ["1.2.3.4", "5.6.7.8", "sol"],  # two hosts are all that a test takes
     }
