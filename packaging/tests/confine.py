@@ -49,7 +49,14 @@ def expand(names):
     return calls
 
 
-def install_filter(unit):
+def rules_of(unit):
+    """The allowed system calls and socket families, and whether memory may be executed that was written."""
+    calls = expand(values_of(unit, "SystemCallFilter")) | expand(["@default"])
+    return (calls, values_of(unit, "RestrictAddressFamilies"),
+            values_of(unit, "MemoryDenyWriteExecute") != ["yes"])
+
+
+def install_filter(calls, families, may_execute_written_memory):
     seccomp = ctypes.CDLL("libseccomp.so.2", use_errno=True)
     seccomp.seccomp_init.restype = ctypes.c_void_p
     context = ctypes.c_void_p(seccomp.seccomp_init(ctypes.c_uint32(KILL_PROCESS)))
@@ -62,13 +69,11 @@ def install_filter(unit):
         if seccomp.seccomp_rule_add_array(context, ctypes.c_uint32(ALLOW), number, len(comparisons), array) != 0:
             raise OSError(f"no rule for {call}")
 
-    calls = expand(values_of(unit, "SystemCallFilter")) | expand(["@default"])
-    families = values_of(unit, "RestrictAddressFamilies")
     if families:
         calls -= {"socket"}
         for family in families:
             allow("socket", Comparison(0, EQUAL, getattr(socket, family), 0))
-    if values_of(unit, "MemoryDenyWriteExecute") == ["yes"]:
+    if not may_execute_written_memory:
         calls -= {"mmap", "mprotect", "pkey_mprotect"}
         for protection in (0, PROT_WRITE, PROT_EXEC):
             allow("mmap", Comparison(2, MASKED_EQUAL, PROT_WRITE | PROT_EXEC, protection))
@@ -92,9 +97,10 @@ def give_up_privileges():
 def main(unit, *command):
     for limit in values_of(unit, "LimitNOFILE"):
         resource.setrlimit(resource.RLIMIT_NOFILE, (int(limit), int(limit)))
-    give_up_privileges()
+    rules = rules_of(unit)  # while it can be read: it may lie in a home directory that is closed to others
     line = compile(command[1], "line", "exec") if command[0] == "-c" else None
-    install_filter(unit)
+    give_up_privileges()
+    install_filter(*rules)
     if line is None:
         os.execv(command[0], command)
     exec(line)

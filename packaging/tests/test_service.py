@@ -6,6 +6,7 @@ import signal
 import socket
 import subprocess
 import sys
+import tempfile
 import time
 from pathlib import Path
 
@@ -15,9 +16,13 @@ TOP = Path(__file__).parents[2]
 sys.path.insert(0, str(TOP / "lab"))
 from network import Host, standing  # noqa: E402
 
-VORN = os.path.abspath(os.environ.get("VORN", TOP / "build/release/vorn"))
 UNIT = TOP / "service/vorn-server.service"
 CONFINED = [sys.executable, str(Path(__file__).with_name("confine.py")), str(UNIT)]
+# The confined program runs as a user to whom the directory of the build may be closed, so it is taken from another.
+OPEN_DIRECTORY = tempfile.TemporaryDirectory()
+os.chmod(OPEN_DIRECTORY.name, 0o755)
+VORN = shutil.copy(os.environ.get("VORN", TOP / "build/ci/vorn"), OPEN_DIRECTORY.name)
+os.chmod(VORN, 0o755)
 PATIENCE = 60  # seconds that only a hanging program exceeds
 OUTSIDE = "10.9.9.1"  # an address of this host's own that the firewall example does not know
 
