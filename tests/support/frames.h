@@ -20,7 +20,7 @@ inline byte_vector prefix(const byte_vector& bytes, std::size_t length) {
 }
 
 inline byte_vector patched(byte_vector bytes, std::size_t offset, const byte_vector& patch) {
-  std::memcpy(bytes.data() + offset, patch.data(), patch.size());
+  for (std::size_t i = 0; i < patch.size(); ++i) bytes.at(offset + i) = patch[i];
   return bytes;
 }
 
