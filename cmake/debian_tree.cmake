@@ -1,8 +1,4 @@
 # Run by cpack on the installed tree before it is packed: what Debian's policy asks for beyond `cmake --install`.
-if(NOT CPACK_GENERATOR STREQUAL "DEB")
-  return()
-endif()
-
 function(complete_tree tree package)
   if(NOT EXISTS ${tree})
     return()
@@ -25,5 +21,5 @@ endfunction()
 
 complete_tree(${CPACK_TEMPORARY_DIRECTORY}/vorn vorn)
 complete_tree(${CPACK_TEMPORARY_DIRECTORY}/plot vorn-plot)
-execute_process(COMMAND ${CPACK_VORN_STRIP} --remove-section=.comment ${CPACK_TEMPORARY_DIRECTORY}/vorn/usr/sbin/vorn
+execute_process(COMMAND ${CPACK_VORN_STRIP} --remove-section=.comment ${CPACK_TEMPORARY_DIRECTORY}/vorn/usr/bin/vorn
                 COMMAND_ERROR_IS_FATAL ANY)

@@ -13,11 +13,11 @@ endif()
 
 # The unit names the program by the path it is installed to.
 file(READ service/vorn-server.service unit)
-string(REPLACE "/usr/sbin/" "${CMAKE_INSTALL_FULL_SBINDIR}/" unit "${unit}")
+string(REPLACE "/usr/bin/" "${CMAKE_INSTALL_FULL_BINDIR}/" unit "${unit}")
 file(CONFIGURE OUTPUT vorn-server.service CONTENT "${unit}" @ONLY)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS service/vorn-server.service)
 
-install(TARGETS vorn RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT vorn)
+install(TARGETS vorn RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT vorn)  # every user pings
 install(FILES completions/vorn.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vorn
         COMPONENT vorn)
 install(FILES completions/_vorn DESTINATION ${VORN_ZSH_DIR} COMPONENT vorn)

@@ -1,12 +1,12 @@
-# The packages that cpack makes: -G DEB for Debian, -G TGZ for any Linux (from a static build). scripts/package makes
-# them all.
+# The Debian packages that cpack makes. scripts/package makes them all, and tarballs besides: cpack's own would belong
+# to whoever made them.
 
 set(VORN_MAINTAINER "Vorn maintainers <maintainers@vorn.invalid>" CACHE STRING "Maintainer named in Debian packages")
 set(VORN_PACKAGE_ARCHITECTURE amd64 CACHE STRING "Debian's name of the processor that is built for")
 
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has one of its own
 set(CPACK_PACKAGE_CONTACT ${VORN_MAINTAINER})
-set(CPACK_PACKAGE_FILE_NAME vorn-${PROJECT_VERSION}-linux-${VORN_PACKAGE_ARCHITECTURE})
+set(CPACK_GENERATOR DEB)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_COMPONENTS_ALL vorn)
