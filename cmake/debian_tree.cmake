@@ -4,14 +4,16 @@ function(complete_tree tree package)
     return()
   endif()
   set(doc ${tree}/usr/share/doc/${package})
-  file(COPY ${CPACK_VORN_DEBIAN_DIR}/copyright ${CPACK_VORN_DEBIAN_DIR}/changelog DESTINATION ${doc})
+  file(COPY ${CPACK_VORN_DEBIAN_DIR}/copyright ${CPACK_VORN_DEBIAN_DIR}/changelog DESTINATION ${doc}
+       NO_SOURCE_PERMISSIONS)
   file(RENAME ${doc}/changelog ${doc}/changelog.Debian)
   file(REMOVE ${doc}/LICENSE)  # the copyright file holds it
   if(EXISTS ${doc}/CHANGELOG.md)
     file(RENAME ${doc}/CHANGELOG.md ${doc}/changelog)
   endif()
   if(EXISTS ${CPACK_VORN_DEBIAN_DIR}/${package}.lintian-overrides)
-    file(COPY ${CPACK_VORN_DEBIAN_DIR}/${package}.lintian-overrides DESTINATION ${tree}/usr/share/lintian/overrides)
+    file(COPY ${CPACK_VORN_DEBIAN_DIR}/${package}.lintian-overrides DESTINATION ${tree}/usr/share/lintian/overrides
+         NO_SOURCE_PERMISSIONS)
     file(RENAME ${tree}/usr/share/lintian/overrides/${package}.lintian-overrides
          ${tree}/usr/share/lintian/overrides/${package})
   endif()
