@@ -4,7 +4,7 @@
 #include "support/bench.h"
 
 static void handle(bench* b, byte_vector message) {
-  const int result =
+  const frame_result result =
       handle_test_message(inet_addr("10.0.0.7"), htons(9), message.data(), static_cast<int>(message.size()),
                           &b->handled_now(), &b->settings, &b->stats, &b->run);
   if (result < 0 || result > 2) std::abort();
