@@ -36,13 +36,14 @@ def start(command):
 def arrivals(stream, period_sec=1.0):
     """Yields lists of (time_usec, text) of a pipe, the lines of up to `period_sec` each, empty ones too; until its end.
 
-    A last line without its newline is (time_usec, text) with the text None: it was cut off.
+    Without a period (0) lines are yielded as they arrive. A last line without its newline is (time_usec, text) with the text None: it was cut off.
     """
     rest = b""
     taken = []
     due = time.monotonic() + period_sec
     while True:
-        ready, _, _ = select.select([stream], [], [], max(0.0, due - time.monotonic()))
+        wait_sec = max(0.0, due - time.monotonic()) if period_sec else None
+        ready, _, _ = select.select([stream], [], [], wait_sec)
         if ready:
             data = os.read(stream.fileno(), PIPE_BYTES)
             stamp = now_usec()

@@ -29,6 +29,7 @@ CREATE TABLE run(
   uid TEXT NOT NULL UNIQUE,      -- the same in every copy
   start_usec INTEGER NOT NULL,
   end_usec INTEGER,              -- NULL: goes on, or ended without a word
+  every_usec INTEGER,            -- one of a series: the time from start to start
   site TEXT NOT NULL,            -- the host that measured
   label TEXT NOT NULL,
   command TEXT NOT NULL,         -- JSON list
@@ -71,6 +72,7 @@ class StoredRun:
     id: int
     start_usec: int
     end_usec: int | None
+    every_usec: int | None
     site: str
     label: str
     command: list
@@ -180,12 +182,14 @@ def is_trace(arguments):
     return any(word.startswith("-t") or len(word) > 2 and "--trace".startswith(word) for word in arguments)
 
 
-def begin_run(store, command, start_usec, site, label=""):
+def begin_run(store, command, start_usec, site, label="", every_usec=None):
     """A new run of `command`, a list whose first item is the program; its id. Inside `write`."""
     hosts = [word for word in command[1:] if not word.startswith("-")]
     cursor = store.db.execute(
-        "INSERT INTO run(uid, start_usec, site, label, command, asked, trace) VALUES(?, ?, ?, ?, ?, ?, ?)",
-        (uuid.uuid4().hex, start_usec, site, label, json.dumps(command), " ".join(hosts), is_trace(command[1:])))
+        "INSERT INTO run(uid, start_usec, every_usec, site, label, command, asked, trace) "
+        "VALUES(?, ?, ?, ?, ?, ?, ?, ?)",
+        (uuid.uuid4().hex, start_usec, every_usec, site, label, json.dumps(command), " ".join(hosts),
+         is_trace(command[1:])))
     return cursor.lastrowid
 
 
@@ -244,7 +248,7 @@ def copy_runs(store):
     execute("CREATE TEMP TABLE IF NOT EXISTS name_of(old INTEGER PRIMARY KEY, new INTEGER)")
     execute("DELETE FROM name_of")
     execute("INSERT INTO name_of SELECT o.id, n.id FROM other.name o JOIN main.name n USING(text)")
-    columns = "uid, start_usec, end_usec, site, label, command, asked"
+    columns = "uid, start_usec, end_usec, every_usec, site, label, command, asked"
     more = "trace, status, duration_usec, sent, received, min_usec, max_usec, mean_usec"
     copied = 0
     for old, uid in execute("SELECT id, uid FROM other.run ORDER BY id").fetchall():
@@ -294,10 +298,10 @@ def runs(store, selection=Selection()):
     """The StoredRuns that started in the time of the selection, oldest first."""
     where, values = conditions(selection, ["r.target"], "r.start_usec")
     rows = store.db.execute(
-        "SELECT r.id, start_usec, end_usec, site, label, command, asked, t.text, l.text, trace, status, duration_usec, "
-        "sent, received, min_usec, max_usec, mean_usec FROM run r LEFT JOIN name t ON t.id = r.target "
+        "SELECT r.id, start_usec, end_usec, every_usec, site, label, command, asked, t.text, l.text, trace, status, "
+        "duration_usec, sent, received, min_usec, max_usec, mean_usec FROM run r LEFT JOIN name t ON t.id = r.target "
         f"LEFT JOIN name l ON l.id = r.last_target WHERE {where} ORDER BY start_usec, r.id", values)
-    return [StoredRun(*row[:5], json.loads(row[5]), *row[6:9], bool(row[9]), *row[10:]) for row in rows]
+    return [StoredRun(*row[:6], json.loads(row[6]), *row[7:10], bool(row[10]), *row[11:]) for row in rows]
 
 
 def name_texts(store):
