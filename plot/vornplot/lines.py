@@ -123,7 +123,7 @@ def record_of(text):
             return make(*match.groups())
     if TROUBLE.match(text):
         return Message(text.strip(), True)
-    return Message(text.strip(), False) if BANNER.match(text) else None
+    return Message(text.strip(), False) if BANNER.match(text) and not is_damaged(text) else None
 
 
 def is_damaged(text):
