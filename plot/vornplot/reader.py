@@ -6,7 +6,8 @@ import os
 import sys
 
 from vornplot import lines, tables
-from vornplot.records import Batch, Completed, DataRate, Extremes, MonitorLocked, Request, Run, RunningRate, Totals
+from vornplot.records import (Batch, Completed, DataRate, Destination, Extremes, MonitorLocked, Request, Run,
+                              RunningRate, Totals)
 from vornplot.words import Unreadable, excerpt, printable
 
 FILE_KINDS = {
@@ -66,6 +67,7 @@ class OutputReader:
         self.kind = None
         self.runs = []
         self.notes = []
+        self.destination = None  # of the run whose lines come next
         self.seen = set()  # types of all records
 
     def take(self, line, text, cut=False):
@@ -85,6 +87,8 @@ class OutputReader:
             self.add(line, found, record)
         elif isinstance(record, Totals) and self.runs:
             self.runs[-1].sent = record.sent
+        elif isinstance(record, Destination):
+            self.destination = record
         self.seen.add(type(record))
 
     def add(self, line, found, record):
@@ -93,7 +97,9 @@ class OutputReader:
         self.kind = found
         # Numbers that start again start a new run.
         if not self.runs or position(record) <= position(self.runs[-1].items[-1]):
-            self.runs.append(Run(self.path, []))
+            towards = self.destination or Destination(None, None)
+            self.runs.append(Run(self.path, [], first=towards.first, last=towards.last))
+            self.destination = None
         self.runs[-1].items.append(record)
 
     def finish(self):

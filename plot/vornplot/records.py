@@ -180,3 +180,6 @@ class Run:
     items: list
     sent: int = 0  # echo mode: requests sent
     label: str = ""
+    first: str | None = None  # the destination, or the first of a range
+    last: str | None = None  # the last of a range
+    ordered: list | None = None  # round trips in ms, once they have been sorted

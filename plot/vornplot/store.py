@@ -311,8 +311,8 @@ def name_texts(store):
 
 # Whom an answer tells of: an error about a request, outside a trace, tells that its destination was not reached.
 IS_ANSWER = "(e.answer = 0 OR (r.trace AND e.answer IS NOT NULL))"
-MEASURED_HOST = f"CASE WHEN e.answer IS NULL OR {IS_ANSWER} OR r.last_target IS NOT NULL THEN e.host " \
-                "ELSE ifnull(r.target, e.host) END"
+MEASURED_HOST = f"(CASE WHEN e.answer IS NULL OR {IS_ANSWER} OR r.last_target IS NOT NULL THEN e.host " \
+                "ELSE ifnull(r.target, e.host) END)"
 
 
 def echo_rows(store, selection=Selection()):
@@ -321,9 +321,18 @@ def echo_rows(store, selection=Selection()):
     Lost are time-outs and, outside traces, ICMP errors: they count against the run's destination. `host` is a key of
     `name_texts`.
     """
+    return select_echoes(store, selection, f"e.run, {MEASURED_HOST}")
+
+
+def echo_numbers(store, selection=Selection()):
+    """As echo_rows, with run << 32 | host as one number: three columns are read faster than four."""
+    return select_echoes(store, selection, f"e.run << 32 | {MEASURED_HOST}")
+
+
+def select_echoes(store, selection, columns):
     where, values = conditions(selection, ["e.host", "r.target"], "e.time_usec")
     return store.db.execute(
-        f"SELECT e.time_usec, CASE WHEN {IS_ANSWER} THEN ifnull(e.rtt_usec, -1) ELSE -1 END, e.run, {MEASURED_HOST} "
+        f"SELECT e.time_usec, CASE WHEN {IS_ANSWER} THEN ifnull(e.rtt_usec, -1) ELSE -1 END, {columns} "
         f"FROM run r CROSS JOIN echo e ON e.run = r.id WHERE {where} ORDER BY r.id, e.time_usec", values)
 
 

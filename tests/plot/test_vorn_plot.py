@@ -1,10 +1,11 @@
 # vorn-plot: what it reads from each kind of file, the figures it makes of them, and its pictures.
-import pathlib, re, runpy, subprocess, types
+import math, pathlib, re, subprocess, sys
 
 import pytest
 
 PROGRAM = pathlib.Path(__file__).resolve().parents[2] / "plot" / "vorn-plot"
-plot = types.SimpleNamespace(**runpy.run_path(str(PROGRAM)))
+sys.path.insert(0, str(PROGRAM.parent))
+from vornplot import figures, plot, reader, words
 
 NAMES = ("Vorn Version,Filename,Protocol,Bad Samples,Packets Lost,Packets Lost(Bad Samples),Batches,Batch Size,"
          "Frame IP Length,usecs between frames,Test Time,Date,Tag,")
@@ -40,25 +41,25 @@ def answer(sequence, seconds, name=" Echo Reply "):
 def read(tmp_path):
     def read_text(text):
         (tmp_path / "f").write_bytes(text.encode())
-        return plot.read_source(str(tmp_path / "f")).items
+        return reader.read_source(str(tmp_path / "f")).items
     return read_text
 
 
 def test_results_rows_are_read_whatever_their_ends(read):
     first, second = read((RESULTS + row(RATES, tag="a") + "\n" + row(RATES)).replace(",", "\t").replace("\n", "\r\n"))
     assert (first.bad_samples, first.lost, first.lost_in_bad, first.batches, first.delay_usec) == (3, 12, 140, 100, 1)
-    assert [plot.rate_at(second, share) for share in (0.0, 50.0, 99.0, 99.1, 100.0)] == [100.0, 75.0, 50.5, 50.0, 45.5]
+    assert [figures.rate_at(second, share) for share in (0.0, 50.0, 99.0, 99.1, 100.0)] == [100.0, 75.0, 50.5, 50.0, 45.5]
     # No header, separators in the name and the tag, spreadsheet padding, and a row that was cut after 50 %.
     ragged = read(row(RATES, "udp,1/r.csv", "east, 2") + row(RATES)[:-1] + ",,,\n" + row(RATES[:51]))
     assert [(r.tag, r.values) for r in ragged] == [("east, 2", RATES), ("NULL", RATES), ("NULL", RATES[:51])]
     lower = "".join(row([max(0.0, rate - drop) for rate in RATES]) for drop in (0, 30, 10, 200))  # the last has no rate
-    assert [line[99] for line in plot.rate_lines(read(lower), "tag").values()] == [(99.0, 20.5, 40.5, 50.5)]
+    assert [line[99] for line in figures.rate_lines(read(lower), "tag").values()] == [(99.0, 20.5, 40.5, 50.5)]
 
 
 def test_histogram_counts_belong_to_the_bins_below_their_label(read):
     one, none, wide = read(HISTOGRAM + row([0] * 12 + [60, 40]) + row([], bad=50, batches=50) + row([0] * 250 + [100]))
-    assert plot.joined_bins(one.values, 12, 13, 1) == ([11, 12, 13], [60, 40]) and none.values == []
-    assert plot.joined_bins(wide.values, 250, 250, 2) == ([248, 250], [100])
+    assert figures.joined_bins(one.values, 12, 13, 1) == ([11, 12, 13], [60, 40]) and none.values == []
+    assert figures.joined_bins(wide.values, 250, 250, 2) == ([248, 250], [100])
 
 
 def test_batches_are_read_from_every_style_of_line(read):
@@ -68,24 +69,24 @@ def test_batches_are_read_from_every_style_of_line(read):
                          + verbose_line(51, "*", 5, 47.2, COLUMNS) + "    1:*** Rx 1, Lost 0\n")
     assert [(b.number, b.bad, b.received, b.rate, b.buffer) for b in first.items] == [
         (2, False, 49, 94.1, 1.5), (3, True, 48, 12345.6, 1.5), (4, True, 1, None, None), (51, True, 45, 47.2, 2.5)]
-    assert plot.good_rates(first) == [94.1] and not second.items[0].bad  # its only packet came
+    assert figures.good_rates(first) == [94.1] and not second.items[0].bad  # its only packet came
 
 
 def test_round_trips_their_gaps_and_percentiles(read):
     first, second = read(BANNER + answer(0, 0.0105, "TTL Exceeded") + TIMEOUT + answer(2, 0.002) + answer(5, 0.001)
                          + "In  1.000000s, 9 tx pkts, 3 rx pkts, 6 missing, 0 invalid\n" + answer(0, 1.5))
     assert [r.answer for r in first.items] == ["TTL Exceeded", "", "Echo Reply", "Echo Reply"] and second.sent == 1
-    line = [(sequence, None if plot.math.isnan(time) else time) for sequence, time in zip(*plot.with_gaps(first.items))]
+    line = [(sequence, None if math.isnan(time) else time) for sequence, time in zip(*figures.with_gaps(first.items))]
     assert line == [(0, 10.5), (1, None), (2, 2.0), (3, None), (5, 1.0)]
-    assert [plot.percentile(range(1, 1001), percent) for percent in (50, 95, 99, 100)] == [500, 950, 990, 1000]
+    assert [figures.percentile(range(1, 1001), percent) for percent in (50, 95, 99, 100)] == [500, 950, 990, 1000]
 
 
 @pytest.mark.parametrize("text, complaint", [
     ("", "1: empty"), (RESULTS, "1: a header without"), (row(RATES).replace(",50,", ",x,"), "1: Batch Size: 'x'"),
     (row(RATES).replace("75.0", "7\x1b.0"), "1: value 51: '7?.0'"), (row(RATES) + "x\n", "2: not a row"),
-    (HISTOGRAM + row([0, 99]), "2: the counts"), (TIMEOUT[:30], "1: a damaged"), (answer(0, 1) + SILENT, "2: a line")])
+    (HISTOGRAM + row([0, 99]), "2: the counts"), (TIMEOUT[:30] + "\n", "1: a damaged"), (answer(0, 1) + SILENT, "2: a line")])
 def test_what_cannot_be_read_is_named_with_its_line(read, tmp_path, text, complaint):
-    with pytest.raises(SystemExit, match="^" + re.escape(f"{tmp_path}/f:{complaint}")):
+    with pytest.raises(words.Unreadable, match="^" + re.escape(f"{tmp_path}/f:{complaint}")):
         read(text)
 
 
