@@ -14,7 +14,7 @@ GRAPH = r"\s*(?P<number>\d+):(?P<mark>[* ])[|X][X| \d]{34}[|X]"
 
 
 def whole(pattern):
-    return re.compile(pattern + r"\s*$", re.ASCII)
+    return re.compile(rf"(?:{pattern})\s*$", re.ASCII)
 
 
 ANSWER = whole(rf"\s*(-?\d+): Received\s+(\S.*?)\s+in +({NUMBER})s from ({ADDRESS})")

@@ -92,11 +92,11 @@ class JsonSink:
 
     def __init__(self):
         self.runs = 0
+        self.pending = []
         self.failed = False
 
     def print(self, run_number, time_usec, kind, fields):
-        if not self.failed:
-            print(json.dumps({"time": time_usec / 1e6, "run": run_number, "kind": kind, **fields}))
+        self.pending.append(json.dumps({"time": time_usec / 1e6, "run": run_number, "kind": kind, **fields}) + "\n")
 
     def begin(self, command, options, time_usec):
         self.runs += 1
@@ -114,6 +114,7 @@ class JsonSink:
     def commit(self):
         if not self.failed:
             try:
+                sys.stdout.write("".join(self.pending))
                 sys.stdout.flush()
             except OSError as error:
                 self.failed = True
@@ -121,6 +122,7 @@ class JsonSink:
                     say(f"standard output: {error.strerror}")
                 # Python would try again, and complain, when it closes the stream.
                 os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        self.pending.clear()
         return not self.failed
 
     def close(self):
@@ -150,10 +152,9 @@ class Tally:
 def record_of(text, monitor):
     """The record of a line; what is not understood is a Message, and reported."""
     if text is None:
-        return Message("the last line is cut off", True)
-    record = lines.record_of(text.rstrip())
-    if record is None:
-        record = Message(f"not understood: {printable(text.strip())}", True)
+        record = Message("the last line is cut off", True)
+    else:
+        record = lines.record_of(text) or Message(f"not understood: {printable(text.strip())}", True)
     if monitor and isinstance(record, Request):  # its times are gaps between packets
         return StreamPacket(None, record.sequence, record.rtt_usec, record.host)
     if isinstance(record, Message) and (record.trouble or record.text.startswith("So far: ")):
@@ -267,8 +268,10 @@ def parse_arguments(arguments):
     parser.add_argument("--count", type=positive(int), metavar="N",
                         help="that many runs (1; with --every until stopped)")
     parser.add_argument("--label", default="", metavar="NAME", help="a name for these runs, to choose them by")
-    options = parser.parse_args(own)
-    if not separator or not rest:
+    options, unknown = parser.parse_known_args(own)
+    if separator and unknown:
+        parser.error(f"unknown: {' '.join(unknown)}")
+    if not rest:
         parser.error("what vorn is to do stands behind --, for example: -- -e100 10.0.0.1")
     options.count = options.count or (None if options.every else 1)
     options.site = socket.gethostname()
