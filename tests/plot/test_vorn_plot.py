@@ -1,5 +1,5 @@
 # vorn-plot: what it reads from each kind of file, the figures it makes of them, and its pictures.
-import math, pathlib, re, subprocess, sys
+import math, pathlib, random, re, signal, subprocess, sys
 
 import pytest
 
@@ -115,3 +115,91 @@ def test_pictures_of_one_of_many_and_of_nothing_draw_without_warning(tmp_path, f
         for picture in ("one.svg", "two.svg", "three.png"):
             plot.main(["-k", figure, "-o", str(tmp_path / picture), str(tmp_path / "in")])
         assert (tmp_path / "one.svg").read_bytes() == (tmp_path / "two.svg").read_bytes()
+
+
+TRACE = (BANNER + answer(0, 0.0001, "TTL Exceeded") + TIMEOUT + answer(2, 0.0003) + answer(3, 0.0004))
+SWEEP = ("Start IP= 10.0.0.1  End IP= 10.0.0.9\n" + answer(1, 0.0001) + answer(3, 3.0, "Destination Unreachable")
+         + "In  1.000000s, 9 tx pkts, 2 rx pkts, 7 missing, 0 invalid\n")
+
+
+def test_sweeps_and_traces_name_hosts_and_the_silent_ones(read, tmp_path, capsys):
+    def rows(text):
+        return [(row.first, row.last, row.host, row.answer, len(row.times)) for row in figures.host_rows(read(text)[0])]
+    first = answer(0, 0.0001, "TTL Exceeded").replace("10.0.0.2", "10.0.0.7")
+    assert rows(TRACE.replace(answer(0, 0.0001, "TTL Exceeded"), first)) == [
+        (0, 0, "10.0.0.7", "TTL Exceeded", 1), (1, 1, "", "no answer", 0), (2, 3, "10.0.0.2", "Echo Reply", 2)]
+    assert rows(SWEEP) == [
+        (0, 0, "10.0.0.1", "no line", 0), (1, 1, "10.0.0.2", "Echo Reply", 1), (2, 2, "10.0.0.3", "no line", 0),
+        (3, 3, "10.0.0.4 (says 10.0.0.2)", "Destination Unreachable", 1), (4, 8, "10.0.0.5 to 10.0.0.9", "no line", 0)]
+    # Two requests a host, stopped in the middle; addresses that do not follow from the range are not made up.
+    assert rows("Start IP= 10.0.0.2  End IP= 10.0.0.3\n" + answer(1, 0.1) + SWEEP[-60:].replace("9 tx", "4 tx"))[-1] == (
+        2, 3, "10.0.0.3", "no line", 0)
+    assert rows(SWEEP.replace(answer(1, 0.0001), answer(2, 0.0001)))[0] == (0, 1, "", "no line", 0)
+    plot.main(["--text", "-o", str(tmp_path / "hosts.png"), str(tmp_path / "f")])
+    assert "Destination Unreachable" in capsys.readouterr().out
+
+
+def test_what_is_cut_off_or_foreign_is_named_and_not_read(tmp_path):
+    def notes(text):
+        (tmp_path / "f").write_text(text)
+        source = reader.read_source(str(tmp_path / "f"))
+        return [note.removeprefix(f"{tmp_path}/f:") for note in source.notes], len(source.items[0].items if hasattr(
+            source.items[0], "items") else source.items)
+    assert notes(answer(0, 1) + answer(1, 1)[:-1]) == (["2: the last line is cut off: '1: Received  Echo Reply  in  "
+                                                        "1.000000s from 10.0.0.2'"], 1)
+    assert notes(answer(0, 1) + "$ ls\n") == (["2: not understood: '$ ls'"], 1)
+    assert notes(RESULTS + row(RATES) + row(RATES)[:-9]) == (["3: the last row is cut off, after '.0,47.5,47.0,46.5,46'"], 1)
+    assert notes(row(RATES)[:-1]) == ([], 1) and notes(row([0, 100])[:-1]) == ([], 1)
+    with pytest.raises(words.Unreadable, match="f:1: two rows on one line"):
+        notes(row(RATES)[:-300] + row(RATES))
+    with pytest.raises(words.Unreadable, match="f:1: a header without a row.*; .*:2: the last row is cut off"):
+        notes(RESULTS + row(RATES)[:-3])
+
+
+def test_ctrl_c_ends_the_pipe_and_shows_what_came():
+    process = subprocess.Popen([PROGRAM, "--text", "-"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                               preexec_fn=lambda: signal.signal(signal.SIGINT, signal.default_int_handler))
+    process.stdin.write((answer(0, 0.001) * 2000).encode())  # more than the pipe and its reader's first look hold
+    process.stdin.flush()
+    process.send_signal(signal.SIGINT)
+    assert b"answers" in process.stdout.read() and process.wait() == 0
+    process.stdin.close()
+
+
+def test_stray_values_do_not_set_the_scale():
+    assert figures.scale_end([94.0] * 198 + [9e4] * 2) == 1.25 * 94 and figures.scale_end([94.0, 9e4, 95.0]) == 1.25 * 95
+    assert figures.scale_end(range(200)) is None and figures.scale_end([94.0, 9e4]) is None
+    assert figures.outside_text([1, 2, 9e4], 3, "ms") == "1 beyond the scale, up to 90000 ms"
+
+
+@pytest.mark.parametrize("seed", range(4))
+def test_damaged_input_is_refused_or_read_right(tmp_path, seed):
+    """Cut anywhere, files have a beginning of their items or are refused; nothing else comes out of any damage."""
+    chance = random.Random(seed)
+    texts = [TRACE, SWEEP, RESULTS + row(RATES, tag="a") + row(RATES), HISTOGRAM + row([0, 100]) + row([0, 60, 40]),
+             BANNER + short_line(1, " ", 50, 94.1, COLUMNS) + SILENT[:-1].replace("1:", "2:") + "\n"
+             + verbose_line(3, "*", 5, 47.2, COLUMNS)]
+
+    def items(text):
+        (tmp_path / "f").write_text(text)
+        try:
+            found = reader.read_source(str(tmp_path / "f")).items
+        except words.Unreadable:
+            return []
+        return [item for each in found for item in getattr(each, "items", [each])]
+    for text in texts:
+        whole = items(text)
+        assert whole
+        for _ in range(60):
+            part = items(text[:chance.randrange(len(text))])
+            assert part == whole[:len(part)]
+        for _ in range(60):
+            lines = text.splitlines(keepends=True)
+            chance.choice((
+                lambda: lines.insert(chance.randrange(len(lines)), chance.choice(texts).splitlines(True)[-1]),
+                lambda: lines.pop(chance.randrange(len(lines))), lambda: chance.shuffle(lines),
+                lambda: lines.__setitem__(0, lines[0][chance.randrange(len(lines[0])):]),
+                lambda: lines.insert(0, bytes(chance.randrange(256) for _ in range(30)).decode("latin-1"))))()
+            known = {repr(item) for each in texts for item in items(each)}
+            # A row says on which line it stood; everything else is a record of a whole line.
+            assert all(repr(item) in known or hasattr(item, "line") for item in items("".join(lines)))
