@@ -204,14 +204,11 @@ def print_check(check, target, options, figures):
     print(f"VORN {STATES[check.exitcode]} - {check.summary_str}{data}")
 
 
-def leave(number, _frame):
-    print("VORN UNKNOWN - stopped by a signal", flush=True)
-    sys.exit(UNKNOWN)
-
-
-def check_once(options, arguments):
+def check_once(options, arguments, stopped):
     program = options.program or run.find_program() or "vorn"
-    outcome = checked.run_bounded([program, *arguments], options.timeout)
+    outcome = checked.run_bounded([program, *arguments], options.timeout, stopped)
+    if stopped:
+        raise InterruptedError("stopped by a signal")
     figures = checked.figures_of(outcome, arguments)
     target = one_line(" ".join(word for word in arguments if not word.startswith("-")))
     check = make_check(options, target, figures, checked.failure(outcome, figures))
@@ -231,14 +228,17 @@ def main(arguments):
     """Whatever goes wrong is unknown: status 0 belongs to checks that were made and passed."""
     sys.stdout.reconfigure(errors="replace")
     options, rest = parse_arguments(arguments)
-    for number in run.STOP_SIGNALS:
-        signal.signal(number, leave)
+    stopped = []
+    for number in run.STOP_SIGNALS:  # noted only: a run that has begun must be ended, whenever they come
+        signal.signal(number, lambda number, _frame: stopped.append(number))
     try:
-        status = check_once(options, rest)
+        status = check_once(options, rest, stopped)
         sys.stdout.flush()
         return status
     except ImportError as error:
         print(f"VORN UNKNOWN - {error.name} is missing: python3-{error.name.replace('_', '-')}")
+    except InterruptedError as error:
+        print(f"VORN UNKNOWN - {error}")
     except Exception as error:  # a fault of ours must not pass for a measurement
         print(f"VORN UNKNOWN - {type(error).__name__}: {one_line(str(error))}")
     return UNKNOWN

@@ -63,8 +63,11 @@ def take(outcome, text):
         outcome.engaged = record.text.removeprefix(ENGAGED).split()
 
 
-def run_bounded(command, bound_sec):
-    """The Outcome of `command`; after `bound_sec` seconds it is asked to end, and soon after that made to."""
+def run_bounded(command, bound_sec, stopped):
+    """The Outcome of `command`; after `bound_sec` seconds it is asked to end, and soon after that made to.
+
+    When the list `stopped` is no longer empty the run is ended at once.
+    """
     outcome = Outcome()
     try:
         process = run.start(command)
@@ -76,9 +79,9 @@ def run_bounded(command, bound_sec):
             for _, text in arrived:
                 if text is not None:
                     take(outcome, text)
+            if stopped or outcome.cut and time.monotonic() >= ends:
+                break
             if time.monotonic() >= ends:
-                if outcome.cut:
-                    break
                 outcome.cut = True
                 ends += GRACE_SEC
                 run.forward(process, signal.SIGINT)

@@ -117,7 +117,8 @@ def test_a_stopped_check_takes_its_run_with_it(tmp_path):
     while not (tmp_path / "id").exists() or not (tmp_path / "id").read_text().endswith("\n"):
         assert process.poll() is None
     process.send_signal(signal.SIGTERM)
-    assert process.communicate(timeout=60)[0] == "VORN UNKNOWN - stopped by a signal\n" and process.returncode == UNKNOWN
+    assert process.communicate(timeout=60)[0] == "VORN UNKNOWN - stopped by a signal\n"
+    assert process.returncode == UNKNOWN
     with pytest.raises(ProcessLookupError):
         os.kill(int((tmp_path / "id").read_text()), 0)
 
@@ -143,7 +144,8 @@ def test_figures_for_other_programs(check, tmp_path):
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="a network namespace needs root")
 def test_the_program_itself():
-    command = ["unshare", "--net", "sh", "-c", f"ip link set lo up; exec {PROGRAM} --rtt-p95 1000:2000 -- -e3 -d0 $1", "-"]
+    inside = f"ip link set lo up; exec {PROGRAM} --rtt-p95 1000:2000 -- -e3 -d0 $1"
+    command = ["unshare", "--net", "sh", "-c", inside, "-"]
     for target, status, text in (("127.0.0.1", OK, "3 of 3 answered"), ("10.0.0.2", CRITICAL, "no answer")):
         done = subprocess.run([*command, target], stdout=subprocess.PIPE, text=True, timeout=60)
         assert done.returncode == status and text in done.stdout, done.stdout
