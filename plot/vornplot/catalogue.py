@@ -4,7 +4,7 @@
 import collections.abc
 import dataclasses
 
-from vornplot import record_pictures, record_text, recorded, run_pictures, table_pictures, text
+from vornplot import matrix, matrix_pictures, record_pictures, record_text, recorded, run_pictures, table_pictures, text
 
 
 @dataclasses.dataclass(frozen=True)
@@ -35,6 +35,8 @@ FIGURES = (
            record_text.guaranteed_text, record_pictures.draw_guaranteed, recorded.has_batches),
     Figure("cdf", ("store", "echo"), "share of the round trips up to a time, of several runs, hosts or labels",
            record_text.cdf_text, record_pictures.draw_cdf, recorded.has_requests),
+    Figure("matrix", ("store",), "guaranteed rate, round trip and loss from host to host, the worst pairs",
+           matrix.matrix_text, matrix_pictures.draw_matrix, matrix.is_matrix),
 )
 
 NAMES = tuple(figure.name for figure in FIGURES)
