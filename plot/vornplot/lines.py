@@ -42,8 +42,9 @@ MONITOR_LOCKED = whole(rf"Monitor locked on ({ADDRESS}), id -?\d+")
 
 # Lines without a figure. The usage text is indented or names its options first.
 BANNER = whole(
-    r"|Vorn version .+|Built .+ at \d+:\d+:\d+|Engaging options: .*|Cleanup exit|Joining multicast group on interface .+"
-    r"|Sending reporting to .+|(?:\s*\d+\.\d)+|Tx one, .*|Select for \d+\.\d+|\d+\.\d+: Tx one, .+"
+    r"|Vorn version .+|Built .+ at \d+:\d+:\d+|Engaging options: .*|Cleanup exit"
+    r"|Joining multicast group on interface .+|Sending reporting to .+|(?:\s*\d+\.\d)+|Select for \d+\.\d+"
+    r"|\d+\.\d+: Tx one, .+"
     r"|So far: .+ lost|vorn, version .+|.+ \[options\] \[start_host\] end_host|Options:| -\S.*| <.+| NOTE: .*|  {6}\S.*"
     r"| --\S.*|Presets?:.*")
 TROUBLE = whole(

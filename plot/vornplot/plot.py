@@ -151,6 +151,8 @@ def main(arguments):
         sys.exit(str(error))
     except sqlite3.Error as error:
         sys.exit(f"vorn-plot: {printable(', '.join(args.files))}: {error}")
+    except KeyboardInterrupt:
+        return 130
     except BrokenPipeError:
         # The reader of the text has seen enough; without this Python would complain while it closes the stream.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())

@@ -3,7 +3,9 @@
 
 import dataclasses
 import os
-import sys
+import select
+import signal
+import time
 
 from vornplot import lines, tables
 from vornplot.records import (Batch, Completed, DataRate, Destination, Extremes, MonitorLocked, Request, Run,
@@ -51,7 +53,8 @@ def read_table(path, texts, cut):
         elif found is None:
             rows.append(tables.read_row(path, line, fields, separator, kind))
     if not rows:
-        raise Unreadable(path, 1, "; ".join(["a header without a row: no test has ended yet"] * (not notes) + notes))
+        reason = "no whole row" if notes else "a header without a row: no test has ended yet"
+        raise Unreadable(path, 1, "; ".join([reason, *notes]))
     return Source(path, kind, rows, notes)
 
 
@@ -126,15 +129,34 @@ def read_output(path, texts, cut):
     return reader.finish()
 
 
-def read_stream(stream):
-    """All bytes up to the end, or up to Ctrl-C: whoever stops the program in front of a pipe wants its figures."""
+LAST_WORDS_SEC = 2.0  # what Ctrl-C leaves to the program in front of the pipe for its summary
+SILENCE_SEC = 0.5
+
+
+def read_pipe(descriptor):
+    """All bytes up to the end. Ctrl-C ends the input, not this program: whoever presses it wants the figures so far."""
     chunks = []
+    stop_by = None
+    wake, wakes = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
+    previous = signal.signal(signal.SIGINT, lambda number, frame: None)
+    if previous == signal.SIG_IGN:
+        signal.signal(signal.SIGINT, previous)
+    woken = signal.set_wakeup_fd(wakes)
     try:
-        while chunk := stream.read1(1 << 16) if hasattr(stream, "read1") else stream.read(1 << 16):
-            chunks.append(chunk)
-    except KeyboardInterrupt:
-        if not chunks:
-            raise
+        while stop_by is None or time.monotonic() < stop_by:
+            ready, _, _ = select.select([descriptor, wake], [], [], None if stop_by is None else SILENCE_SEC)
+            if wake in ready:
+                os.read(wake, 512)
+                stop_by = time.monotonic() + LAST_WORDS_SEC
+            elif ready and (data := os.read(descriptor, 1 << 16)):
+                chunks.append(data)
+            else:
+                break
+    finally:
+        signal.set_wakeup_fd(woken)
+        signal.signal(signal.SIGINT, previous)
+        os.close(wake)
+        os.close(wakes)
     return b"".join(chunks)
 
 
@@ -142,7 +164,7 @@ def read_source(path):
     """The Source of a file; "-" is standard input. Raises Unreadable, or OSError when there is no such file."""
     shown = printable("standard input" if path == "-" else path)
     if path == "-":
-        data = read_stream(sys.stdin.buffer)
+        data = read_pipe(0)
     else:
         with open(path, "rb") as stream:
             data = stream.read(len(STORE_MAGIC))

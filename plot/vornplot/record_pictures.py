@@ -115,8 +115,8 @@ def draw_latency(paths, args):
     labels = [f"{printable(each.label)}: {each.counted + each.missing} requests, "
               f"{loss_percent(each.counted, each.missing):.3g} % lost" for each in history.series]
     outages = sum(len(series.outages) for series in history.series)
-    marks = [Patch(color=BAD_COLOUR if alone else "dimgray", alpha=0.3, linewidth=0, label=f"outage ({outages})")] if outages else []
-    add_key(figure, times, labels, marks)
+    mark = Patch(color=BAD_COLOUR if alone else "dimgray", alpha=0.3, linewidth=0, label=f"outage ({outages})")
+    add_key(figure, times, labels, [mark] if outages else [])
     return figure
 
 

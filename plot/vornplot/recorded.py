@@ -156,7 +156,8 @@ class Labels:
             for number, text in names.items():
                 table[number] = self.number(text)
             return None, table
-        text_of = {"label": lambda run: run.label or "no label", "site": lambda run: run.site, "run": run_label}[self.by]
+        text_of = {"label": lambda run: run.label or "no label", "site": lambda run: run.site,
+                   "run": run_label}[self.by]
         table = numpy.zeros(max((run.id for run in runs), default=0) + 1, "i8")
         for run in runs:
             table[run.id] = self.number(text_of(run))

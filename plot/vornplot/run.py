@@ -23,7 +23,7 @@ def now_usec():
 
 
 def start(command):
-    """Starts the program, both its streams in one pipe, in a process group of its own: Ctrl-C reaches it through us."""
+    """Starts the program, both streams in one pipe, in a process group of its own: Ctrl-C reaches it through us."""
     process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                process_group=0)
     try:
@@ -36,7 +36,8 @@ def start(command):
 def arrivals(stream, period_sec=1.0):
     """Yields lists of (time_usec, text) of a pipe, the lines of up to `period_sec` each, empty ones too; until its end.
 
-    Without a period (0) lines are yielded as they arrive. A last line without its newline is (time_usec, text) with the text None: it was cut off.
+    Without a period (0) lines are yielded as they arrive. The text of a last line that was cut off, without its
+    newline, is None.
     """
     rest = b""
     taken = []

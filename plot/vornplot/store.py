@@ -233,7 +233,7 @@ def append(store, run, time_usec, record):
 
 
 def merge(store, other_path):
-    """Copies the runs of another store that this one has not, or has only the beginning of; how many. Not in `write`."""
+    """Copies the runs of another store that this one has not, or not the end of; how many. Not in `write`."""
     open_to_read(other_path).db.close()
     store.db.execute("ATTACH ? AS other", (other_path,))
     try:

@@ -127,12 +127,16 @@ def test_records_are_chosen_and_grouped(make):
 @pytest.mark.filterwarnings("error")
 def test_pictures_draw_without_warning_whatever_they_hold(make, tmp_path, capsys, arguments):
     batch = (0, Batch(1, False, 50, 50, 94.1, 1.5))
-    months = [(n * 86400, record) for n in range(200) for record in (echo(n, 100 + n), Batch(n, n % 7 == 0, 49, 50, 9.4, 1))]
-    stray = [(n, record) for n in range(99) for record in (echo(n, 100), Batch(n, False, 50, 50, 9e4 if n == 5 else 9, 1))]
+    months = [(n * 86400, record) for n in range(200)
+              for record in (echo(n, 100 + n), Batch(n, n % 7 == 0, 49, 50, 9.4, 1))]
+    stray = [(n, record) for n in range(99)
+             for record in (echo(n, 100), Batch(n, False, 50, 50, 9e4 if n == 5 else 9, 1))]
+    lost = [(0, Batch(1, True, 1, 50, None, None)), *((n / 5, timeout(n)) for n in range(3))]
     for number, runs in enumerate((
             [({}, "10.0.0.1", [(0, echo(0, 100)), batch])],
-            [({}, "10.0.0.1", [(0, timeout(0)), (0.2, timeout(1)), (0.4, timeout(2)), (0, Batch(1, True, 1, 50, None, None))])],
-            [({"label": "_$x$"}, f"10.0.0.{n}", [(n, echo(0, 10 ** (n % 5), f"10.0.0.{n}")), batch]) for n in range(25)],
+            [({}, "10.0.0.1", lost)],
+            [({"label": "_$x$"}, f"10.0.0.{n}", [(n, echo(0, 10 ** (n % 5), f"10.0.0.{n}")), batch])
+             for n in range(25)],
             [({}, "10.0.0.1", months)], [({}, "10.0.0.1", stray)])):
         path = make(*runs, name=f"{number}.db")
         for picture in ("one.svg", "two.svg", "three.png"):

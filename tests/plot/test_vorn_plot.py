@@ -48,7 +48,8 @@ def read(tmp_path):
 def test_results_rows_are_read_whatever_their_ends(read):
     first, second = read((RESULTS + row(RATES, tag="a") + "\n" + row(RATES)).replace(",", "\t").replace("\n", "\r\n"))
     assert (first.bad_samples, first.lost, first.lost_in_bad, first.batches, first.delay_usec) == (3, 12, 140, 100, 1)
-    assert [figures.rate_at(second, share) for share in (0.0, 50.0, 99.0, 99.1, 100.0)] == [100.0, 75.0, 50.5, 50.0, 45.5]
+    shares = (0.0, 50.0, 99.0, 99.1, 100.0)
+    assert [figures.rate_at(second, share) for share in shares] == [100.0, 75.0, 50.5, 50.0, 45.5]
     # No header, separators in the name and the tag, spreadsheet padding, and a row that was cut after 50 %.
     ragged = read(row(RATES, "udp,1/r.csv", "east, 2") + row(RATES)[:-1] + ",,,\n" + row(RATES[:51]))
     assert [(r.tag, r.values) for r in ragged] == [("east, 2", RATES), ("NULL", RATES), ("NULL", RATES[:51])]
@@ -84,7 +85,8 @@ def test_round_trips_their_gaps_and_percentiles(read):
 @pytest.mark.parametrize("text, complaint", [
     ("", "1: empty"), (RESULTS, "1: a header without"), (row(RATES).replace(",50,", ",x,"), "1: Batch Size: 'x'"),
     (row(RATES).replace("75.0", "7\x1b.0"), "1: value 51: '7?.0'"), (row(RATES) + "x\n", "2: not a row"),
-    (HISTOGRAM + row([0, 99]), "2: the counts"), (TIMEOUT[:30] + "\n", "1: a damaged"), (answer(0, 1) + SILENT, "2: a line")])
+    (HISTOGRAM + row([0, 99]), "2: the counts"), (TIMEOUT[:30] + "\n", "1: a damaged"),
+    (answer(0, 1) + SILENT, "2: a line")])
 def test_what_cannot_be_read_is_named_with_its_line(read, tmp_path, text, complaint):
     with pytest.raises(words.Unreadable, match="^" + re.escape(f"{tmp_path}/f:{complaint}")):
         read(text)
@@ -132,8 +134,8 @@ def test_sweeps_and_traces_name_hosts_and_the_silent_ones(read, tmp_path, capsys
         (0, 0, "10.0.0.1", "no line", 0), (1, 1, "10.0.0.2", "Echo Reply", 1), (2, 2, "10.0.0.3", "no line", 0),
         (3, 3, "10.0.0.4 (says 10.0.0.2)", "Destination Unreachable", 1), (4, 8, "10.0.0.5 to 10.0.0.9", "no line", 0)]
     # Two requests a host, stopped in the middle; addresses that do not follow from the range are not made up.
-    assert rows("Start IP= 10.0.0.2  End IP= 10.0.0.3\n" + answer(1, 0.1) + SWEEP[-60:].replace("9 tx", "4 tx"))[-1] == (
-        2, 3, "10.0.0.3", "no line", 0)
+    two = "Start IP= 10.0.0.2  End IP= 10.0.0.3\n" + answer(1, 0.1) + SWEEP[-60:].replace("9 tx", "4 tx")
+    assert rows(two)[-1] == (2, 3, "10.0.0.3", "no line", 0)
     assert rows(SWEEP.replace(answer(1, 0.0001), answer(2, 0.0001)))[0] == (0, 1, "", "no line", 0)
     plot.main(["--text", "-o", str(tmp_path / "hosts.png"), str(tmp_path / "f")])
     assert "Destination Unreachable" in capsys.readouterr().out
@@ -148,18 +150,19 @@ def test_what_is_cut_off_or_foreign_is_named_and_not_read(tmp_path):
     assert notes(answer(0, 1) + answer(1, 1)[:-1]) == (["2: the last line is cut off: '1: Received  Echo Reply  in  "
                                                         "1.000000s from 10.0.0.2'"], 1)
     assert notes(answer(0, 1) + "$ ls\n") == (["2: not understood: '$ ls'"], 1)
-    assert notes(RESULTS + row(RATES) + row(RATES)[:-9]) == (["3: the last row is cut off, after '.0,47.5,47.0,46.5,46'"], 1)
+    assert notes(RESULTS + row(RATES) + row(RATES)[:-9]) == (
+        ["3: the last row is cut off, after '.0,47.5,47.0,46.5,46'"], 1)
     assert notes(row(RATES)[:-1]) == ([], 1) and notes(row([0, 100])[:-1]) == ([], 1)
     with pytest.raises(words.Unreadable, match="f:1: two rows on one line"):
         notes(row(RATES)[:-300] + row(RATES))
-    with pytest.raises(words.Unreadable, match="f:1: a header without a row.*; .*:2: the last row is cut off"):
+    with pytest.raises(words.Unreadable, match="f:1: no whole row; .*:2: the last row is cut off"):
         notes(RESULTS + row(RATES)[:-3])
 
 
 def test_ctrl_c_ends_the_pipe_and_shows_what_came():
     process = subprocess.Popen([PROGRAM, "--text", "-"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                preexec_fn=lambda: signal.signal(signal.SIGINT, signal.default_int_handler))
-    process.stdin.write((answer(0, 0.001) * 2000).encode())  # more than the pipe and its reader's first look hold
+    process.stdin.write((answer(0, 0.001) * 2000).encode())  # more than a pipe holds: some of it has been read
     process.stdin.flush()
     process.send_signal(signal.SIGINT)
     assert b"answers" in process.stdout.read() and process.wait() == 0
@@ -167,7 +170,8 @@ def test_ctrl_c_ends_the_pipe_and_shows_what_came():
 
 
 def test_stray_values_do_not_set_the_scale():
-    assert figures.scale_end([94.0] * 198 + [9e4] * 2) == 1.25 * 94 and figures.scale_end([94.0, 9e4, 95.0]) == 1.25 * 95
+    assert figures.scale_end([94.0] * 198 + [9e4] * 2) == 1.25 * 94
+    assert figures.scale_end([94.0, 9e4, 95.0]) == 1.25 * 95
     assert figures.scale_end(range(200)) is None and figures.scale_end([94.0, 9e4]) is None
     assert figures.outside_text([1, 2, 9e4], 3, "ms") == "1 beyond the scale, up to 90000 ms"
 
