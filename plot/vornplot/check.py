@@ -36,6 +36,7 @@ class Limited:
     below: bool  # small values are the bad ones
     streams: bool | None  # only of command mode, only of echo mode; None: of both
     default: str
+    text: str
     help: str
 
     @property
@@ -44,10 +45,13 @@ class Limited:
 
 
 LIMITS = (
-    Limited("loss", "%", False, None, "0:", "packets without an answer, or lost from a stream, in percent (0:)"),
-    Limited("rtt_p95", "ms", False, False, "", "milliseconds within which 95 %% of the answers came"),
-    Limited("rate_p99", "", True, True, "", "Mbit/s that 99 %% of the good batches reached or beat"),
-    Limited("bad", "", False, True, "0:", "bad batches (0:)"),
+    Limited("loss", "%", False, None, "0:", "loss {:.3g} %",
+            "packets without an answer, or lost from a stream, in percent (0:)"),
+    Limited("rtt_p95", "ms", False, False, "", "p95 {:.3f} ms",
+            "milliseconds within which 95 %% of the answers came"),
+    Limited("rate_p99", "", True, True, "", "99 % reached {:.1f} Mbit/s",
+            "Mbit/s that 99 %% of the good batches reached or beat"),
+    Limited("bad", "", False, True, "0:", "{} bad", "bad batches (0:)"),
 )
 
 
@@ -136,16 +140,15 @@ def parse_arguments(arguments):
 
 # --- judging ---
 
-def described(figures):
+def described(figures, told=()):
+    """The figures in words, but for the fields that are told already."""
     parts = []
     if figures.batches:
-        parts.append(f"{figures.batches} batches, {figures.bad} bad")
+        parts.append(f"{figures.batches} batches")
     if figures.sent:
         parts.append(f"{figures.answered} of {figures.sent} {'packets' if figures.batches else 'answered'}")
-    for value, text in ((figures.loss, "loss {:.3g} %"), (figures.rtt_p95, "p95 {:.3f} ms"),
-                        (figures.rate_p99, "99 % reached {:.1f} Mbit/s")):
-        if value is not None:
-            parts.append(text.format(value))
+    values = [(limited.text, getattr(figures, limited.field)) for limited in LIMITS if limited.field not in told]
+    parts += [text.format(value) for text, value in values if value is not None]
     return ", ".join(parts)
 
 
@@ -170,10 +173,13 @@ def make_check(options, target, figures, failure):
             return f"{target}: {described(figures)}"
 
         def problem(self, results):
-            reasons = "; ".join(str(result) for result in results if result.state != nagiosplugin.Ok)
-            return "; ".join(filter(None, (f"{target}: {reasons}", described(figures))))
+            reasons = [result for result in results if result.state != nagiosplugin.Ok]
+            told = {result.metric.name for result in reasons if result.metric}
+            return "; ".join(filter(None, [f"{target}: " + "; ".join(map(str, reasons)), described(figures, told)]))
 
-    limits = [nagiosplugin.ScalarContext(limited.field, *getattr(options, limited.field)) for limited in LIMITS]
+    limits = [nagiosplugin.ScalarContext(limited.field, *getattr(options, limited.field),
+                                         fmt_metric=lambda metric, _, text=limited.text: text.format(metric.value))
+              for limited in LIMITS]
     return nagiosplugin.Check(Vorn(), Answer("answer"), *limits, Line())
 
 
