@@ -43,7 +43,8 @@ def results(pairs, hostvars, alive, now):
     found = []
     for host, partner in [way for pair in pairs for way in (pair, pair[::-1])]:
         if host not in alive:
-            found.append({"from": host, "to": partner, "start": now, "trouble": f"{host} was not reached"})
+            what = "has no monitor" if hostvars[host].get("mesh_monitor", {}).get("rc") else "was not reached"
+            found.append({"from": host, "to": partner, "start": now, "trouble": f"{host} {what}"})
             continue
         start = float(hostvars[host]["mesh_time"])
         for name in ("mesh_echo_result", "mesh_stream_result"):

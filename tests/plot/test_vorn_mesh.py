@@ -37,11 +37,11 @@ def test_a_round_tells_of_every_test_that_was_made_and_why_others_were_not():
                    "mesh_stream_result": ran(["vorn", "--client", "2"], "y")},
              "b": {"mesh_time": "110.0", "mesh_echo_result": {"msg": "no timeout here"},
                    "mesh_stream_result": {"skipped": True}},
-             "d": {"mesh_time": "1.0"}}
+             "c": {"mesh_monitor": {"unreachable": True}}, "d": {"mesh_monitor": {"rc": 127}}}
     runs = filters.results([["a", "b"], ["c", "d"]], found, ["a", "b"], 120.0)
     assert [(run["from"], run["to"], run["start"], run.get("trouble")) for run in runs] == [
         ("a", "b", 100.0, None), ("a", "b", 101.5, None), ("b", "a", 110.0, "b: no timeout here"),
-        ("c", "d", 120.0, "c was not reached"), ("d", "c", 120.0, "d was not reached")]
+        ("c", "d", 120.0, "c was not reached"), ("d", "c", 120.0, "d has no monitor")]
     assert (runs[0]["command"], runs[1]["command"]) == (["vorn", "-u", "2"], ["vorn", "--client", "2"])
 
 
