@@ -1,11 +1,11 @@
-"""The completions of vorn-plot and vorn-record in real shells: what is typed with TAB reaches the command as what?"""
+"""The completions of the companions in real shells: what is typed with TAB reaches the command as what?"""
 import re
 import shutil
 
 import pytest
 from test_completions import COMPLETIONS, SHELLS, Terminal
 
-COMMANDS = ("vorn-plot", "vorn-record")
+COMMANDS = ("vorn-check", "vorn-mesh", "vorn-plot", "vorn-record")
 
 
 @pytest.fixture(params=sorted(SHELLS))
@@ -27,6 +27,9 @@ def test_words_reach_the_command(terminal):
         "vorn-record --ev\t5 -o rep\tmon\t -- --cl\tsol\t": ["--every", "5", "-o", "reports/monday.txt", "--", "--client",
                                                            "solo.example"],
         "vorn-record -- -d\t5": ["--", "-d5"],
+        "vorn-plot -k mat\trep\tmon\t": ["-k", "matrix", "reports/monday.txt"],
+        "vorn-check --rt\t1:5 --js\t -- --cl\tsol\t": ["--rtt-p95", "1:5", "--json", "--", "--client", "solo.example"],
+        "vorn-mesh -i rep\tmon\t --str\t-c": ["-i", "reports/monday.txt", "--stream", "-c"],
     }.items():
         shown = terminal.say(f"{typed}\n", r"\S* given\r?\n")
         found = re.findall(r"^.*?((?:<[^>]*>)+) given", shown, re.MULTILINE)
