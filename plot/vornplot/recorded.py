@@ -172,12 +172,18 @@ def chunks(cursor, columns):
         yield chunk.reshape(-1, columns).T
 
 
-def request_chunks(opened, selection, labels, runs):
-    """Arrays of time, round trip (negative: lost), run and series, chunk by chunk."""
+def request_chunks(opened, selection, labels, runs, origin_usec=0, unit_usec=10**6):
+    """Arrays of time (usec since the origin), round trip (negative: lost), run and series, chunk by chunk."""
     run_table, name_table = labels.tables(opened, runs)
-    for times, trips, where in chunks(store.echo_numbers(opened, selection), 3):
+    for what, where in chunks(store.echo_numbers(opened, selection, origin_usec, unit_usec), 2):
         run = where >> 32
-        yield times, trips, run, name_table[where & 0xFFFFFFFF] if run_table is None else run_table[run]
+        series = name_table[where & 0xFFFFFFFF] if run_table is None else run_table[run]
+        yield (what >> 32) * unit_usec, (what & 0xFFFFFFFF) - 1, run, series
+
+
+def unit_of(grid):
+    """The finest unit in which the times of the grid fit into 31 bits; every interval is a whole number of them."""
+    return next(unit for unit in (1000, 10_000, 1_000_000) if grid.count * grid.width_usec // unit < 1 << 31)
 
 
 # --- sorted values ---
@@ -329,10 +335,10 @@ def latency(paths, args, most, whole=False):
         runs = store.runs(each)
         every = every_of(runs)
         rows_read = 0
-        for times, trips, run, series in request_chunks(each, selection, labels, runs):
+        for times, trips, run, series in request_chunks(each, selection, labels, runs, grid.origin_usec, unit_of(grid)):
             lost = trips < 0
-            values.add(series * grid.count + (times - grid.origin_usec) // grid.width_usec, trips, lost)
-            take_streaks(streaks, series, times, run, lost, every)
+            values.add(series * grid.count + times // grid.width_usec, trips, lost)
+            take_streaks(streaks, series, times + grid.origin_usec, run, lost, every)
             rows_read += len(times)
         chosen = store.runs(each, selection)
         gaps += [run.every_usec or 0 for run in chosen]
