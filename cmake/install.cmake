@@ -26,8 +26,20 @@ install(FILES service/vorn.ufw DESTINATION ${configuration_dir}/ufw/applications
 install(FILES service/vorn.nft service/90-vorn.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT vorn)
 install(FILES README.md LICENSE CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT vorn)
 install(FILES man/vorn.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT vorn)
-install(PROGRAMS plot/vorn-plot DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT plot)
-install(FILES man/vorn-plot.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT plot)
+# The commands of the companion look for their modules in ../share/vorn-plot.
+set(plot_commands vorn-check vorn-mesh vorn-plot vorn-record)
+foreach(command IN LISTS plot_commands)
+  install(PROGRAMS plot/${command} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT plot)
+  install(FILES man/${command}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT plot)
+  install(FILES completions/${command}.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          RENAME ${command} COMPONENT plot)
+  install(FILES completions/_${command} DESTINATION ${VORN_ZSH_DIR} COMPONENT plot)
+endforeach()
+install(DIRECTORY plot/vornplot DESTINATION share/vorn-plot COMPONENT plot FILES_MATCHING PATTERN "*.py"
+        PATTERN __pycache__ EXCLUDE)
+install(FILES mesh/mesh.yml mesh/round.yml mesh/turn.yml DESTINATION share/vorn-plot/mesh COMPONENT plot)
+install(FILES mesh/filter_plugins/mesh.py DESTINATION share/vorn-plot/mesh/filter_plugins COMPONENT plot)
+install(PROGRAMS mesh/keep DESTINATION share/vorn-plot/mesh COMPONENT plot)
 if(VORN_STATIC)
   install(FILES packaging/INSTALL DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT vorn)
 endif()

@@ -45,12 +45,19 @@ histogram tables. A service for a monitor is included, switched off.")
 set(CPACK_DEBIAN_PLOT_PACKAGE_NAME vorn-plot)
 set(CPACK_DEBIAN_PLOT_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PLOT_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_PLOT_PACKAGE_DEPENDS "python3, python3-matplotlib")
+set(CPACK_DEBIAN_PLOT_PACKAGE_DEPENDS 
+    "python3 (>= 3.11), python3-numpy, python3-matplotlib, python3-nagiosplugin, python3-prometheus-client")
+set(CPACK_DEBIAN_PLOT_PACKAGE_RECOMMENDS ansible-core)
 set(CPACK_DEBIAN_PLOT_PACKAGE_ENHANCES vorn)
-set(CPACK_COMPONENT_PLOT_DESCRIPTION "pictures of what the network test tool Vorn measured
-Draws the results files, histogram files and saved output of vorn as PNG or
-SVG: guaranteed rate, histogram, trend over tests, rate and buffer
-consumption of each batch, and round-trip times. The same figures can be
-printed as text.")
+set(CPACK_DEBIAN_PLOT_PACKAGE_CONTROL_EXTRA ${VORN_DEBIAN_DIR}/plot/postinst ${VORN_DEBIAN_DIR}/plot/prerm)
+set(CPACK_COMPONENT_PLOT_DESCRIPTION "records and pictures of what the network test tool Vorn measured
+vorn-record runs vorn and keeps what it measures in an SQLite file, for
+months if need be. vorn-plot draws records, results files, histogram files
+and saved output of vorn as PNG, SVG or a page for a report: latency, loss
+and outages over the clock, guaranteed rate, distributions, trends. The same
+figures can be printed as text.
+.
+vorn-check holds one run against limits, for a monitoring system or for
+Prometheus. vorn-mesh measures every pair of many hosts by means of Ansible.")
 
 include(CPack)

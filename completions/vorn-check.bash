@@ -1,0 +1,28 @@
+# bash completion for vorn-check(1). What stands behind -- is completed like the arguments of vorn.
+
+_vorn_check() {
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} index
+  COMPREPLY=()
+  for ((index = 1; index < COMP_CWORD; ++index)); do
+    [[ ${COMP_WORDS[index]} == -- ]] || continue
+    declare -F _vorn >/dev/null || { declare -F _completion_loader >/dev/null && _completion_loader vorn; }
+    declare -F _vorn >/dev/null || return
+    COMP_WORDS=(vorn "${COMP_WORDS[@]:index+1}")
+    ((COMP_CWORD -= index))
+    _vorn
+    return
+  done
+  case $previous in
+    --program | --prometheus)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      ;;
+    --loss | --rtt-p95 | --rate-p99 | --bad | --timeout | --label) ;;
+    *)
+      mapfile -t COMPREPLY < <(compgen -W '--loss --rtt-p95 --rate-p99 --bad --timeout --program --prometheus
+        --label --json --help --' -- "$current")
+      ;;
+  esac
+}
+
+complete -F _vorn_check vorn-check

@@ -1,0 +1,19 @@
+# SPDX-License-Identifier: MIT
+"""What the commands say about input that they cannot read."""
+
+
+class Unreadable(Exception):
+    """Input that cannot be read; its text is "place: what"."""
+
+    def __init__(self, path, line, what):
+        place = f"{path}:{line}" if line else path
+        super().__init__(f"{place}: {what}")
+
+
+def printable(text):
+    """Names, tags and lines come from files; nothing in them may steer the terminal."""
+    return "".join(char if char.isprintable() else "?" for char in text)
+
+
+def excerpt(text):
+    return printable(text.strip())[:60]
