@@ -9,7 +9,7 @@ installs the same rules with libseccomp, as an unprivileged user without capabil
 error, this kills (SIGSYS): a program that merely survived a refusal would pass otherwise.
 """
 import ctypes
-import mmap  # for a line after -c
+import mmap
 import os
 import resource
 import socket
@@ -103,7 +103,7 @@ def main(unit, *command):
     install_filter(*rules)
     if line is None:
         os.execv(command[0], command)
-    exec(line)
+    exec(line, {"ctypes": ctypes, "mmap": mmap, "os": os, "socket": socket})
     os._exit(0)
 
 
