@@ -61,7 +61,8 @@ frame_result settle_quoted_request(const icmp_datagram* parts, const frame_arriv
   return frame_counted;
 }
 
-// The packet that locks the monitor is not itself counted.
+// The packet that locks the monitor is not itself counted. A monitor sends one echo of its own before it listens, which
+// without a host goes to this host (address 0), and so does every answer to it: 127.0.0.1 must not lock.
 void lock_monitor(const icmp_echo* echo, std::uint32_t source, test_settings* settings) {
   if (source == inet_addr("127.0.0.1")) return;
   settings->process_id = echo->identifier;

@@ -1,21 +1,29 @@
 // ICMP echo frames, and the ICMP errors that quote them (RFC 792).
+//
+//      0        1        2        3
+//      +--------+--------+--------+--------+
+//    0 |  type  |  code  |    checksum     |  big-endian, as everything in RFC 792; the code of an echo is 0
+//      +--------+--------+--------+--------+
+//    4 |   identifier    |    sequence     |  identifier: as it lies in our memory; sequence: big-endian
+//      +--------+--------+--------+--------+
+//    8 |  zeros, up to the length of the packet
+//
+// An error has 8 bytes of header of its own, of which only the type is of use; behind them the IPv4 header and the first
+// 8 bytes of our request come back.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <span>
 
-// The types this program acts on, as the ICMP type field carries them.
+// The types that the code names, as the ICMP type field carries them.
 enum icmp_type : std::uint8_t {
   icmp_echo_reply = 0,
   icmp_destination_unreachable = 3,
   icmp_source_quench = 4,
   icmp_redirect = 5,
   icmp_echo_request = 8,
-  icmp_router_advertisement = 9,
-  icmp_router_solicitation = 10,
   icmp_time_exceeded = 11,
-  icmp_parameter_problem = 12,
   icmp_address_mask_reply = 18,
 };
 

@@ -1,4 +1,18 @@
 // The message that carries UDP and TCP test traffic: a 20-byte header and a body of zeros or of a remote command.
+//
+//      0        1        2        3
+//      +--------+--------+--------+--------+
+//    0 |               type                |  big-endian; what the message is: enum message_type
+//      +--------+--------+--------+--------+
+//    4 |            process_id             |  as it lies in the sender's memory: who sends
+//      +--------+--------+--------+--------+
+//    8 |               batch               |  big-endian; 0 in an echo test
+//      +--------+--------+--------+--------+
+//   12 |             sequence              |  big-endian; from 0 in every batch
+//      +--------+--------+--------+--------+
+//   16 |              length               |  big-endian; bytes of the whole message: on TCP the frame
+//      +--------+--------+--------+--------+
+//   20 |  zeros up to `length`; in an Operation the 144 bytes of a command (wire/remote_command.h)
 #pragma once
 
 #include <array>
@@ -9,7 +23,6 @@
 #include "wire/packet_sizes.h"
 
 enum message_type : std::uint32_t {
-  message_invalid = 0,
   message_echo_request = 1,
   message_echo_reply = 2,
   message_data = 3,
