@@ -47,9 +47,9 @@ struct run_state {
 struct test_stats {
   std::int64_t start_time;            // ticks
   std::int64_t end_time;              // ticks
-  std::int64_t latency_min;           // ticks; round trips, in a stream the gaps between arrivals
-  std::int64_t latency_max;           // ticks
-  std::int64_t latency_sum;           // ticks
+  std::int64_t latency_min;           // usec; of round trips, in a stream of the gaps between arrivals
+  std::int64_t latency_max;           // usec
+  std::int64_t latency_sum;           // usec
   std::uint64_t tx_packets;           // packets and commands sent
   std::uint64_t rx_packets;           // responses and stream packets received; in command mode of this batch
   std::uint64_t lost_packets;         // timed out, overtaken, skipped; in command mode lost in good batches
@@ -81,15 +81,15 @@ inline void settle_slot(packet_slot* slot, std::uint8_t response_type, std::uint
   slot->rx_time = time;
 }
 
-// Adds a round trip, or the gap between two stream packets (usec = ticks), to the smallest, largest and sum.
-inline void add_latency(test_stats* stats, std::int64_t latency) {
+// Adds a round trip, or the gap between two stream packets, in usec to the smallest, largest and sum.
+inline void add_latency(test_stats* stats, std::int64_t latency_usec) {
   if (stats->latency_max == 0) {
-    stats->latency_min = latency;
-    stats->latency_max = latency;
+    stats->latency_min = latency_usec;
+    stats->latency_max = latency_usec;
   }
-  if (latency > stats->latency_max) stats->latency_max = latency;
-  if (latency < stats->latency_min) stats->latency_min = latency;
-  stats->latency_sum += latency;
+  if (latency_usec > stats->latency_max) stats->latency_max = latency_usec;
+  if (latency_usec < stats->latency_min) stats->latency_min = latency_usec;
+  stats->latency_sum += latency_usec;
 }
 
 // A 64-bit counter as the signed 32-bit number that "%d" prints.

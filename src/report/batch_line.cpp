@@ -7,6 +7,7 @@
 #include "engine/clock.h"
 #include "engine/run_records.h"
 #include "report/sample_list.h"
+#include "report/units.h"
 
 namespace {
 
@@ -19,7 +20,7 @@ constexpr int verbose_part_width = 105;  // beyond the short one
 constexpr int consumption_width = 12;
 
 constexpr int graph_width = 36;
-constexpr int graph_mbps_per_position = 2;
+constexpr int graph_kbps_per_position = 2000;
 constexpr int graph_positions_per_digit = 5;
 
 bool shows_figures(const test_settings* settings, const run_state* run) {
@@ -37,13 +38,13 @@ void print_labels() {
 void print_rates(const sample_list* list) {
   for (const double fraction : display_percentiles) {
     const auto rate_kbps = static_cast<std::int32_t>(sample_list_percentile(list, fraction));
-    std::fprintf(stdout, "%5.1f ", rate_kbps / 1000.0);
+    std::fprintf(stdout, "%5.1f ", rate_kbps / kilo);
   }
 }
 
 void print_buffers(const sample_list* list) {
   for (const double fraction : display_percentiles) {
-    std::fprintf(stdout, "%5.1f ", sample_list_percentile(list, fraction) / 1000.0);
+    std::fprintf(stdout, "%5.1f ", sample_list_percentile(list, fraction) / usec_per_msec);
   }
 }
 
@@ -55,6 +56,10 @@ void print_label_row(const test_settings* settings, const run_state* run) {
   print_blanks(consumption_width);
   if (settings->show_buffers != 0 && shows_figures(settings, run)) print_labels();
   if (any_columns) std::fprintf(stdout, "\n");
+}
+
+const char* batch_marker(const batch_judgement* batch) {
+  return batch->bad ? "*" : " ";
 }
 
 void print_graph_position(int position, int marked) {
@@ -71,20 +76,20 @@ void print_graph_position(int position, int marked) {
 
 // One row a batch: the rows form a vertical graph of the rate, marked every 10 Mbit/s.
 void print_rate_graph(const run_state* run, const batch_judgement* batch) {
-  std::fprintf(stdout, "%5d:%s", low32(run->batch), batch->bad ? "*" : " ");
-  const int marked = batch->rate_kbps / 1000 / graph_mbps_per_position;
+  std::fprintf(stdout, "%5d:%s", low32(run->batch), batch_marker(batch));
+  const int marked = batch->rate_kbps / graph_kbps_per_position;
   for (int position = 0; position < graph_width; ++position) print_graph_position(position, marked);
 }
 
 void print_columns(const test_settings* settings, const test_stats* stats) {
   if (settings->show_bandwidth != 0) print_rates(&bandwidth_samples);
-  std::fprintf(stdout, " %5.1f msec ", stats->buffer_consumption_usec / 1000.0);
+  std::fprintf(stdout, " %5.1f msec ", stats->buffer_consumption_usec / usec_per_msec);
   if (settings->show_buffers != 0) print_buffers(&buffer_samples);
 }
 
 double megabits_per_second(const run_state* run, const test_stats* stats, const batch_judgement* batch) {
   const auto intervals = static_cast<std::int64_t>(stats->rx_packets) - 1;
-  return run->payload_length * static_cast<double>(intervals) * 8.0 / static_cast<double>(batch->span_usec);
+  return run->payload_length * static_cast<double>(intervals) * bits_per_byte / static_cast<double>(batch->span_usec);
 }
 
 void print_verbose_figures(const test_settings* settings, const run_state* run, const test_stats* stats,
@@ -93,16 +98,16 @@ void print_verbose_figures(const test_settings* settings, const run_state* run, 
   const auto received = static_cast<double>(stats->rx_packets);
   std::fprintf(stdout, " %3d/%3d %6.2f%% lost, %3d late %7.1f rx/s, %5.1f Mbps D=%5.3f, m/M/a %7.3f/%7.3f/%7.3f, ",
                batch->lost, low32(settings->remote_echoes), batch->lost * 100.0 / settings->remote_echoes,
-               low32(stats->late_arrivals), received * 1000000.0 / span_usec, megabits_per_second(run, stats, batch),
-               usec_to_seconds(batch->span_usec), static_cast<double>(stats->latency_min) / 1000.0,
-               static_cast<double>(stats->latency_max) / 1000.0,
-               span_usec / static_cast<double>(stats->rx_packets * 1000));
+               low32(stats->late_arrivals), received * usec_per_second / span_usec,
+               megabits_per_second(run, stats, batch), usec_to_seconds(batch->span_usec),
+               static_cast<double>(stats->latency_min) / usec_per_msec,
+               static_cast<double>(stats->latency_max) / usec_per_msec, span_usec / (received * usec_per_msec));
   print_columns(settings, stats);
 }
 
 void print_short_figures(const test_settings* settings, const run_state* run, const test_stats* stats,
                          const batch_judgement* batch) {
-  std::fprintf(stdout, "%5d:%c Pkts: %3d/%-3d  %5.1f mbps  ", low32(run->batch), batch->bad ? '*' : ' ',
+  std::fprintf(stdout, "%5d:%s Pkts: %3d/%-3d  %5.1f mbps  ", low32(run->batch), batch_marker(batch),
                low32(settings->remote_echoes - static_cast<std::uint32_t>(batch->lost)), low32(settings->remote_echoes),
                megabits_per_second(run, stats, batch));
   print_columns(settings, stats);

@@ -11,6 +11,7 @@
 #include "report/batch_line.h"
 #include "report/buffer_consumption.h"
 #include "report/sample_list.h"
+#include "report/units.h"
 
 namespace {
 
@@ -29,10 +30,10 @@ std::int64_t measured_span_usec(const run_state* run, const test_stats* stats) {
   return usec_between(first->rx_time, last->rx_time);
 }
 
-// n packets received span n - 1 intervals.
+// n packets received span n - 1 intervals. Bits per usec are Mbit/s.
 std::int32_t rate_over(std::int64_t span_usec, const run_state* run, const test_stats* stats) {
   const auto intervals = static_cast<std::int64_t>(stats->rx_packets) - 1;
-  return truncated<std::int32_t>(run->payload_length * 1000.0 * static_cast<double>(intervals) * 8.0 /
+  return truncated<std::int32_t>(run->payload_length * kilo * static_cast<double>(intervals) * bits_per_byte /
                                  static_cast<double>(span_usec));
 }
 

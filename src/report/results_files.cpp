@@ -13,6 +13,7 @@
 #include "engine/run_records.h"
 #include "report/results_table.h"
 #include "report/sample_list.h"
+#include "report/units.h"
 
 const char* results_filename = nullptr;
 const char* results_tag = nullptr;
@@ -113,7 +114,7 @@ void write_results_row(std::FILE* row, const row_context* context) {
   write_common_values(row, context);
   for (const double fraction : results_percentiles) {
     const auto rate_kbps = static_cast<std::int32_t>(sample_list_percentile(&bandwidth_samples, fraction));
-    std::fprintf(row, "%4.1f%c", rate_kbps / 1000.0, context->separator);
+    std::fprintf(row, "%4.1f%c", rate_kbps / kilo, context->separator);
   }
   std::fprintf(row, "\n");
 }

@@ -7,6 +7,7 @@
 #include "app/test_settings.h"
 #include "engine/clock.h"
 #include "engine/run_records.h"
+#include "report/units.h"
 
 namespace {
 
@@ -35,7 +36,8 @@ window_rates rates_of_window(const test_settings* settings, const run_state* run
   }
   const auto span_usec = static_cast<double>(usec_between(first, last));
   if (span_usec == 0.0) return {0.0, 0.0};
-  return {static_cast<double>(bytes) * 8.0 / span_usec, static_cast<double>(frames) * 1000000.0 / span_usec};
+  return {static_cast<double>(bytes) * bits_per_byte / span_usec,
+          static_cast<double>(frames) * usec_per_second / span_usec};
 }
 
 }  // namespace

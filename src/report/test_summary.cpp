@@ -6,6 +6,7 @@
 #include "app/test_settings.h"
 #include "engine/clock.h"
 #include "engine/run_records.h"
+#include "report/units.h"
 
 namespace {
 
@@ -25,14 +26,14 @@ void print_counts_and_rates(const test_settings* settings, const test_stats* sta
                low32(stats->bad_samples), per_second(stats->tx_packets, seconds),
                per_second(stats->rx_packets, seconds));
   const double bytes_per_second = per_second(stats->tx_packets + stats->rx_packets, seconds) * settings->payload_length;
-  std::fprintf(stdout, "IP data rate %9.3fKB/s, %9.3fKb/s\n", bytes_per_second / 1000.0,
-               bytes_per_second * 8.0 / 1000.0);
+  std::fprintf(stdout, "IP data rate %9.3fKB/s, %9.3fKb/s\n", bytes_per_second / kilo,
+               bytes_per_second * bits_per_byte / kilo);
 }
 
 void print_latencies(const test_stats* stats) {
-  const std::int64_t mean = stats->latency_sum / static_cast<std::int64_t>(stats->rx_packets);
-  std::fprintf(stdout, "Min = %9.6f, Max = %9.6f, Avg = %9.6f, \n", usec_to_seconds(ticks_to_usec(stats->latency_min)),
-               usec_to_seconds(ticks_to_usec(stats->latency_max)), usec_to_seconds(ticks_to_usec(mean)));
+  const std::int64_t mean_usec = stats->latency_sum / static_cast<std::int64_t>(stats->rx_packets);
+  std::fprintf(stdout, "Min = %9.6f, Max = %9.6f, Avg = %9.6f, \n", usec_to_seconds(stats->latency_min),
+               usec_to_seconds(stats->latency_max), usec_to_seconds(mean_usec));
   std::fprintf(stdout, "\n");
 }
 
