@@ -8,8 +8,8 @@
 //      +--------+--------+--------+--------+
 //    8 |  zeros, up to the length of the packet
 //
-// An error has 8 bytes of header of its own, of which only the type is of use; behind them the IPv4 header and the first
-// 8 bytes of our request come back.
+// An error has 8 bytes of header of its own, of which only the type is of use; behind them the IPv4 header and the
+// first 8 bytes of our request come back.
 #pragma once
 
 #include <array>
