@@ -25,7 +25,6 @@
 #include "net/receiver.h"
 #include "net/socket_wait.h"
 #include "net/tcp_connection.h"
-#include "net/test_socket.h"
 #include "net/transmitter.h"
 #include "report/batch_report.h"
 #include "report/results_files.h"

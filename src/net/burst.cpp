@@ -85,13 +85,10 @@ std::uint32_t segments_of_call(const test_settings* settings, const run_state* r
   return std::min(count, largest_udp_bytes / run->transmit_length);
 }
 
-// One call, with packets `first` and up to `count` of the burst.
-call_result send_some(const test_settings* settings, run_state* run, const sockaddr_in* destination,
-                      std::uint32_t first, std::uint32_t count) {
-  if (!may_send_to(settings, destination->sin_addr.s_addr)) {
-    errno = EACCES;  // as for a broadcast address
-    return {send_outcome::refused, 0};
-  }
+// Packets `first` and up to `count` more of the burst.
+call_result send_in_one_call(const test_settings* settings, run_state* run, const sockaddr_in* destination,
+                             std::uint32_t first, std::uint32_t count) {
+  if (refuses_destination(settings, destination)) return {send_outcome::refused, 0};
   const std::uint32_t segments = segments_of_call(settings, run, count);
   if (segments > 1) {
     const call_result result = send_side_by_side(run, destination, first, segments);
@@ -118,7 +115,7 @@ std::uint32_t send_burst(const test_settings* settings, run_state* run, test_sta
   for (std::uint32_t i = 0; i < count; ++i) build_packet(settings, run, stats, i);
   std::uint32_t done = 0;
   while (done < count) {
-    const call_result result = send_some(settings, run, &destination, done, count - done);
+    const call_result result = send_in_one_call(settings, run, &destination, done, count - done);
     if (result.outcome == send_outcome::taken) {
       done += result.packets;
     } else if (result.outcome == send_outcome::refused && errno != EINTR) {

@@ -10,6 +10,7 @@
 #include "engine/clock.h"
 #include "engine/duration.h"
 #include "engine/run_records.h"
+#include "net/socket_options.h"
 #include "net/socket_wait.h"
 
 namespace {
@@ -30,15 +31,13 @@ send_outcome outcome_of(ssize_t result) {
 }
 
 sockaddr_in current_destination(const test_settings* settings) {
-  sockaddr_in destination = {};
-  destination.sin_family = AF_INET;
-  destination.sin_addr.s_addr = settings->start_host;
-  destination.sin_port = uses_icmp(settings) ? 0 : settings->remote_port;
-  return destination;
+  return socket_address(settings->start_host, uses_icmp(settings) ? std::uint16_t{0} : settings->remote_port);
 }
 
-bool may_send_to(const test_settings* settings, std::uint32_t address) {
-  return !serves_others(settings) || !IN_MULTICAST(ntohl(address));
+bool refuses_destination(const test_settings* settings, const sockaddr_in* destination) {
+  if (!serves_others(settings) || !IN_MULTICAST(ntohl(destination->sin_addr.s_addr))) return false;
+  errno = EACCES;
+  return true;
 }
 
 bool wait_for_buffer(const test_settings* settings, const run_state* run, const test_stats* stats) {
@@ -49,10 +48,7 @@ bool wait_for_buffer(const test_settings* settings, const run_state* run, const 
 
 ssize_t send_datagram(const test_settings* settings, const run_state* run, const test_stats* stats,
                       const sockaddr_in* destination, std::span<const std::uint8_t> bytes, std::int64_t* sent_at) {
-  if (!may_send_to(settings, destination->sin_addr.s_addr)) {
-    errno = EACCES;  // as for a broadcast address
-    return -1;
-  }
+  if (refuses_destination(settings, destination)) return -1;
   const auto* address = reinterpret_cast<const sockaddr*>(destination);
   for (;;) {
     *sent_at = clock_now();

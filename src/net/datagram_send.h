@@ -23,9 +23,10 @@ enum class send_outcome : std::uint8_t {
 // The run's current host as a socket address; its port is the remote one, over ICMP 0.
 [[nodiscard]] sockaddr_in current_destination(const test_settings* settings);
 
-// False for a multicast group when a monitor, or a command run of one, would send to it: a forged source must not make
-// it flood a group. (That its socket may not broadcast, either, is up to the kernel.)
-[[nodiscard]] bool may_send_to(const test_settings* settings, std::uint32_t address);
+// True for a multicast group when a monitor, or a command run of one, would send to it: a forged source must not make
+// it flood a group. Sets errno then as the kernel does for a broadcast address, which such a socket may not send to
+// either.
+[[nodiscard]] bool refuses_destination(const test_settings* settings, const sockaddr_in* destination);
 
 // Waits a moment for room in the send buffer of run->data_socket, as a wait of the run: the end of the duration and a
 // stop signal end it. True when it is worth trying again, false when the test is over.
