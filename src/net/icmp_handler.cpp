@@ -10,6 +10,7 @@
 #include "engine/run_records.h"
 #include "net/address_text.h"
 #include "net/arrival.h"
+#include "net/stream_packet.h"
 #include "wire/checksum.h"
 #include "wire/icmp_echo.h"
 
@@ -17,7 +18,7 @@ namespace {
 
 // Echo requests to one host come back in order, so a reply that overtakes older requests tells that they are lost.
 // Requests below the report cursor are settled already; until the window has filled once, nothing is declared lost.
-void declare_overtaken_lost(const test_settings* settings, test_stats* stats, const run_state* run,
+void declare_overtaken_lost(const test_settings* settings, const run_state* run, test_stats* stats,
                             const packet_slot* answered) {
   if (settings->total_requests != settings->echo_count) return;
   if (run->current_tx__packet < settings->max_outstanding) return;
@@ -32,7 +33,7 @@ void declare_overtaken_lost(const test_settings* settings, test_stats* stats, co
 }
 
 frame_result settle_echo_reply(const icmp_echo* echo, std::uint32_t source, const frame_arrival* arrival,
-                               const test_settings* settings, test_stats* stats, run_state* run) {
+                               const test_settings* settings, run_state* run, test_stats* stats) {
   packet_slot* slot = slot_of(run, echo->sequence);
   if (slot->outstanding == 0) {
     if (settings->no_timeout_messages == 0) {
@@ -44,13 +45,13 @@ frame_result settle_echo_reply(const icmp_echo* echo, std::uint32_t source, cons
   }
   settle_slot(slot, echo->type, source, arrival_time(arrival, slot->tx_time));
   ++stats->rx_packets;
-  declare_overtaken_lost(settings, stats, run, slot);
+  declare_overtaken_lost(settings, run, stats, slot);
   return frame_counted;
 }
 
 // The errors that routers and hosts return for our requests; in a traceroute each of them is a hop.
 frame_result settle_quoted_request(const icmp_datagram* parts, const frame_arrival* arrival,
-                                   const test_settings* settings, test_stats* stats, run_state* run) {
+                                   const test_settings* settings, run_state* run, test_stats* stats) {
   icmp_echo quoted = {};
   if (!read_quoted_echo(parts->icmp, &quoted)) return frame_none;
   if (quoted.identifier != static_cast<std::uint16_t>(settings->process_id)) return frame_none;
@@ -70,50 +71,43 @@ void lock_monitor(const icmp_echo* echo, std::uint32_t source, test_settings* se
   std::fprintf(stdout, "Monitor locked on %s, id %d\n", address_text(source), low32(settings->process_id));
 }
 
-void check_stream_gap(std::int64_t gap_usec, const test_settings* settings, test_stats* stats) {
-  if (gap_usec <= settings->timeout_usec) return;
-  if (settings->remote_run == 0) {
-    std::fprintf(stderr, "Error- packet arrived %d usecs from last one\n", usec_as_int(gap_usec));
+void print_stream_packet(const icmp_echo* echo, std::uint32_t source, const stream_packet* packet,
+                         const test_settings* settings, const run_state* run) {
+  if (packet->late) {
+    std::fprintf(stderr, "Error- packet arrived %d usecs from last one\n", usec_as_int(packet->gap_usec));
   }
-  ++stats->late_arrivals;
+  if (!packet->in_sequence) {
+    std::fprintf(stderr, "Error- sequence skipped from %d to %d; %d packets lost\n", low32(run->last_rx_seq),
+                 low32(packet->sequence), low32(packet->skipped));
+  }
+  if (settings->silent != 0) return;
+  std::fprintf(stdout, "%12d: Received %s in %9.6fs from %s\n", low32(packet->sequence), icmp_type_names[echo->type],
+               usec_to_seconds(packet->gap_usec), address_text(source));
 }
 
-void check_stream_sequence(std::uint16_t sequence, const test_settings* settings, test_stats* stats,
-                           const run_state* run) {
-  if (sequence == ((run->last_rx_seq + 1) & 0xFFFFU)) return;
-  const std::uint32_t skipped = sequence - run->last_rx_seq - 1;
-  if (settings->remote_run == 0) {
-    std::fprintf(stderr, "Error- sequence skipped from %d to %d; %d packets lost\n", low32(run->last_rx_seq), sequence,
-                 low32(skipped));
-  }
-  stats->lost_packets += skipped & 0xFFFFU;
+void count_stream_packet(const stream_packet* packet, run_state* run, test_stats* stats) {
+  if (packet->late) ++stats->late_arrivals;
+  if (!packet->is_first) stats->lost_packets += packet->skipped & 0xFFFFU;
+  ++stats->rx_packets;
+  run->last_rx_time = packet->time;
+  run->last_rx_seq = packet->sequence;
 }
 
 // The first packet of a stream is counted, but neither printed nor checked.
 frame_result track_stream_packet(const icmp_echo* echo, std::uint32_t source, const frame_arrival* arrival,
-                                 const test_settings* settings, test_stats* stats, run_state* run) {
-  const std::int64_t now = arrival_time(arrival, run->last_rx_time);
-  if (run->last_rx_time != 0) {
-    const std::int64_t gap_usec = usec_between(run->last_rx_time, now);
-    check_stream_gap(gap_usec, settings, stats);
-    check_stream_sequence(echo->sequence, settings, stats, run);
-    if (settings->silent == 0 && settings->remote_run == 0) {
-      std::fprintf(stdout, "%12d: Received %s in %9.6fs from %s\n", echo->sequence, icmp_type_names[echo->type],
-                   usec_to_seconds(gap_usec), address_text(source));
-    }
-  }
-  ++stats->rx_packets;
-  run->last_rx_time = now;
-  run->last_rx_seq = echo->sequence;
+                                 const test_settings* settings, run_state* run, test_stats* stats) {
+  const stream_packet packet = judge_stream_packet(settings, run, echo->sequence, arrival);
+  if (!packet.is_first && settings->remote_run == 0) print_stream_packet(echo, source, &packet, settings, run);
+  count_stream_packet(&packet, run, stats);
   return frame_counted;
 }
 
 frame_result handle_echo_reply(const icmp_datagram* parts, const frame_arrival* arrival, test_settings* settings,
-                               test_stats* stats, run_state* run) {
+                               run_state* run, test_stats* stats) {
   const icmp_echo echo = read_icmp_echo(parts->icmp);
   if (echo.identifier == static_cast<std::uint16_t>(settings->process_id)) {
-    if (settings->partner_mode != 0) return track_stream_packet(&echo, parts->source, arrival, settings, stats, run);
-    return settle_echo_reply(&echo, parts->source, arrival, settings, stats, run);
+    if (settings->partner_mode != 0) return track_stream_packet(&echo, parts->source, arrival, settings, run, stats);
+    return settle_echo_reply(&echo, parts->source, arrival, settings, run, stats);
   }
   if (settings->partner_mode != 0 && settings->process_id == 0) lock_monitor(&echo, parts->source, settings);
   return frame_none;
@@ -143,9 +137,9 @@ frame_result handle_icmp_response(const std::uint8_t* datagram, int length, cons
     return frame_none;
   }
   const std::uint8_t type = parts.icmp[0];
-  if (type == icmp_echo_reply) return handle_echo_reply(&parts, arrival, settings, stats, run);
+  if (type == icmp_echo_reply) return handle_echo_reply(&parts, arrival, settings, run, stats);
   if (type == icmp_destination_unreachable || type == icmp_time_exceeded) {
-    return settle_quoted_request(&parts, arrival, settings, stats, run);
+    return settle_quoted_request(&parts, arrival, settings, run, stats);
   }
   if (!is_known_type(type) && settings->remote_run == 0) {
     std::fprintf(stderr, "Error: Inavlid ICMP type received\n");

@@ -15,6 +15,8 @@
 #include "net/address_text.h"
 #include "net/arrival.h"
 #include "net/datagram_send.h"
+#include "net/socket_options.h"
+#include "net/stream_packet.h"
 #include "net/tcp_connection.h"
 #include "wire/icmp_echo.h"
 #include "wire/remote_command.h"
@@ -54,7 +56,7 @@ void send_reply_on_connection(int socket, std::size_t length) {
 // A reply has the size of the request as it came. What becomes of it is not looked at: a lost reply is a lost packet to
 // whoever asked.
 void send_echo_reply(const test_header* request, sender_address sender, std::size_t length,
-                     const test_settings* settings, const test_stats* stats, const run_state* run) {
+                     const test_settings* settings, const run_state* run, const test_stats* stats) {
   const test_header reply = {
       .type = message_echo_reply,
       .process_id = request->process_id,
@@ -67,62 +69,51 @@ void send_echo_reply(const test_header* request, sender_address sender, std::siz
     send_reply_on_connection(run->data_socket, length);
     return;
   }
-  sockaddr_in destination = {};
-  destination.sin_family = AF_INET;
-  destination.sin_addr.s_addr = sender.address;
-  destination.sin_port = sender.port;
+  const sockaddr_in destination = socket_address(sender.address, sender.port);
   std::int64_t sent_at = 0;
   (void)send_datagram(settings, run, stats, &destination, {reply_buffer.data(), length}, &sent_at);
 }
 
 // Echo mode: a duplicate, or an answer to a request that timed out, is passed over in silence.
 void settle_answered_request(const test_header* header, std::uint32_t source, const frame_arrival* arrival,
-                             test_stats* stats, const run_state* run) {
+                             const run_state* run, test_stats* stats) {
   packet_slot* slot = slot_of(run, header->sequence);
   if (slot->outstanding == 0) return;
   settle_slot(slot, icmp_echo_reply, source, arrival_time(arrival, slot->tx_time));
   ++stats->rx_packets;
 }
 
-void print_arrival(const test_header* header, std::uint32_t source, std::int64_t gap_usec) {
-  std::fprintf(stdout, "%3d:%12d: Received %s in %9.6fs from %s\n", low32(header->batch),
-               static_cast<int>(header->sequence & 0xFFFFU), message_type_names[header->type],
-               usec_to_seconds(gap_usec), address_text(source));
+void print_arrival(const test_header* header, std::uint32_t source, const stream_packet* packet) {
+  std::fprintf(stdout, "%3d:%12d: Received %s in %9.6fs from %s\n", low32(header->batch), low32(packet->sequence),
+               message_type_names[header->type], usec_to_seconds(packet->gap_usec), address_text(source));
 }
 
-void report_skip(const test_header* header, std::uint32_t seq16, const run_state* run) {
-  std::fprintf(stderr, "Error- sequence skipped from %d:%d to %d; %d packets lost\n", low32(header->batch),
-               low32(run->last_rx_seq), low32(seq16), low32(seq16 - run->last_rx_seq - 1));
-}
-
-void account_gap(const test_header* header, std::int64_t gap_usec, const test_settings* settings, test_stats* stats) {
-  add_latency(stats, gap_usec);
-  if (gap_usec <= settings->timeout_usec) return;
-  if (settings->remote_run == 0) {
+// Of a packet out of sequence only that is told: its gap is not that of two neighbours.
+void print_irregularity(const test_header* header, const stream_packet* packet, const run_state* run) {
+  if (!packet->in_sequence) {
+    std::fprintf(stderr, "Error- sequence skipped from %d:%d to %d; %d packets lost\n", low32(header->batch),
+                 low32(run->last_rx_seq), low32(packet->sequence), low32(packet->skipped));
+  } else if (packet->late) {
     std::fprintf(stderr, "Error- packet %d:%d arrived %d usecs from last one\n", low32(header->batch),
-                 low32(header->sequence), usec_as_int(gap_usec));
+                 low32(header->sequence), usec_as_int(packet->gap_usec));
   }
-  ++stats->late_arrivals;
+}
+
+void count_gap(const stream_packet* packet, test_stats* stats) {
+  if (!packet->in_sequence) return;
+  add_latency(stats, packet->gap_usec);
+  if (packet->late) ++stats->late_arrivals;
 }
 
 // Partner mode: the first packet of a stream is neither checked for its sequence nor timed.
 frame_result track_stream_packet(const test_header* header, std::uint32_t source, const frame_arrival* arrival,
-                                 const test_settings* settings, test_stats* stats, run_state* run) {
-  const std::int64_t now = arrival_time(arrival, run->last_rx_time);
-  const std::uint32_t seq16 = header->sequence & 0xFFFFU;
-  const bool first_of_stream = run->last_rx_time == 0;
-  const std::int64_t gap_usec = first_of_stream ? 0 : usec_between(run->last_rx_time, now);
-
-  if (settings->silent == 0 && settings->remote_run == 0) print_arrival(header, source, gap_usec);
-  if (!first_of_stream) {
-    if (seq16 == ((run->last_rx_seq + 1) & 0xFFFFU)) {
-      account_gap(header, gap_usec, settings, stats);
-    } else if (settings->remote_run == 0) {
-      report_skip(header, seq16, run);
-    }
-  }
-  record_arrival(seq16, source, now, run, stats);
-  return seq16 == settings->remote_echoes - 1 ? frame_ends_batch : frame_counted;
+                                 const test_settings* settings, run_state* run, test_stats* stats) {
+  const stream_packet packet = judge_stream_packet(settings, run, header->sequence, arrival);
+  if (settings->silent == 0 && settings->remote_run == 0) print_arrival(header, source, &packet);
+  if (!packet.is_first && settings->remote_run == 0) print_irregularity(header, &packet, run);
+  count_gap(&packet, stats);
+  record_arrival(packet.sequence, source, packet.time, run, stats);
+  return packet.sequence == settings->remote_echoes - 1 ? frame_ends_batch : frame_counted;
 }
 
 // The one way from a handler back into the test loop: streams the commanded packets to `source` and returns when the
@@ -156,13 +147,13 @@ frame_result handle_test_message(std::uint32_t source_address, std::uint16_t sou
 
   switch (header.type) {
     case message_echo_request:
-      send_echo_reply(&header, {source_address, source_port}, bytes, settings, stats, run);
+      send_echo_reply(&header, {source_address, source_port}, bytes, settings, run, stats);
       [[fallthrough]];
     case message_echo_reply:
     case message_data:
       if (settings->partner_mode != 0)
-        return track_stream_packet(&header, source_address, arrival, settings, stats, run);
-      settle_answered_request(&header, source_address, arrival, stats, run);
+        return track_stream_packet(&header, source_address, arrival, settings, run, stats);
+      settle_answered_request(&header, source_address, arrival, run, stats);
       return frame_none;
     case message_operation:
       run_remote_command(message, &header, source_address, settings, run);

@@ -41,7 +41,7 @@ arrival_range received_range(const run_state* run, std::int64_t last_sequence) {
   return range;
 }
 
-double nominal_spacing(const run_state* run, const test_settings* settings, arrival_range range) {
+double nominal_spacing(const test_settings* settings, const run_state* run, arrival_range range) {
   if (settings->delay_usec >= shortest_trusted_delay_usec) return settings->delay_usec;
   return usec_apart(run, range.first, range.last) / static_cast<double>(range.last - range.first);
 }
@@ -62,7 +62,7 @@ void compute_buffer_consumption(const run_state* run, test_stats* stats, const t
   const arrival_range range = received_range(run, stats->batch_last_seq);
   if (range.first == range.last) return;
 
-  const double spacing = nominal_spacing(run, settings, range);
+  const double spacing = nominal_spacing(settings, run, range);
   deviation_range deviations = {};
   std::int64_t base = range.first;
   for (std::int64_t sequence = range.first; sequence <= range.last; ++sequence) {

@@ -1,0 +1,20 @@
+#include "net/stream_packet.h"
+
+#include "app/test_settings.h"
+#include "engine/clock.h"
+#include "engine/run_records.h"
+#include "net/arrival.h"
+
+stream_packet judge_stream_packet(const test_settings* settings, const run_state* run, std::uint32_t sequence,
+                                  const frame_arrival* arrival) {
+  stream_packet packet = {};
+  packet.time = arrival_time(arrival, run->last_rx_time);
+  packet.sequence = sequence & 0xFFFFU;
+  packet.is_first = run->last_rx_time == 0;
+  if (packet.is_first) return packet;
+  packet.gap_usec = usec_between(run->last_rx_time, packet.time);
+  packet.skipped = packet.sequence - run->last_rx_seq - 1;
+  packet.in_sequence = (packet.skipped & 0xFFFFU) == 0;
+  packet.late = packet.gap_usec > settings->timeout_usec;
+  return packet;
+}

@@ -1,0 +1,22 @@
+// A packet of a stream, judged against the one before it; the handlers count and print what it says.
+#pragma once
+
+#include <cstdint>
+
+struct frame_arrival;
+struct run_state;
+struct test_settings;
+
+struct stream_packet {
+  std::int64_t time;       // ticks; of its arrival
+  std::int64_t gap_usec;   // since the packet before it; 0 for the first, and where the clock was set back
+  std::uint32_t sequence;  // 16 bits
+  std::uint32_t skipped;   // how far its number is from the one after the last, modulo 2^32: below 0 it is an old one
+  bool is_first;           // of its stream: there is nothing to judge it against
+  bool in_sequence;        // its number is the one after the last, modulo 2^16
+  bool late;               // its gap is above settings->timeout_usec
+};
+
+// The packet with `sequence`, of which 16 bits count, that came at `arrival`.
+[[nodiscard]] stream_packet judge_stream_packet(const test_settings* settings, const run_state* run,
+                                                std::uint32_t sequence, const frame_arrival* arrival);
