@@ -37,6 +37,8 @@ void prepare_command(test_settings* settings, command_body* command) {
 
 }  // namespace
 
+// The socket is opened with the signals caught, because a connect may wait long, and before the privileges go, because
+// a raw socket needs one.
 int run_program(int argc, char** argv) {
   set_up_standard_streams();
   become_real_user();

@@ -28,6 +28,7 @@ void open_batch(run_state* run, test_stats* stats) {
   run->last_rx_time = 0;
 }
 
+// Slots of another batch would let its packets stand for those that did not come.
 void arm_batch(const test_settings* settings, const run_state* run) {
   for (std::uint32_t sequence = 0; sequence < settings->remote_echoes; ++sequence) arm_slot(settings, run, sequence);
 }

@@ -50,6 +50,7 @@ bool was_never_sent(const packet_slot* slot, std::uint32_t sequence) {
   return slot->sequence != sequence;
 }
 
+// Answers come in any order; the cursor stands at the oldest open request until that is settled, one way or the other.
 void report_settled_requests(const test_settings* settings, run_state* run, test_stats* stats) {
   while (run->oldest_outstanding < run->current_tx__packet) {
     packet_slot* slot = slot_of(run, run->oldest_outstanding);

@@ -67,6 +67,7 @@ std::uint32_t hosts_of_test(const test_settings* settings) {
   return ntohl(settings->end_host) - ntohl(settings->start_host) + 1;
 }
 
+// The filter needs the identifier. The clock starts last, so that nothing of this is measured.
 void start_run(test_settings* settings, run_state* run, test_stats* stats) {
   *stats = {};
   print_host_range(settings);
@@ -81,7 +82,7 @@ void start_run(test_settings* settings, run_state* run, test_stats* stats) {
   run->latest_time = run->last_tx_time;
 }
 
-bool another_pass(const test_settings* settings, const run_state* run) {
+bool test_goes_on(const test_settings* settings, const run_state* run) {
   if (run->stop_requested != 0 || run->connection_is_gone != 0 || stop_signal() != 0) return false;
   if (is_monitor(settings)) return true;
   if (run->current_tx__packet >= settings->total_requests) return false;
@@ -136,7 +137,7 @@ release_end release_packets(std::uint32_t due, test_settings* settings, run_stat
 // The pause of a test that never reads; a stop signal ends it.
 void rest_without_reading(const test_settings* settings, const run_state* run) {
   std::int64_t left_usec = settings->delay_usec > 1 ? time_until_next_release(settings, run) : 0;
-  if (left_usec > 0 && stop_signal() == 0) (void)wait_on_socket(-1, wait_for::readable, &left_usec);
+  if (left_usec > 0 && stop_signal() == 0) (void)wait_on_socket(-1, socket_event::readable, &left_usec);
   yield_processor();
 }
 
@@ -173,8 +174,8 @@ void take_connection(run_state* run) {
 
 // `shortest_wait_usec` keeps a test that cannot send from asking again without a pause.
 void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, run_state* run, test_stats* stats) {
-  bool keep_going = true;
-  while (keep_going && stop_signal() == 0) {
+  bool goes_on = true;
+  while (goes_on && stop_signal() == 0) {
     if (settings->partner_mode != 0 && run->data_socket == -1) {
       take_connection(run);
       if (stop_signal() != 0 || run->connection_is_gone != 0) return;
@@ -183,10 +184,13 @@ void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, run
     const frame_result status = receive_one_frame(settings, run, stats, wait_usec);
     if (status < frame_none && settings->tcp != 0) close_data_socket(run);
     if (stop_signal() != 0 && settings->command_mode != 0) return;  // the open batch is dropped, not judged
-    keep_going = keep_receiving(settings, run, stats, status);
+    goes_on = keep_receiving(settings, run, stats, status);
   }
 }
 
+// The order of the steps: the clock is followed first, as all that comes after compares stored times with it. A monitor
+// forgets its identifier only after its own echo went out with it. A batch is opened after its command, which took its
+// place and its number from the same fields.
 void run_one_pass(test_settings* settings, run_state* run, test_stats* stats, const command_body* command) {
   const std::int64_t now = clock_now();
   follow_clock_set_back(now, run, stats);
@@ -223,6 +227,7 @@ void report_end(test_settings* settings, const run_state* run, const test_stats*
   }
 }
 
+// Requests are settled while their table lives and before the end is noted: waiting for them belongs to the test.
 void finish_run(test_settings* settings, run_state* run, test_stats* stats) {
   const bool waits_for_answers = is_echo_mode(settings) && settings->ignore_responses == 0;
   if (stop_signal() != 0 && waits_for_answers) settle_outstanding(settings, run, stats);
@@ -238,7 +243,7 @@ void finish_run(test_settings* settings, run_state* run, test_stats* stats) {
 
 int run_test(test_settings* settings, test_stats* stats, run_state* run, const command_body* command) {
   start_run(settings, run, stats);
-  while (another_pass(settings, run)) run_one_pass(settings, run, stats, command);
+  while (test_goes_on(settings, run)) run_one_pass(settings, run, stats, command);
   finish_run(settings, run, stats);
   return 0;
 }

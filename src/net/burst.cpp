@@ -110,6 +110,7 @@ bool sends_bursts(const test_settings* settings) {
          settings->traceroute == 0 && settings->total_requests == settings->echo_count;  // one host
 }
 
+// All packets are built and recorded first, so that the calls follow one another; what one call leaves the next takes.
 std::uint32_t send_burst(const test_settings* settings, run_state* run, test_stats* stats, std::uint32_t count) {
   const sockaddr_in destination = current_destination(settings);
   for (std::uint32_t i = 0; i < count; ++i) build_packet(settings, run, stats, i);

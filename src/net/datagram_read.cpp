@@ -15,7 +15,7 @@ namespace {
 constexpr std::uint32_t longest_read_run = 16;
 constexpr std::size_t control_bytes = 64;  // what comes with a datagram: its stamp
 
-struct arrived {
+struct stored_datagram {
   alignas(cmsghdr) std::array<std::uint8_t, control_bytes> control;
   sockaddr_in source;
   std::array<std::uint8_t, message_buffer_bytes> bytes;
@@ -23,14 +23,14 @@ struct arrived {
 
 // One monitor's frames must not be lost while it executes a command, so they outlive the call that read them. Only what
 // was received is ever touched.
-std::array<arrived, longest_read_run> store;
+std::array<stored_datagram, longest_read_run> store;
 std::array<mmsghdr, longest_read_run> messages = {};
-std::uint32_t held = 0;  // in the store
-std::uint32_t next = 0;  // of these, the first that was not handed on
+std::uint32_t stored_count = 0;  // in the store
+std::uint32_t next_stored = 0;   // of these, the first that was not handed on
 
-void prepare(std::uint32_t count, std::array<iovec, longest_read_run>* parts) {
+void prepare_messages(std::uint32_t count, std::array<iovec, longest_read_run>* parts) {
   for (std::uint32_t i = 0; i < count; ++i) {
-    arrived* place = &store[i];
+    stored_datagram* place = &store[i];
     (*parts)[i] = {.iov_base = place->bytes.data(), .iov_len = place->bytes.size()};
     msghdr* message = &messages[i].msg_hdr;
     *message = {};
@@ -48,14 +48,14 @@ int read_some(int socket, std::uint32_t most) {
   std::array<iovec, longest_read_run> parts;
   int got = 0;
   do {
-    prepare(most, &parts);
+    prepare_messages(most, &parts);
     got = recvmmsg(socket, messages.data(), most, MSG_DONTWAIT, nullptr);
   } while (got < 0 && errno == EINTR);
   return got;
 }
 
 void hand_on(std::uint32_t index, received_datagram* datagram) {
-  arrived* from = &store[index];
+  stored_datagram* from = &store[index];
   mmsghdr* message = &messages[index];
   *datagram = {.bytes = {from->bytes.data(), message->msg_len},
                .failed = false,
@@ -66,27 +66,29 @@ void hand_on(std::uint32_t index, received_datagram* datagram) {
 
 }  // namespace
 
+// Queued datagrams cost one call together, but are handed on one by one: the loop reports and sends between them as if
+// each had been read by itself.
 read_result read_datagram(int socket, std::uint32_t most, received_datagram* datagram) {
-  if (next == held) {
+  if (next_stored == stored_count) {
     const int got = read_some(socket, std::clamp(most, 1U, longest_read_run));
     if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return read_result::nothing_there;
     if (got < 0 && (errno == EBADF || errno == ENOTSOCK)) return read_result::no_socket;
     *datagram = {};
     datagram->failed = got < 0;
     if (got <= 0) return got < 0 ? read_result::datagram : read_result::nothing_there;
-    held = static_cast<std::uint32_t>(got);
-    next = 0;
+    stored_count = static_cast<std::uint32_t>(got);
+    next_stored = 0;
   }
-  hand_on(next++, datagram);
+  hand_on(next_stored++, datagram);
   return read_result::datagram;
 }
 
 bool has_read_ahead() {
-  return next != held;
+  return next_stored != stored_count;
 }
 
 int discard_read_ahead() {
-  const auto discarded = static_cast<int>(held - next);
-  held = next = 0;
+  const auto discarded = static_cast<int>(stored_count - next_stored);
+  stored_count = next_stored = 0;
   return discarded;
 }

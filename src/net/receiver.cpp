@@ -52,25 +52,26 @@ frame_result handle_datagram(const received_datagram* datagram, test_settings* s
                              &datagram->arrival, settings, stats, run);
 }
 
-// An echo test tries the read first and waits only when nothing is there: while answers stream in, that saves a call
-// for each. In partner mode the try would find nothing, but for what was read ahead.
+// An echo test reads first and waits only when nothing is there: while answers stream in, that saves a call for each. In
+// partner mode that read would find nothing, but for what was read ahead.
 frame_result receive_datagram(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
-  bool try_first = settings->partner_mode == 0 || wait_usec == 0 || has_read_ahead();
-  for (;; try_first = true) {
+  bool read_is_due = settings->partner_mode == 0 || wait_usec == 0 || has_read_ahead();
+  for (;; read_is_due = true) {
     received_datagram datagram = {};
     const std::uint32_t most = datagrams_to_expect(settings, run);
-    const read_result read = try_first ? read_datagram(run->data_socket, most, &datagram) : read_result::nothing_there;
+    const read_result read =
+        read_is_due ? read_datagram(run->data_socket, most, &datagram) : read_result::nothing_there;
     if (read == read_result::datagram) return handle_datagram(&datagram, settings, run, stats);
     if (read == read_result::no_socket) return report_failed_wait(settings);
     if (wait_usec == 0) return frame_none;
-    const wait_result result = wait_on_socket(run->data_socket, wait_for::readable, &wait_usec);
+    const wait_result result = wait_on_socket(run->data_socket, socket_event::readable, &wait_usec);
     if (result == wait_result::failed) return report_failed_wait(settings);
     if (result != wait_result::ready) return frame_none;
   }
 }
 
 frame_result receive_message(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
-  const wait_result result = wait_on_socket(run->data_socket, wait_for::readable, &wait_usec);
+  const wait_result result = wait_on_socket(run->data_socket, socket_event::readable, &wait_usec);
   if (result == wait_result::failed) return report_failed_wait(settings);
   if (result != wait_result::ready) return frame_none;
 
@@ -93,7 +94,7 @@ bool wait_for_more(int socket, std::int64_t* grace_usec) {
   std::int64_t pause_usec = longest_pause_usec;
   for (;;) {
     std::int64_t* left_usec = stop_signal() != 0 ? grace_usec : &pause_usec;
-    const wait_result result = wait_on_socket(socket, wait_for::readable, left_usec);
+    const wait_result result = wait_on_socket(socket, socket_event::readable, left_usec);
     if (result != wait_result::stopped) return result == wait_result::ready;
   }
 }
@@ -112,7 +113,7 @@ frame_result receive_one_frame(test_settings* settings, run_state* run, test_sta
                  static_cast<long>(wait_usec % usec_per_second));
   }
   if (run->data_socket == -1) {
-    (void)wait_on_socket(-1, wait_for::readable, &wait_usec);
+    (void)wait_on_socket(-1, socket_event::readable, &wait_usec);
     return frame_none;
   }
   if (settings->tcp != 0) return receive_message(settings, run, stats, wait_usec);
@@ -144,7 +145,7 @@ void flush_pending_frames(int socket) {
   int discarded = discard_read_ahead();
   while (stop_signal() == 0 && usec_between(start, clock_now()) < longest_flush_usec) {
     std::int64_t silence_usec = flush_silence_usec;
-    const wait_result result = wait_on_socket(socket, wait_for::readable, &silence_usec);
+    const wait_result result = wait_on_socket(socket, socket_event::readable, &silence_usec);
     if (result == wait_result::stopped) continue;
     if (result != wait_result::ready) break;
     const ssize_t length = recv(socket, scratch.data(), scratch.size(), MSG_DONTWAIT);

@@ -41,14 +41,14 @@ timeval as_timeval(std::int64_t usec) {
 
 }  // namespace
 
-wait_result wait_on_socket(int socket, wait_for event, std::int64_t* left_usec) {
+wait_result wait_on_socket(int socket, socket_event event, std::int64_t* left_usec) {
   flush_output();
   const int signals = signal_descriptor();
   timeval left = as_timeval(*left_usec);
   for (;;) {
     fd_set readable = {};
     fd_set writable = {};
-    add_to_set(socket, event == wait_for::readable ? &readable : &writable);
+    add_to_set(socket, event == socket_event::readable ? &readable : &writable);
     add_to_set(signals, &readable);
     // On Linux select leaves in `left` the time not slept (select(2)), so an interrupted wait goes on where it was.
     const int ready = select(std::max(fits_a_descriptor_set(socket) ? socket : -1, signals) + 1, &readable, &writable,

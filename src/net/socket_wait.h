@@ -8,7 +8,7 @@ struct run_state;
 struct test_settings;
 struct test_stats;
 
-enum class wait_for : std::uint8_t { readable, writable };
+enum class socket_event : std::uint8_t { readable, writable };
 
 enum class wait_result : std::uint8_t {
   ready,    // the socket can be read or written
@@ -20,7 +20,7 @@ enum class wait_result : std::uint8_t {
 // Waits until `socket` is ready or *left_usec (usec, not negative) are over, and keeps *left_usec at what is left.
 // With a descriptor that select cannot take (-1, or FD_SETSIZE and above) it waits for the time alone. Signals that
 // nobody asked to note do not end it. Writes out what was printed before it waits.
-[[nodiscard]] wait_result wait_on_socket(int socket, wait_for event, std::int64_t* left_usec);
+[[nodiscard]] wait_result wait_on_socket(int socket, socket_event event, std::int64_t* left_usec);
 
 // Lets others have the processor, without a wait. What was printed goes out and SIGQUIT is answered all the same.
 void yield_processor();

@@ -48,7 +48,7 @@ bool wait_for_room(int socket, stall_rules rules) {
   while (stop_signal() == 0 && waited < rules.longest_usec) {
     if (rules.discard_input) discard_input_of(socket);
     std::int64_t left = stall_slice_usec;
-    const wait_result result = wait_on_socket(socket, wait_for::writable, &left);
+    const wait_result result = wait_on_socket(socket, socket_event::writable, &left);
     if (result == wait_result::ready) return true;
     if (result == wait_result::failed) return false;
     waited += stall_slice_usec - left;
@@ -66,7 +66,7 @@ bool connect_to(int socket, std::uint32_t address, std::uint16_t port) {
   while (result == wait_result::elapsed || result == wait_result::stopped) {
     if (stop_signal() != 0) cleanup_exit(0);
     std::int64_t slice_usec = connection_slice_usec;
-    result = wait_on_socket(socket, wait_for::writable, &slice_usec);
+    result = wait_on_socket(socket, socket_event::writable, &slice_usec);
   }
   int error = 0;
   socklen_t length = sizeof error;
@@ -125,7 +125,7 @@ void open_tcp_socket(const test_settings* settings, run_state* run) {
 void accept_test_connection(run_state* run) {
   while (stop_signal() == 0) {
     std::int64_t slice_usec = connection_slice_usec;
-    if (wait_on_socket(run->listen_socket, wait_for::readable, &slice_usec) != wait_result::ready) continue;
+    if (wait_on_socket(run->listen_socket, socket_event::readable, &slice_usec) != wait_result::ready) continue;
     const int connection = accept4(run->listen_socket, nullptr, nullptr, SOCK_CLOEXEC);
     if (connection == -1 && (errno == EINTR || errno == ECONNABORTED || errno == EAGAIN)) continue;
     if (connection == -1 || connection >= FD_SETSIZE) end_without_connection();
@@ -165,7 +165,7 @@ bool has_room_to_send(int socket) {
   wait_result result = wait_result::stopped;
   while (result == wait_result::stopped) {
     std::int64_t no_wait = 0;
-    result = wait_on_socket(socket, wait_for::writable, &no_wait);
+    result = wait_on_socket(socket, socket_event::writable, &no_wait);
   }
   return result != wait_result::elapsed;
 }

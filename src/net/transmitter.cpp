@@ -77,6 +77,8 @@ void move_on_in_sweep(test_settings* settings, const run_state* run) {
 
 }  // namespace
 
+// The slot is there before the send, whose time it takes. A batch is armed behind the send of its command, whose own
+// slot is one of the batch's.
 int send_test_packet(test_settings* settings, run_state* run, test_stats* stats, const command_body* command) {
   const std::uint32_t length = build_frame(settings, run, command);
   packet_slot* slot = arm_slot(settings, run, run->current_tx__packet);

@@ -54,6 +54,8 @@ void widen(deviation_range* range, double deviation) {
 
 }  // namespace
 
+// A player that takes one packet every spacing must start late enough for the latest of them, and until then has to
+// hold those that came early: what it must be able to hold, in time, is the way from the earliest to the latest.
 void compute_buffer_consumption(const run_state* run, test_stats* stats, const test_settings* settings) {
   if (stats->batch_last_seq < 0) {
     stats->buffer_consumption_usec = 0.0;

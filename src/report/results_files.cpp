@@ -133,6 +133,7 @@ void write_histogram_row(std::FILE* row, const row_context* context) {
 
 using row_writer = void (*)(std::FILE* row, const row_context* context);
 
+// Rows are composed in memory, so that they reach the file whole or not at all.
 bool append_rows(std::FILE* table, row_writer write_header, row_writer write_row, const row_context* context) {
   char* text = nullptr;
   std::size_t length = 0;

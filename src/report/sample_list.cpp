@@ -35,6 +35,7 @@ int compare_samples(std::uint32_t a, std::uint32_t b) {
   return a < b ? -1 : 1;
 }
 
+// Sorted as it grows: one sample comes with each batch, whose line then looks up as many as fourteen.
 void sample_list_add(sample_list* list, std::uint32_t value) {
   if (list->count == list->capacity) grow(list);
   std::uint32_t* end = list->samples + list->count;

@@ -24,6 +24,7 @@ constexpr std::array<std::uint32_t test_settings::*, 13> network_order_fields = 
     &test_settings::tos,
 };
 
+// What a monitor runs for a peer only sends, over its own carrier, a bounded number of packets, and tells nobody.
 void bound_command(test_settings* command, const test_settings* own) {
   command->partner_mode = 0;
   command->command_mode = 0;
