@@ -52,8 +52,8 @@ frame_result handle_datagram(const received_datagram* datagram, test_settings* s
                              &datagram->arrival, settings, stats, run);
 }
 
-// An echo test reads first and waits only when nothing is there: while answers stream in, that saves a call for each. In
-// partner mode that read would find nothing, but for what was read ahead.
+// An echo test reads first and waits only when nothing is there: while answers stream in, that saves a call for each.
+// In partner mode that read would find nothing, but for what was read ahead.
 frame_result receive_datagram(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
   bool read_is_due = settings->partner_mode == 0 || wait_usec == 0 || has_read_ahead();
   for (;; read_is_due = true) {
