@@ -41,12 +41,12 @@ struct call_result {
   std::uint32_t packets;
 };
 
-call_result send_side_by_side(const run_state* run, const sockaddr_in* destination, std::uint32_t first,
+call_result send_side_by_side(const run_state* run, sockaddr_in* destination, std::uint32_t first,
                               std::uint32_t count) {
   const auto segment_bytes = static_cast<std::uint16_t>(run->transmit_length);
   alignas(cmsghdr) std::array<std::uint8_t, CMSG_SPACE(sizeof segment_bytes)> control = {};
   msghdr message = {};
-  message.msg_name = const_cast<sockaddr_in*>(destination);
+  message.msg_name = destination;
   message.msg_namelen = sizeof *destination;
   message.msg_iov = parts[first].data();
   message.msg_iovlen = 2 * std::size_t{count};
@@ -60,12 +60,11 @@ call_result send_side_by_side(const run_state* run, const sockaddr_in* destinati
   return {outcome_of(sendmsg(run->data_socket, &message, MSG_DONTWAIT)), count};
 }
 
-call_result send_one_by_one(const run_state* run, const sockaddr_in* destination, std::uint32_t first,
-                            std::uint32_t count) {
+call_result send_one_by_one(const run_state* run, sockaddr_in* destination, std::uint32_t first, std::uint32_t count) {
   std::array<mmsghdr, largest_burst> messages = {};
   for (std::uint32_t i = 0; i < count; ++i) {
     msghdr* message = &messages[i].msg_hdr;
-    message->msg_name = const_cast<sockaddr_in*>(destination);
+    message->msg_name = destination;
     message->msg_namelen = sizeof *destination;
     message->msg_iov = parts[first + i].data();
     message->msg_iovlen = 2;
@@ -86,7 +85,7 @@ std::uint32_t segments_of_call(const test_settings* settings, const run_state* r
 }
 
 // Packets `first` and up to `count` more of the burst.
-call_result send_in_one_call(const test_settings* settings, run_state* run, const sockaddr_in* destination,
+call_result send_in_one_call(const test_settings* settings, run_state* run, sockaddr_in* destination,
                              std::uint32_t first, std::uint32_t count) {
   if (refuses_destination(settings, destination)) return {send_outcome::refused, 0};
   const std::uint32_t segments = segments_of_call(settings, run, count);
@@ -112,7 +111,7 @@ bool sends_bursts(const test_settings* settings) {
 
 // All packets are built and recorded first, so that the calls follow one another; what one call leaves the next takes.
 std::uint32_t send_burst(const test_settings* settings, run_state* run, test_stats* stats, std::uint32_t count) {
-  const sockaddr_in destination = current_destination(settings);
+  sockaddr_in destination = current_destination(settings);
   for (std::uint32_t i = 0; i < count; ++i) build_packet(settings, run, stats, i);
   std::uint32_t done = 0;
   while (done < count) {
