@@ -7,7 +7,7 @@ static void handle(bench* b, byte_vector message) {
   const frame_result result =
       handle_test_message(inet_addr("10.0.0.7"), htons(9), message.data(), static_cast<int>(message.size()),
                           &b->handled_now(), &b->settings, &b->stats, &b->run);
-  if (result < 0 || result > 2) std::abort();
+  if (result < frame_none || result > frame_ends_batch) std::abort();
   if (b->settings.command_mode != 0) (void)batch_report(&b->settings, &b->run, &b->stats, result);
 }
 
