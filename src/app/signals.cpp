@@ -59,6 +59,8 @@ bool catch_unless_ignored(int signal_number, void (*handler)(int)) {
 }  // namespace
 
 void catch_signals(bool progress_on_quit) {
+  noted_stop_signal = 0;
+  progress_requested = 0;
   wake_descriptor = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (wake_descriptor >= FD_SETSIZE) {
     close(wake_descriptor);

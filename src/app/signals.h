@@ -5,8 +5,8 @@
 #pragma once
 
 // Catches the three stop signals, each only if it was not ignored at start, and SIGQUIT when `progress_on_quit` is
-// true. The first stop signal is noted; from then on those caught have their default action, so a second one ends the
-// process at once.
+// true. Notes begin anew. The first stop signal is noted; from then on those caught have their default action, so a
+// second one ends the process at once.
 void catch_signals(bool progress_on_quit);
 
 // The stop signal that came, or 0.

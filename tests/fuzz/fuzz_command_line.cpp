@@ -1,31 +1,6 @@
 // The parser of the command line. It neither resolves, nor detaches, nor touches files.
-#include <fcntl.h>
-#include <netdb.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-
+#include "fuzz/sealed_host.h"
 #include "support/bench.h"
-
-static int opened = 0;
-
-extern "C" hostent* gethostbyname(const char* name) {
-  static char address[4] = {10, 0, 0, 1};
-  static char* addresses[2] = {address, nullptr};
-  static hostent host = {};
-  host.h_addrtype = name[0] == '6' ? AF_INET6 : AF_INET;
-  host.h_length = 4;
-  host.h_addr_list = name[0] == 'e' ? addresses + 1 : addresses;
-  return name[0] == 'x' ? nullptr : &host;
-}
-
-extern "C" int daemon(int /*no_chdir*/, int /*no_close*/) noexcept {
-  return opened > 3 ? -1 : 0;
-}
-
-extern "C" int open(const char* name, int flags, ...) {
-  if ((flags & O_CREAT) == 0 || name[0] == 'x' || ++opened > 1) return -1;  // one file a run
-  return memfd_create("results", MFD_CLOEXEC);
-}
 
 // The arguments, each behind the one before and a NUL.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

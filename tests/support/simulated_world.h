@@ -15,6 +15,7 @@ struct simulated_world {
   std::int64_t overshoot = 0;           // usec by which every wait ends late
   // What happens while the code waits, by time. Descriptors are real: an event sends to the code by writing to them.
   std::multimap<std::int64_t, std::function<void()>> events;
+  std::function<void()> on_yield;
   int sent = 0;                                                   // datagrams so far
   int send_calls = 0;                                             // that took them
   std::function<void(const std::vector<std::uint8_t>&)> on_send;  // of each datagram
