@@ -2,8 +2,6 @@
 // call on a socket meets, the steps of the clock, the signals, the kernel's stamps.
 #include <dlfcn.h>
 #include <pthread.h>
-#include <dlfcn.h>
-#include <pthread.h>
 #include <sys/time.h>
 
 #include <algorithm>
@@ -252,6 +250,7 @@ ssize_t send(int /*socket*/, const void* bytes, size_t length, int /*flags*/) {
 }
 
 ssize_t recvmsg(int socket, msghdr* message, int flags) {
+  count_call();  // a pair that was shut down is readable for ever
   errno = std::exchange(rules.read_error, 0);
   const ssize_t length = errno != 0 ? -1 : recv(socket, message->msg_iov->iov_base, message->msg_iov->iov_len, flags);
   static_cast<sockaddr_in*>(message->msg_name)->sin_addr.s_addr = inet_addr("10.0.0.7");
