@@ -116,6 +116,12 @@ byte_vector made_plausible(const byte_vector& bytes) {
   return datagram(with_checksum(patched(padded(bytes, 8), 4, raw(static_cast<std::uint16_t>(process_id)))));
 }
 
+// What is planned comes no sooner or later for it.
+void set_clock(std::int64_t step) {
+  world.now += step;
+  for (auto& [time, event] : std::exchange(world.events, {})) world.events.emplace(time + step, event);
+}
+
 struct step {
   std::uint8_t kind;     // low half: what; high half: which
   std::uint16_t number;  // how much
@@ -148,8 +154,7 @@ void take_step(const step& each) {
       rules.stamp_offset = amount * (which < 8 ? 1 : 1000000);
       return;
     case 6:
-      world.now += amount * (which < 8 ? 1000 : 100000000);
-      return;
+      return set_clock(amount * (which < 8 ? 1000 : 100000000));
     case 7:
       return send_signal(signals[which & 3U]);
     case 8:
