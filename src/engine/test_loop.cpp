@@ -87,10 +87,12 @@ bool test_goes_on(const test_settings* settings, const run_state* run) {
   return settings->command_mode == 0 || run->batch < settings->total_requests;
 }
 
-// The pause of a test that never reads; a stop signal ends it.
-void rest_without_reading(const test_settings* settings, const run_state* run) {
-  std::int64_t left_usec = settings->delay_usec > 1 ? time_until_next_release(settings, run) : 0;
-  if (left_usec > 0 && stop_signal() == 0) (void)wait_on_socket(-1, socket_event::readable, &left_usec);
+// The pause of a test that never reads, until its next release; a stop signal ends it. A pass that released nothing, as
+// every pass of a TCP monitor, has no release ahead and rests for a whole delay.
+void rest_without_reading(bool released, const test_settings* settings, const run_state* run) {
+  std::int64_t left_usec = released ? time_until_next_release(settings, run) : settings->delay_usec;
+  if (settings->delay_usec > 1 && left_usec > 0 && stop_signal() == 0)
+    (void)wait_on_socket(-1, socket_event::readable, &left_usec);
   yield_processor();
 }
 
@@ -148,9 +150,10 @@ void run_one_pass(test_settings* settings, run_state* run, test_stats* stats, co
   const std::int64_t now = clock_now();
   follow_clock_set_back(now, run, stats);
   if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
-  const release_end released = release_packets(packets_due(settings, run), settings, run, stats, command);
+  const std::uint32_t due = packets_due(settings, run);
+  const release_end released = release_packets(due, settings, run, stats, command);
   if (settings->ignore_responses != 0) {
-    rest_without_reading(settings, run);
+    rest_without_reading(due != 0, settings, run);
     return;
   }
   if (is_monitor(settings) && uses_icmp(settings)) await_first_sender(settings);

@@ -86,6 +86,12 @@ TEST(Schedule, ReleasesAreDueOneDelayAfterTheOneBeforeWasDue) {
   }
 }
 
+TEST(TcpMonitor, ThatNeverReadsDoesNotSpin) {
+  bench b("-p --server -i -S2 -d1000");
+  said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  EXPECT_LT(world.readings, 20000);
+}
+
 TEST(Commander, EveryPacketOfTheStreamGetsItsSlot) {
   bench b("-c -E3");
   const command_body command = {};
