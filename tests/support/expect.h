@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -33,4 +34,11 @@ std::string said(int result, function&& code) {
   int got = 0;
   const std::string text = said([&] { got = code(); });
   return got == result ? text : text + "result " + std::to_string(got);
+}
+
+// Runs the code in a process of its own, since a stop signal stays noted; what it prints on standard error holds
+// `said`.
+template <typename function>
+void apart(function&& code, const char* said = "") {
+  EXPECT_EXIT((code(), std::_Exit(testing::Test::HasFailure() ? 1 : 0)), testing::ExitedWithCode(0), said);
 }

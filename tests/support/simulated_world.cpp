@@ -2,7 +2,9 @@
 
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -97,6 +99,13 @@ extern "C" ssize_t sendto(int /*socket*/, const void* bytes, size_t length, int 
   message.msg_iovlen = 1;
   take_datagram(&message);
   return static_cast<ssize_t>(length);
+}
+
+extern "C" int accept4(int socket, sockaddr* from, socklen_t* length, int flags) {
+  if (world.accept_errors.empty()) return static_cast<int>(syscall(SYS_accept4, socket, from, length, flags));
+  errno = world.accept_errors.back();
+  world.accept_errors.pop_back();
+  return -1;
 }
 
 // Datagrams side by side, as UDP_SEGMENT cuts them (udp(7)).

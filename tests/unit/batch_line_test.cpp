@@ -45,5 +45,6 @@ TEST(BatchLine, OfEveryStyleAndItsLabels) {
     }
   }
   EXPECT_EQ(line_of("-Q -e7", 7), "    7" + brief + rates + end);  // the last batch
+  EXPECT_EQ(line_of("-v", 7, true), "    7:*" + verbose.substr(2) + rates + "\n");
   EXPECT_EQ(line_of("-B", 7, true), "    7:*" + brief.substr(2) + "   1.2 msec " + end);
 }

@@ -44,7 +44,7 @@ TEST(EchoProgress, TimesOutAtTheAgeItselfOnEitherSideOfEveryWrap) {
 }
 
 TEST(EchoProgress, PassesRequestsThatWereNeverSent) {
-  bench b("-e -m -A7");
+  bench b("-e -A7");
   b.request(0, 100);
   b.answer(0);
   b.slot(0).responder = 0;                               // declared lost by the handler, and counted there

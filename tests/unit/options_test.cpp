@@ -41,6 +41,7 @@ TEST(Options, LettersNumbersAndPresets) {
       {"-d0 -T7 -e0", endless + "8 period=1 "},
       {"-d4294967296 -ex", "count=2147483647 delay=4294967295 timeout=4294967295 period=4294967295 "},
       {"-n192.168.1.2 -u", "udp=1 interface=c0a80102 "},
+      {"-nobody -u", "udp=1 "},
       {"-r3 -S5", "count=2147483647 delay=333333 timeout=433333 period=333333 duration=5 "},
       {"-r2000000 -S5 -e4", "count=4 delay=1 timeout=100001 period=1 duration=5 "},
       {"-c -E10 -d2000", "delay=2000 timeout=102000 partner=1 udp=1 command=1 echoes=10 period=22000 "},

@@ -87,3 +87,15 @@ TEST(Wait, UntilTheFirstThingIsDueAndNoLonger) {
   for (const bool over : {false, true})
     EXPECT_EQ(duration_is_over(&b.settings, &b.stats, b.stats.start_time + 4295000000 + over), over);
 }
+
+TEST(ClockSetBack, TakesStoredTimesAlong) {
+  bench b("-a2 -e9");
+  b.request(0, 3000);
+  b.request(1, 2000);
+  b.answer(1, 500);  // waits for the report of 0
+  b.run.latest_time = world.now;
+  world.now -= 3600000000;
+  follow_clock_set_back(world.now, &b.run, &b.stats);
+  EXPECT_EQ(numbers(world.now - b.slot(0).tx_time, world.now - b.slot(1).tx_time, world.now - b.slot(1).rx_time),
+            (list{3000, 2000, 500}));
+}

@@ -1,53 +1,28 @@
 #include "net/receiver.h"
 
+#include "app/signals.h"
 #include "support/expect.h"
 
-// What a frame comes to, and after how long.
-static std::string receive(bench* b) {
+// What half a message comes to, and after how long, when the rest follows `pause` usec later. Of several stops
+// in a process only the first raises a signal; that is noted for good.
+static std::string receive_halves(std::int64_t pause, bool stop = false) {
+  bench b("-c -p -s");
+  b.connect(SOCK_STREAM);
+  const byte_vector whole = message(3, 5, 0, 7, 40);
+  b.write_to_code(prefix(whole, 25));
+  world.after(pause, [&] { b.write_to_code({whole.begin() + 25, whole.end()}); });
+  if (stop && stop_signal() == 0) world.after(0, [] { std::raise(SIGTERM); });
   const std::int64_t start = world.now;
-  const int result = receive_one_frame(&b->settings, &b->run, &b->stats, 1000);
+  const int result = receive_one_frame(&b.settings, &b.run, &b.stats, 1000);
   return std::to_string(result) + " after " + std::to_string(world.now - start);
 }
 
-TEST(TcpFraming, LengthsPiecesAndPauses) {
-  for (const std::uint32_t length : {20U, 21U, 65536U, 0U, 19U, 65537U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU}) {
-    bench b("-c -p -s");
-    b.connect(SOCK_STREAM);
-    b.write_to_code(patched(message(3, 5, 0, 7, 65556), 16, be32(length)));
-    EXPECT_EQ(receive(&b), length >= 20 && length <= 65536 ? "1 after 0" : "-1 after 0") << length;
-    const std::size_t left = 65556 - (length >= 20 && length <= 65536 ? length : 20);
-    EXPECT_EQ(receive_all(b.run.data_socket, byte_vector(left).data(), static_cast<int>(left)), left);
-  }
-  const byte_vector whole = message(3, 5, 0, 7, 40);
-  // Of ten seconds the reader waits no longer; 0: the end.
-  const std::pair<int, const char*> cases[] = {
-      {9999999, "1 after 9999999"}, {10000001, "-1 after 10000000"}, {0, "-1 after 0"}};
-  for (std::size_t cut = 1; cut < whole.size(); ++cut) {
-    for (const auto& [pause, expected] : cases) {
-      bench b("-c -p -s");
-      b.connect(SOCK_STREAM);
-      b.write_to_code(prefix(whole, cut));
-      world.after(pause, [&] { b.write_to_code({whole.data() + cut, whole.data() + whole.size()}); });
-      if (pause == 0) shutdown(b.peer, SHUT_WR);
-      EXPECT_EQ(receive(&b), expected) << cut;
-    }
-  }
-}
-
-TEST(Receiver, PollsOnceAndReportsWhatCannotBeRead) {
-  const std::string broken = "[err] Error- socket error on socket\n";
-  for (const std::string mode : {"-u", "-c -s -E9"}) {
-    bench b(mode);
-    b.connect(SOCK_DGRAM);
-    const auto poll = [&] { return static_cast<int>(receive_one_frame(&b.settings, &b.run, &b.stats, 0)); };
-    b.request(3);
-    b.write_to_code(message(3, 70000, 0, 3));
-    EXPECT_EQ(said(mode == "-u" ? 0 : 1, poll), "");
-    EXPECT_EQ(b.stats.rx_packets, 1U) << mode;
-    EXPECT_EQ(said(0, poll), "");
-    const int socket = std::exchange(b.run.data_socket, 60);  // which nothing has open
-    for (const std::int64_t wait : {0, 1000})
-      EXPECT_EQ(said(-1, [&] { return receive_one_frame(&b.settings, &b.run, &b.stats, wait); }), broken) << mode;
-    b.run.data_socket = socket;
-  }
+TEST(Receiver, WaitsForTheRestOfAMessageButNotForEver) {
+  EXPECT_EQ(receive_halves(9999999), "1 after 9999999");
+  EXPECT_EQ(receive_halves(10000001), "-1 after 10000000");
+  apart([] {  // a stop signal leaves the rest a tenth of a second
+    catch_signals(true);
+    EXPECT_EQ(receive_halves(99999, true), "1 after 99999");
+    EXPECT_EQ(receive_halves(100001, true), "-1 after 100000");
+  });
 }

@@ -23,3 +23,10 @@ TEST(RunningBitrate, CountsTheWindowAndTheTest) {
   b.stats.tx_packets = 0;
   EXPECT_EQ(bitrate(b), "Running Bitrate:   0.000 Megabits/s,    0.0 fps\n");
 }
+
+TEST(RunningBitrate, CountsEverySlotOnce) {
+  bench b("-A70000");
+  b.run.oldest_outstanding = 70000;
+  for (int i = 70000 - 65536; i < 70000; ++i) b.answer(i, 70000 - i);
+  EXPECT_TRUE(bitrate(b).ends_with(", 2000000.0 fps\n"));
+}

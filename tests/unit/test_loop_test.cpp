@@ -1,7 +1,10 @@
 #include "engine/test_loop.h"
 
 #include <algorithm>
+#include <csignal>
 
+#include "app/signals.h"
+#include "engine/progress_line.h"
 #include "support/expect.h"
 #include "wire/remote_command.h"
 
@@ -23,7 +26,7 @@ TEST(EchoRun, SendsAgainAfterEveryAnswer) {  // were it to read what is queued f
 }
 
 TEST(EchoRun, OutlivesEveryStepOfTheClock) {
-  for (const std::int64_t step : {3600000000, -3600000000}) {
+  for (const std::int64_t step : {3600000000, -3600000000, 20 * 365 * 86400000000}) {
     for (const std::int64_t moment :
          {50000, 100001, 100500, 199000, 500000, 700900}) {                    // awaiting an answer, or the next
       for (const std::string arguments : {"-e8", "-e8 -T100001", "-e8 -i"}) {  // answered, not answered, not asked
@@ -92,9 +95,74 @@ TEST(TcpMonitor, ThatNeverReadsDoesNotSpin) {
   EXPECT_LT(world.readings, 20000);
 }
 
-TEST(Commander, EveryPacketOfTheStreamGetsItsSlot) {
+TEST(Commander, EveryPacketOfTheStreamGetsItsSlotAndTheCommandLeavesTheBuffer) {
   bench b("-c -E3");
-  const command_body command = {};
+  command_body command = {};
+  command.bytes[7] = 1;
   EXPECT_EQ(send_test_packet(&b.settings, &b.run, &b.stats, &command), 0);
   EXPECT_EQ(numbers(b.slot(0).outstanding, b.slot(2).outstanding, b.slot(3).outstanding), (list{1, 1, 0}));
+  EXPECT_EQ(transmit_buffer[20 + 7], 0);
+}
+
+TEST(Commander, FiguresOfEveryBatchBeginAnew) {
+  bench b("-c -e2 -E3 -v -s -T0 -d1000");
+  b.connect(SOCK_DGRAM);
+  const command_body command = {};
+  world.on_send = [&](const byte_vector& operation) {
+    const bool first = operation[11] == 0;  // its batch
+    for (int i = 0; i < 3; ++i)
+      world.after((first ? 5000 : 900) * i, [&b, i] { b.write_to_code(message(3, 55, b.run.batch, i, 100)); });
+  };
+  const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
+  EXPECT_NE(text.find(" 2 late"), std::string::npos) << text;
+  EXPECT_NE(text.find("m/M/a   5.000/  5.000/"), std::string::npos) << text;
+  EXPECT_NE(text.find(" 0 late"), std::string::npos) << text;
+  EXPECT_NE(text.find("m/M/a   0.900/  0.900/"), std::string::npos) << text;
+}
+
+TEST(Debugging, TellsEverySendAndWait) {
+  bench b("-e1 -D");
+  const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  EXPECT_TRUE(
+      text.starts_with("0.000000: Tx one, process_id = 00011170, *current_tx__packet = 0, batch = 0\n"
+                       "Select for 0.200000\n"))
+      << text;
+}
+
+TEST(Progress, OfRequestsAndOfBatches) {
+  bench echo;
+  bench commander("-c -E50");
+  for (bench* b : {&echo, &commander}) {
+    b->run.batch = 4;
+    b->stats.tx_packets = 8;
+    b->stats.rx_packets = 5;
+    b->stats.lost_packets = 2;
+    b->stats.lost_in_bad_samples = 14;
+  }
+  const auto progress = [](const bench& b) { return said([&] { print_progress(&b.settings, &b.run, &b.stats); }); };
+  EXPECT_EQ(progress(echo), "[err] So far: 8 sent, 5 received, 2 lost, 25.00% lost\n");
+  EXPECT_EQ(progress(commander), "[err] So far: 200 sent, 184 received, 16 lost, 8.00% lost\n");
+}
+
+TEST(Progress, IsToldAtOnceAndDisturbsNoSchedule) {
+  const char* const thrice = "(So far: 2 sent[^\n]*\nnext\n.*){2}So far: 256 sent[^\n]*\nnext\n";
+  const auto run = [] {
+    catch_signals(true);
+    for (const std::string path : {"-a99 -m", "-i"}) {  // while it waits for answers, and while it rests
+      bench b(path + " -e4 -d20000");
+      list times;
+      world.on_send = [&, start = world.now](const byte_vector&) { times.push_back((world.now - start) / 10 * 10); };
+      world.after(25000, [] { std::raise(SIGQUIT); });
+      world.after(25001, [] { std::fputs("next\n", stderr); });
+      run_test(&b.settings, &b.stats, &b.run, nullptr);
+      EXPECT_EQ(times, (list{0, 20000, 40000, 60000}));
+    }
+    bench b("-i -d1 -e1000");  // in a long release
+    world.on_send = [](const byte_vector&) {
+      if (world.sent == 200) std::raise(SIGQUIT);
+      if (world.sent == 300) std::fputs("next\n", stderr);
+    };
+    run_test(&b.settings, &b.stats, &b.run, nullptr);
+  };
+  apart(run, thrice);
 }

@@ -1,0 +1,121 @@
+#include "net/tcp_connection.h"
+
+#include <sys/un.h>
+
+#include <cerrno>
+
+#include "app/signals.h"
+#include "engine/test_loop.h"
+#include "net/message_handler.h"
+#include "net/receiver.h"
+#include "support/expect.h"
+
+// What the code sent, up to the end of the connection or to what is there now.
+static byte_vector drained(const bench& b) {
+  byte_vector all;
+  byte_vector piece(100000);
+  for (ssize_t got = 1; got > 0;) {
+    got = recv(b.peer, piece.data(), piece.size(), MSG_DONTWAIT);
+    if (got > 0) all.insert(all.end(), piece.begin(), piece.begin() + got);
+  }
+  return all;
+}
+
+static bool has_ended(const bench& b) {
+  char byte = 0;
+  return recv(b.peer, &byte, 1, MSG_DONTWAIT) == 0;
+}
+
+TEST(Stall, BytesGoOutOnceAndInOrder) {
+  byte_vector bytes(1000000);
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 7919 / 256);
+  bench b;
+  b.connect(SOCK_STREAM);
+  byte_vector arrived;
+  for (int i = 1; i < 50; ++i) world.after(30000 * i, [&] { arrived = arrived + drained(b); });
+  const stream_result result = send_all(b.run.data_socket, bytes, {.longest_usec = 60000000, .discard_input = false});
+  EXPECT_EQ(numbers(result.sent, result.stalled), (list{1000000, 0}));
+  EXPECT_EQ(arrived + drained(b), bytes);
+}
+
+TEST(Stall, EndsWithThePatienceOrAStopSignal) {
+  apart([] {
+    catch_signals(true);
+    for (const std::int64_t patience : {500000, 60000000}) {
+      bench b;
+      b.connect(SOCK_STREAM);
+      world.after(2000000, [] { std::raise(SIGTERM); });
+      const std::int64_t start = world.now;
+      const byte_vector bytes(1000000);
+      EXPECT_TRUE(send_all(b.run.data_socket, bytes, {.longest_usec = patience, .discard_input = false}).stalled);
+      EXPECT_EQ(world.now - start, std::min<std::int64_t>(patience, 2000000));
+    }
+  });
+}
+
+// A monitor gives a peer that does not read ten seconds, then ends the connection: half a message or half a reply would
+// shift all that follows. The socket is the monitor's to close.
+TEST(Monitor, EndsTheConnectionOfAPeerThatDoesNotRead) {
+  byte_vector body = patched(byte_vector(144), 4, be32(40) + be32(40));  // 40 packets of 65495 bytes
+  body = patched(patched(body, 32, be32(65535)), 84, be32(1));
+  const byte_vector request = message(1, 55, 0, 0, 65495);
+  const byte_vector operation = patched(message(4, 55, 0, 0, 164), 20, body);
+  for (const byte_vector& each : {request, operation}) {
+    bench b("-p --server");
+    b.connect(SOCK_STREAM);
+    const std::int64_t start = world.now;
+    const std::string text = said([&] {
+      for (int i = 0; i < 40 && world.now == start; ++i) {
+        byte_vector bytes = patched(each, 12, be32(i));
+        (void)handle_test_message(1, 2, bytes.data(), static_cast<int>(bytes.size()), &b.handled_now(), &b.settings,
+                                  &b.stats, &b.run);
+      }
+    });
+    EXPECT_EQ((world.now - start) / 1000000, 10);
+    const std::size_t half = drained(b).size() % 65495;
+    EXPECT_EQ(text, each == request ? ""
+                                    : "Err- could not send " + std::to_string(65495 - half) + " bytes. Sent " +
+                                          std::to_string(half) + " bytes\n");
+    EXPECT_TRUE(has_ended(b));
+    EXPECT_EQ(send(b.run.data_socket, "", 1, 0), -1);
+    EXPECT_EQ(errno, EPIPE);  // not EBADF
+  }
+}
+
+TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
+  for (const std::string way : {"-a9", "-i"}) {  // it finds the end by reading, and by sending
+    bench b("-p -e5 -d10000 -T10000 " + way);
+    b.connect(SOCK_STREAM);
+    shutdown(b.peer, SHUT_RDWR);
+    const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+    const char* const line = "Err- could not send 20 bytes. Sent 0 bytes\n";
+    EXPECT_EQ(text.find(line), 0U) << text;
+    EXPECT_EQ(text.rfind(line), 0U) << text;  // nothing more is sent
+    EXPECT_EQ(b.run.data_socket, -1);
+  }
+  bench b("-p -e1 -T1000 -d1000");
+  b.connect(SOCK_STREAM);
+  shutdown(b.peer, SHUT_WR);  // takes the request, never answers
+  said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  EXPECT_EQ(numbers(b.stats.tx_packets, b.stats.lost_packets, b.run.data_socket), (list{1, 1, -1}));
+  EXPECT_LT(world.readings, 100);
+}
+
+TEST(Accept, GoesOnAfterAConnectionThatIsGone) {
+  bench b("-p --server");
+  const sockaddr_un name = {.sun_family = AF_UNIX, .sun_path = ""};
+  b.run.listen_socket = socket(AF_UNIX, SOCK_STREAM, 0);
+  b.peer = socket(AF_UNIX, SOCK_STREAM, 0);
+  socklen_t length = sizeof name.sun_family;  // the kernel chooses the name
+  sockaddr_un bound = name;
+  ASSERT_EQ(bind(b.run.listen_socket, reinterpret_cast<const sockaddr*>(&name), length), 0);
+  ASSERT_EQ(listen(b.run.listen_socket, 1), 0);
+  length = sizeof bound;
+  ASSERT_EQ(getsockname(b.run.listen_socket, reinterpret_cast<sockaddr*>(&bound), &length), 0);
+  ASSERT_EQ(::connect(b.peer, reinterpret_cast<const sockaddr*>(&bound), length), 0);
+  world.accept_errors = {ECONNABORTED, EAGAIN, EINTR};
+  accept_test_connection(&b.run);
+  EXPECT_TRUE(world.accept_errors.empty());
+  EXPECT_GE(b.run.data_socket, 0);
+  close(b.run.listen_socket);
+}
