@@ -8,7 +8,7 @@ import pytest
 
 LABORATORY = str(Path(__file__).parents[2] / "lab")
 sys.path.insert(0, LABORATORY)
-from network import End, Host, Link, chain, standing
+from network import LIBC, End, Host, Link, chain, standing
 
 VORN = os.path.abspath(os.environ.get("VORN", Path(__file__).parents[2] / "build/debug/vorn"))
 PATIENCE = 60  # seconds that only a hanging program exceeds
@@ -46,6 +46,16 @@ class Program:
 
     def proc(self, file):
         return Path(f"/proc/{self.pid}/{file}").read_text()
+
+    # The values of these options, and the address, of each socket that it has open.
+    def sockets(self, *options):
+        process, found = os.pidfd_open(self.pid), []
+        for name in sorted(os.listdir(f"/proc/{self.pid}/fd"), key=int):
+            if os.readlink(f"/proc/{self.pid}/fd/{name}").startswith("socket:"):
+                with socket.socket(fileno=LIBC.syscall(438, process, int(name), 0)) as copy:  # pidfd_getfd
+                    found.append([*(copy.getsockopt(*option) for option in options), copy.getsockname()[0]])
+        os.close(process)
+        return found
 
     def wait_for(self, text):
         eventually(lambda: text in self.out + self.err or self.status is not None, text)

@@ -81,15 +81,14 @@ def test_no_loop_with_another_service_or_monitor(lab):
 
 
 def test_tcp_framing(lab):
-    here, elsewhere = lab.namespace(), lab.namespace()
-    lab.monitor("-p", at=here), lab.monitor("-p", at=elsewhere)
+    here = lab.namespace()
+    lab.monitor("-p", at=here)
 
-    def connect(data, at=here):
-        connection = lab.socket(at, to=LOOPBACK)
+    def connect(data):
+        connection = lab.socket(here, to=LOOPBACK)
         connection.sendall(data)
         return connection
 
-    stalled, begin = connect(message(ECHO_REQUEST, length=21), elsewhere), time.monotonic()  # and never the last byte
     for length in (0, 1, 19, 65537, 0x80000000, 0xFFFFFFFF):
         assert connect(message(ECHO_REQUEST, length=length)).recv(1) == b"", length
     for part in (b"", b"x", message(ECHO_REQUEST)[:19], message(ECHO_REQUEST, length=100) + bytes(79)):
@@ -102,7 +101,6 @@ def test_tcp_framing(lab):
     for sequence, size in ((5, 10), (6, 0), (7, 65516)):
         answer = message(ECHO_REPLY, 0, sequence, body=bytes(size))
         assert connection.recv(len(answer), socket.MSG_WAITALL) == answer
-    assert stalled.recv(1) == b"" and time.monotonic() - begin > 9
 
 
 def forged(source, port, text):  # a message to a monitor, as if it came from there

@@ -42,7 +42,10 @@ def test_full_disk_and_odd_results_files(lab, tmp_path):
         assert (run.err, run.status) == (TO_HERE + words + END, 0)
     assert (tmp_path / "out/row.csv").read_text().count("\n") == 2
     assert re.fullmatch(r"(5\.2,fifo,[^\n]*,\n)?", reader.read())
+    run = lab.start(*SHORT, "-d300000", "-ffifo", at=here, cwd=tmp_path)
+    run.wait_for("Destination")
     reader.close()
+    assert run.finish().err == f"{TO_HERE}Error: could not write results file fifo\n{END}" and run.status == 0
     (tmp_path / "gone").mkdir()
     run = lab.start("--client", LOOPBACK, "-e1", "-E2", "-d300000", "-fgone/out.csv", at=here, cwd=tmp_path)
     run.wait_for("Destination")

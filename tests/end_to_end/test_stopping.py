@@ -38,6 +38,28 @@ def test_second_signal_ends_at_once_and_a_quit_signal_shows_progress(lab):
     assert re.findall(r"\d+(?:\.\d+)?", run.err.splitlines()[1]) == ["2", "1", "0", "0.00"]
 
 
+def test_signals_that_are_ignored_or_not_ours(lab):
+    run = lab.monitor(before=["env", "--ignore-signal=HUP"])
+    run.signal(signal.SIGHUP)
+    stop(run, signal.SIGTERM)
+    run = lab.monitor(before=["prlimit", "--core=0"])
+    run.signal(signal.SIGQUIT)  # a monitor has no progress to show
+    assert run.finish(AT_ONCE).status == -signal.SIGQUIT
+
+
+def test_a_slow_pipe_gets_every_line(lab):
+    reading, writing = os.pipe()
+    with open(reading) as pipe, open(writing, "w") as end:
+        fcntl.fcntl(end, fcntl.F_SETPIPE_SZ, 4096)
+        run = lab.start("-d0", "-e", "-a50", SURE, LOOPBACK, stdout=end)
+        end.close()
+        eventually(lambda: "pipe" in run.proc("wchan"), "the pipe that is full")
+        run.signal(signal.SIGINT)
+        lines = pipe.read().split("In ")[0].splitlines()[2:]
+    assert run.finish(AT_ONCE).status == -signal.SIGINT
+    assert [line.split(":")[0].strip() for line in lines] == [str(i) for i in range(len(lines))]
+
+
 def test_commander_writes_its_rows(lab, tmp_path):
     for number, silent in zip(STOPS, (False, True, False)):
         here, name = lab.namespace(), f"{number.name}.csv"
@@ -46,6 +68,7 @@ def test_commander_writes_its_rows(lab, tmp_path):
         monitor.recv(1000) if silent else run.wait_for("    3:  Pkts")
         stop(run, number)
         assert re.search(r"\nTest complete! Total test time:  *\d+\.\d{3}s\n$", run.body)
+        assert " Rx " not in run.body  # the open batch is not judged
         rows = [(tmp_path / file).read_text().splitlines() for file in (name, "HISTOGRAM_" + name)]
         assert [len(table) for table in rows] == [2, 2] and rows[0][1].split(",")[6] == str(run.body.count("Pkts:"))
 
@@ -103,6 +126,9 @@ def test_laboratory_leaves_nothing_behind(lab):
 
 def test_a_send_that_cannot_go_on_ends_with_the_test(lab):
     peer = lab.own(TunPeer(lab.namespace(), {}))
+    run = lab.start("-p", HOST, at=peer.namespace)
+    run.wait_for("Built")  # it tries to connect, and nobody answers
+    stop(run, signal.SIGTERM)
     queue = "qdisc replace dev tun0 root tbf rate 64kbit burst 3000 limit 99999999"  # so that it fills a send buffer
     lab.run(*queue.split(), program="tc", at=peer.namespace)
     with peer.namespace:

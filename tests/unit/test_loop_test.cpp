@@ -157,6 +157,16 @@ TEST(Progress, IsToldAtOnceAndDisturbsNoSchedule) {
       run_test(&b.settings, &b.stats, &b.run, nullptr);
       EXPECT_EQ(times, (list{0, 20000, 40000, 60000}));
     }
+    bench commander("-c -e1 -E2 -s");  // in a batch, which goes on
+    commander.connect(SOCK_DGRAM);
+    const command_body command = {};
+    world.on_send = [&](const byte_vector&) {
+      world.after(0, [&] { commander.write_to_code(message(3, 55, 0, 0)); });
+      world.after(25000, [] { std::raise(SIGQUIT); });
+      world.after(50000, [&] { commander.write_to_code(message(3, 55, 0, 1)); });
+    };
+    run_test(&commander.settings, &commander.stats, &commander.run, &command);
+    EXPECT_EQ(numbers(commander.stats.rx_packets, commander.stats.bad_samples), (list{2, 0}));
     bench b("-i -d1 -e1000");  // in a long release
     world.on_send = [](const byte_vector&) {
       if (world.sent == 200) std::raise(SIGQUIT);
