@@ -101,7 +101,8 @@ extern "C" ssize_t sendto(int /*socket*/, const void* bytes, size_t length, int 
   return static_cast<ssize_t>(length);
 }
 
-extern "C" int accept4(int socket, sockaddr* from, socklen_t* length, int flags) {
+// Weak: a program that fakes all of its sockets has one of its own.
+extern "C" __attribute__((weak)) int accept4(int socket, sockaddr* from, socklen_t* length, int flags) {
   if (world.accept_errors.empty()) return static_cast<int>(syscall(SYS_accept4, socket, from, length, flags));
   errno = world.accept_errors.back();
   world.accept_errors.pop_back();
