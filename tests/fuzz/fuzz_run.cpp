@@ -254,7 +254,8 @@ ssize_t send(int /*socket*/, const void* bytes, size_t length, int /*flags*/) {
   return static_cast<ssize_t>(rules.errors > 1 ? length / 2 : length);
 }
 
-ssize_t recvmsg(int socket, msghdr* message, int flags) {
+// One datagram, and its stamp.
+static ssize_t read_message(int socket, msghdr* message, int flags) {
   count_call();  // a pair that was shut down is readable for ever
   errno = std::exchange(rules.read_error, 0);
   const ssize_t length = errno != 0 ? -1 : recv(socket, message->msg_iov->iov_base, message->msg_iov->iov_len, flags);
@@ -270,6 +271,16 @@ ssize_t recvmsg(int socket, msghdr* message, int flags) {
   *part = {.cmsg_len = CMSG_LEN(sizeof stamp), .cmsg_level = SOL_SOCKET, .cmsg_type = SO_TIMESTAMP};
   std::memcpy(CMSG_DATA(part), &stamp, sizeof stamp);
   return length;
+}
+
+int recvmmsg(int socket, mmsghdr* messages, unsigned int count, int flags, timespec* /*timeout*/) {
+  unsigned int got = 0;
+  for (; got < count; ++got) {
+    const ssize_t length = read_message(socket, &messages[got].msg_hdr, flags);
+    if (length < 0) break;
+    messages[got].msg_len = static_cast<unsigned int>(length);
+  }
+  return got != 0 ? static_cast<int>(got) : -1;
 }
 
 }  // extern "C"
@@ -288,6 +299,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   world.on_send = answer;
   world.send_error = [](bool /*side_by_side*/) { return is_refused() ? errno : 0; };
   rules = {};
+  discard_read_ahead();
   opened = 0;
   bandwidth_samples.count = buffer_samples.count = 0;
   results_filename = results_tag = nullptr;
