@@ -12,12 +12,14 @@ AS_NOBODY = ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
 def test_presets_and_refusals(lab):
     for arguments, words in {
         "": "Error- Expecting a host to send traffic to\n", "-x": "", "-d": "Error- could not parse <-d>\n",
-        "-q256": "ERROR: Max TOS is 255\n", "-f": "Error: Expecting filename for -f\n", "-F": "Error: Expecting tag for -F\n",
+        "-q256": "ERROR: Max TOS is 255\n",
+        "-f": "Error: Expecting filename for -f\n", "-F": "Error: Expecting tag for -F\n",
         "-fno/such/place": "Error: Bad filename? Permissions?\n", "-f/": "Error: Bad filename? Permissions?\n",
         "--clientx": "Error: unexpected -- option received\n", "10.0.0.1 10.0.0.2 -p -u": "-u and -p incompatible\n",
         "0.0.0.0": "Error- could not interpret <0.0.0.0>\n", "-c -i 10.0.0.1": "-c and -i incompatible\n",
         "10.0.0.1 10.0.0.2 10.0.0.3": "Error- unexpected argument <10.0.0.3> \n",
-        "--": "Error: Expecting more than just --\n", "no-such-host.invalid": "Error- unresolved host <no-such-host.invalid>\n",
+        "--": "Error: Expecting more than just --\n",
+        "no-such-host.invalid": "Error- unresolved host <no-such-host.invalid>\n",
         "-Rno-such-host.invalid --c --s --b --d --t --l --v -x": "",
         "-a65535 -l65536 -E65536 -x": "-a# capped at 65534\n-l# capped at 65535\n",
     }.items():

@@ -104,9 +104,11 @@ def test_clock_set_by_an_hour(lab, tmp_path, offset):
         clock.touch()
         eventually(lambda: len(peer.packets) >= 6 or run.status is not None, "requests after the clock was set")
         clock.unlink()
-        assert run.finish(AT_ONCE).status == 0 and "-" not in run.body, run.body
+        assert run.finish(AT_ONCE).status == 0
+        assert "-" not in run.body.replace("Err- Unexpected", ""), run.body  # a request may have aged by an hour
         settled = run.body.count("Received") + run.body.count("TIMEOUT")
-        assert option == "-S1800" or settled == len(peer.packets) == 8, run.body
+        assert option == "-S1800" or settled == 8, run.body
+        eventually(lambda: option == "-S1800" or len(peer.packets) == 8, "the last request")
 
 
 def test_laboratory_leaves_nothing_behind(lab):
