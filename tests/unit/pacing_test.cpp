@@ -98,4 +98,5 @@ TEST(ClockSetBack, TakesStoredTimesAlong) {
   follow_clock_set_back(world.now, &b.run, &b.stats);
   EXPECT_EQ(numbers(world.now - b.slot(0).tx_time, world.now - b.slot(1).tx_time, world.now - b.slot(1).rx_time),
             (list{3000, 2000, 500}));
+  EXPECT_EQ(ticks_to_usec(world.now), world.now);  // as by a clock that starts in 1970 and then learns the date
 }
