@@ -55,6 +55,7 @@ def test_a_slow_pipe_gets_every_line(lab):
         end.close()
         eventually(lambda: "pipe" in run.proc("wchan"), "the pipe that is full")
         run.signal(signal.SIGINT)
+        eventually(lambda: re.search(r"ShdPnd:\t0+\n", run.proc("status")), "the signal that is noted")
         _, _, *lines, counts, _, _, _, _ = pipe.read().splitlines()
     assert run.finish(AT_ONCE).status == -signal.SIGINT
     answered = int(re.search(r"(\d+) rx pkts", counts)[1])
