@@ -1,6 +1,6 @@
 // The parser of the command line. It neither resolves, nor detaches, nor touches files.
 #include "fuzz/sealed_host.h"
-#include "support/bench.h"
+#include "support/workbench.h"
 
 // The arguments, each behind the one before and a NUL.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

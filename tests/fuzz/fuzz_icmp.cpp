@@ -1,13 +1,13 @@
 // The reader of everything that a raw ICMP socket delivers, in echo and monitor mode.
 #include "engine/echo_progress.h"
 #include "net/icmp_handler.h"
-#include "support/bench.h"
+#include "support/workbench.h"
 
 // The first byte says how the run stands; each datagram follows behind the two bytes of its length.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   static const std::string modes[] = {"", "-s -m", "-a4 -e9", "-t -e9 -a9 10.0.0.1 10.0.0.9"};
-  bench b(modes[data[0] & 3U]);
+  workbench b(modes[data[0] & 3U]);
   b.settings.partner_mode = data[0] >> 2U & 1U;
   if (b.settings.partner_mode != 0 && (data[0] & 8U) != 0) b.settings.process_id = 0;
   b.settings.remote_run = data[0] >> 4U & 1U;

@@ -1,9 +1,9 @@
 // The reader of test messages in its three roles, commands and their execution included.
 #include "net/message_handler.h"
 #include "report/batch_report.h"
-#include "support/bench.h"
+#include "support/workbench.h"
 
-static void handle(bench* b, byte_vector message) {
+static void handle(workbench* b, byte_vector message) {
   const frame_result result =
       handle_test_message(inet_addr("10.0.0.7"), htons(9), message.data(), static_cast<int>(message.size()),
                           &b->handled_now(), &b->settings, &b->stats, &b->run);
@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const std::string roles[] = {"-u",    "-p",    "-c -E5 -b -v",  "-c -p -E5 -b",
                                       "-u -s", "-p -s", "-c -E65536 -Q", "-c -E0 -B"};
   const std::uint8_t role = data[0];
-  bench b(roles[role & 7U]);
+  workbench b(roles[role & 7U]);
   b.settings.partner_mode |= role >> 3U & 1U;
   b.settings.remote_run = role >> 4U & 1U;
   if (b.settings.tcp != 0) b.connect(SOCK_STREAM);

@@ -14,7 +14,7 @@
 #include "app/signals.h"
 #include "fuzz/sealed_host.h"
 #include "net/socket_wait.h"
-#include "support/bench.h"
+#include "support/workbench.h"
 
 namespace {
 

@@ -1,13 +1,13 @@
 // The reader of a TCP stream: a monitor, an echo test or a commander, pieces and pauses included.
 #include "net/receiver.h"
-#include "support/bench.h"
+#include "support/workbench.h"
 
 // The first byte says who reads and in which pieces the rest comes. What does not fit while nobody reads is lost.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   static char sink[65536];  // the peer reads whatever it is sent
   static const std::string readers[] = {"-p", "-p -s", "-c -p -E5", "-p -D"};
-  bench b(readers[data[0] & 3U]);
+  workbench b(readers[data[0] & 3U]);
   b.settings.partner_mode |= data[0] >> 2U & 1U;
   b.connect(SOCK_STREAM);
   const std::size_t piece = std::size_t{1} << (data[0] >> 4U);

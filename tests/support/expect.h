@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/bench.h"
+#include "support/workbench.h"
 
 using list = std::vector<std::int64_t>;
 

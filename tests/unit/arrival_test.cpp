@@ -7,7 +7,7 @@
 // Request 5, or packet 4 of a stream, is 9 ms old. How long ago did the answer, or packet 5, arrive that is handled now
 // and that the kernel stamped `stamp_age` usec ago?
 static std::int64_t age_of_arrival(const std::string& carrier, bool in_a_stream, std::int64_t stamp_age) {
-  bench b(carrier + " -s");
+  workbench b(carrier + " -s");
   b.settings.partner_mode = in_a_stream;
   b.request(5, 9000);
   b.run.last_rx_time = in_a_stream ? b.slot(5).tx_time : 0;

@@ -3,7 +3,7 @@
 #include "support/expect.h"
 
 static std::string line_of(const std::string& arguments, std::uint32_t number, bool bad = false) {
-  bench b(arguments + " -c -E50");  // of 50 packets 47 came in 48 ms
+  workbench b(arguments + " -c -E50");  // of 50 packets 47 came in 48 ms
   b.run.batch = number;
   b.run.payload_length = 1472;
   b.stats.rx_packets = 47;

@@ -11,7 +11,7 @@ TEST(BatchReport, FirstAndLastPacketMakeASampleGood) {
   const list cases[] = {{0, 49, 50, 0, 0}, {0, 49, 49, 0, 1}, {0, 49, 52, 0, -2}, {1, 49, 49, 1, 1},
                         {0, 48, 49, 1, 1}, {7, 7, 1, 1, 49},  {-1, -1, 0, 1, 50}};
   for (const list& each : cases) {
-    bench b("-c -e9 -B -d0 -E50");
+    workbench b("-c -e9 -B -d0 -E50");
     const auto report = [&](frame_result status, int result) {
       return said(result, [&] { return batch_report(&b.settings, &b.run, &b.stats, status); });
     };
@@ -34,14 +34,14 @@ TEST(BatchReport, FirstAndLastPacketMakeASampleGood) {
 }
 
 TEST(BatchReport, CountsOfATestSaturate) {
-  bench b("-c -e4294967295 -E5");
+  workbench b("-c -e4294967295 -E5");
   said(0, [&] { return batch_report(&b.settings, &b.run, &b.stats, frame_none); });
   EXPECT_EQ(numbers(b.stats.bad_samples, b.settings.total_requests, b.settings.echo_count),
             (list{1, 0xFFFFFFFF, 0xFFFFFFFF}));
 }
 
 TEST(BatchReport, FiguresThatDoNotFitBecomeTheLargest) {  // many duplicates; packets hours ahead of their schedule
-  bench b("-c -e9 -B -d4294967295 -E4");
+  workbench b("-c -e9 -B -d4294967295 -E4");
   for (std::int64_t i = 0; i < 4; ++i) b.answer(i, -i);
   b.run.payload_length = 65515;
   b.stats.batch_first_seq = 0;

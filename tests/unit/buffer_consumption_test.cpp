@@ -6,7 +6,7 @@
 
 // Of arrivals at usec by sequence number. The last number received is `last`, else the highest.
 static double consumption(const std::map<int, int>& arrivals, std::uint32_t delay, int last = -2) {
-  bench b;
+  workbench b;
   b.settings.delay_usec = delay;
   b.stats.buffer_consumption_usec = 7.5;  // of the batch before
   for (const auto& [sequence, usec] : arrivals) b.answer(sequence, -usec);

@@ -20,7 +20,7 @@ struct sent_run {
 // says that it left just now.
 sent_run blast(const std::string& arguments, const std::function<int(bool)>& send_error = nullptr,
                bool command = false) {
-  bench b(arguments);
+  workbench b(arguments);
   b.settings.remote_run = command;
   const bool icmp = b.settings.udp == 0;
   sent_run result;
@@ -56,7 +56,7 @@ TEST(Burst, EveryPacketOnceInOrderInFewCalls) {
   }
   // A send time is measured in echo mode, in a sweep, in a traceroute: a call for each.
   for (const std::string arguments : {"-u -a20 -d1 -e20 -T1", "-u -i -d1 -e10 10.0.0.1 10.0.0.2", "-i -t -d1 -e20"}) {
-    bench b(arguments);
+    workbench b(arguments);
     said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
     EXPECT_EQ(numbers(world.sent, world.send_calls), (list{20, 20})) << arguments;
   }

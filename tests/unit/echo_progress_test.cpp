@@ -2,12 +2,12 @@
 
 #include "support/expect.h"
 
-static std::string progress(bench* b, int result) {
+static std::string progress(workbench* b, int result) {
   return said(result, [&] { return echo_progress(&b->settings, &b->run, &b->stats); });
 }
 
 TEST(EchoProgress, ReportsInSequenceOrderEachOnce) {
-  bench b("-e2 -d5000 -A7");
+  workbench b("-e2 -d5000 -A7");
   b.stats.tx_packets = 8;  // the bitrate comes at every seventh
   b.request(0, 5000);
   EXPECT_EQ(progress(&b, 1), "");
@@ -27,7 +27,7 @@ TEST(EchoProgress, ReportsInSequenceOrderEachOnce) {
 
 TEST(EchoProgress, TimesOutAtTheAgeItselfOnEitherSideOfEveryWrap) {
   for (const std::int64_t base : {0LL, 65535LL, 0x7FFFFFFFLL, 0xFFFFFFF0LL}) {
-    bench b("-s");
+    workbench b("-s");
     b.settings.total_requests = static_cast<std::uint32_t>(base + 2);
     b.run.oldest_outstanding = static_cast<std::uint32_t>(base);
     b.stats.lost_packets = 0xFFFFFFFF;
@@ -44,7 +44,7 @@ TEST(EchoProgress, TimesOutAtTheAgeItselfOnEitherSideOfEveryWrap) {
 }
 
 TEST(EchoProgress, PassesRequestsThatWereNeverSent) {
-  bench b("-e -A7");
+  workbench b("-e -A7");
   b.request(0, 100);
   b.answer(0);
   b.slot(0).responder = 0;                               // declared lost by the handler, and counted there

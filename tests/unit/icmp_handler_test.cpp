@@ -2,7 +2,7 @@
 
 #include "support/expect.h"
 
-static std::string handled(bench* b, int result, const byte_vector& frame) {
+static std::string handled(workbench* b, int result, const byte_vector& frame) {
   return said(result, [&] {
     return handle_icmp_response(frame.data(), static_cast<int>(frame.size()), &b->handled_now(), &b->settings,
                                 &b->stats, &b->run);
@@ -19,7 +19,7 @@ TEST(IcmpHandler, OvertakenRequestsOfOneHostAreLost) {
   const list cases[] = {{10, 4, 0, 2}, {65534, 4, 0, 2}, {0x7FFFFFFE, 4, 0, 2}, {0xFFFFFFF0, 4, 0, 2},
                         {0, 3, 0, 0},  {0, 4, 0, 2},     {0, 4, 1, 0}};
   for (const list& each : cases) {
-    bench b("-a4");
+    workbench b("-a4");
     b.settings.total_requests += static_cast<std::uint32_t>(each[2]);
     b.run.oldest_outstanding = static_cast<std::uint32_t>(each[0]);
     for (int i = 0; i < each[1]; ++i) b.request(each[0] + i);
@@ -46,7 +46,7 @@ TEST(IcmpMonitor, LocksOnTheFirstForeignSenderAndMeasuresItsStream) {
       "[err] Error- sequence skipped from 7 to 6; -2 packets lost\n"
       "           7: Received  Echo Reply  in 7200.000000s from 10.0.0.1\n"
       "[err] Error- packet arrived 2147483647 usecs from last one\n";
-  bench b;
+  workbench b;
   b.settings.partner_mode = 1;
   b.settings.process_id = 0;
   std::string text = handled(&b, 0, reply(0, 1234, "127.0.0.1"));

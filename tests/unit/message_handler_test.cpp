@@ -2,7 +2,7 @@
 
 #include "support/expect.h"
 
-static std::string handled(bench* b, int result, byte_vector bytes) {
+static std::string handled(workbench* b, int result, byte_vector bytes) {
   return said(result, [&] {
     return handle_test_message(inet_addr("10.0.0.7"), htons(9999), bytes.data(), static_cast<int>(bytes.size()),
                                &b->handled_now(), &b->settings, &b->stats, &b->run);
@@ -10,7 +10,7 @@ static std::string handled(bench* b, int result, byte_vector bytes) {
 }
 
 TEST(EchoMode, SettlesByAll32BitsMasked) {
-  bench b("-u");
+  workbench b("-u");
   for (const std::int64_t sequence : {65541LL, 0x80000006LL, 0xFFFFFFFFLL}) {
     b.request(sequence);
     world.now += 1234;
@@ -34,7 +34,7 @@ TEST(Stream, IsTrackedPacketByPacket) {
       "  3:          49: Received Data in  0.250000s from 10.0.0.7\n"
       "[err] Error- packet 3:49 arrived 250000 usecs from last one\n"
       "  3:          50: Received Data in  0.000000s from 10.0.0.7\n";
-  bench b("-c -E50");
+  workbench b("-c -E50");
   for (int i = 0; i < 50; ++i) b.request(i);
   std::string text;
   for (const list& each : {list{9, 0}, {200000, 0x10001}, {250000, 5}, {10, 48}, {250000, 49}, {-3600000000, 50}}) {
@@ -48,7 +48,7 @@ TEST(Stream, IsTrackedPacketByPacket) {
 }
 
 TEST(Stream, BeginsAnewWithEverySenderAndBatch) {
-  bench b("-c");
+  workbench b("-c");
   // Sender, batch, type, sequence; whether it is timed.
   const list cases[] = {{55, 3, 3, 9, 0},  {55, 3, 2, 10, 1}, {55, 4, 3, 20, 0},     {56, 4, 3, 30, 0},
                         {56, 4, 1, 31, 1}, {0, 0, 2, 50, 0},  {0, 7, 3, 0x1FFFF, 0}, {0, 7, 3, 0x20000, 1}};

@@ -4,12 +4,12 @@
 #include "support/expect.h"
 
 // What the pacing releases `elapsed` usec after its last release.
-static std::uint32_t due_after(bench* b, std::int64_t elapsed) {
+static std::uint32_t due_after(workbench* b, std::int64_t elapsed) {
   b->run.last_tx_time = world.now - elapsed;
   return packets_due(&b->settings, &b->run);
 }
 
-static void stand_at(bench* b, std::int64_t total, std::int64_t sent, std::int64_t reported) {
+static void stand_at(workbench* b, std::int64_t total, std::int64_t sent, std::int64_t reported) {
   b->settings.total_requests = static_cast<std::uint32_t>(total);
   b->run.current_tx__packet = static_cast<std::uint32_t>(sent);
   b->run.oldest_outstanding = static_cast<std::uint32_t>(reported);
@@ -22,7 +22,7 @@ TEST(PacketsDue, FirstReleaseIsABurst) {
       {"-d1000 -a50 -e20", 10}, {"-d1000 -a50 -e4", 4},  {"-d0 -a65534 -e", 10000},
       {"-d1000 -i -e20", 10},   {"-c -E5 -d1", 1},       {"-c -p -E5 -d1", 1}};
   for (const auto& [arguments, due] : cases) {
-    bench b(arguments);
+    workbench b(arguments);
     EXPECT_EQ(due_after(&b, 777), due) << arguments;
     b.settings.command_mode = 0;
     b.settings.partner_mode = b.settings.tcp = 1;
@@ -31,7 +31,7 @@ TEST(PacketsDue, FirstReleaseIsABurst) {
 }
 
 TEST(PacketsDue, CreditIsSpentInWholePeriods) {
-  bench b("-d30000 -a1000 -e1000");
+  workbench b("-d30000 -a1000 -e1000");
   b.run.current_tx__packet = 1;
   // The time that passed, what is due, the remainder then.
   const list cases[] = {{29999, 0, 0},     {100000, 3, 10000}, {19999, 0, 10000},       {20000, 1, 0},
@@ -55,7 +55,7 @@ TEST(PacketsDue, WindowAndTotalNearTheWraps) {
                         {0, all, 0xFFFFFFFC, 0xFFFFFFFA, 50, 3},
                         {1, 0x7FFFFFFF, 0x7FFFFFF0, 0, 3000000000, 15}};
   for (const list& each : cases) {
-    bench b("-d1 -a8");
+    workbench b("-d1 -a8");
     b.settings.ignore_responses = static_cast<std::uint32_t>(each[0]);
     stand_at(&b, each[1], each[2], each[3]);
     EXPECT_EQ(due_after(&b, each[4]), each[5]) << testing::PrintToString(each);
@@ -70,7 +70,7 @@ TEST(Wait, UntilTheFirstThingIsDueAndNoLonger) {
       {300000, 30000, 9, 5, 0},     {30000, 170000, 9, 5, 0},     {-3600000000, -3600000000, 9, 5, 100000}};
   for (const list& each : cases) {
     for (const std::int64_t older : {0LL, 65535LL, 0x7FFFFFFFLL}) {
-      bench b("-a" + std::to_string(each[3]));
+      workbench b("-a" + std::to_string(each[3]));
       b.request(older, each[0]);
       if (each[0] == -1) b.answer(older);
       b.request(older + 1, each[1]);
@@ -78,7 +78,7 @@ TEST(Wait, UntilTheFirstThingIsDueAndNoLonger) {
       EXPECT_EQ(time_until_next_event(&b.settings, &b.run), each[4]) << testing::PrintToString(each);
     }
   }
-  bench b;
+  workbench b;
   b.settings.timeout_usec = 0x80000000;  // never negative
   EXPECT_EQ(time_until_timeout(&b.settings, &b.run), 0x7FFFFFFF);
   b.settings.partner_mode = 1;
@@ -89,7 +89,7 @@ TEST(Wait, UntilTheFirstThingIsDueAndNoLonger) {
 }
 
 TEST(ClockSetBack, TakesStoredTimesAlong) {
-  bench b("-a2 -e9");
+  workbench b("-a2 -e9");
   b.request(0, 3000);
   b.request(1, 2000);
   b.answer(1, 500);  // waits for the report of 0

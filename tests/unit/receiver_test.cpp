@@ -6,7 +6,7 @@
 // What half a message comes to, and after how long, when the rest follows `pause` usec later. Of several stops
 // in a process only the first raises a signal; that is noted for good.
 static std::string receive_halves(std::int64_t pause, bool stop = false) {
-  bench b("-c -p -s");
+  workbench b("-c -p -s");
   b.connect(SOCK_STREAM);
   const byte_vector whole = message(3, 5, 0, 7, 40);
   b.write_to_code(prefix(whole, 25));

@@ -13,7 +13,7 @@ static byte_vector body_of(const words& values, bool in_memory = false) {
 }
 
 static byte_vector read_by(const std::string& monitor, const byte_vector& bytes) {
-  const bench own(monitor);
+  const workbench own(monitor);
   command_body body;
   std::memcpy(&body, bytes.data(), sizeof body);
   test_settings command = {};
@@ -29,7 +29,7 @@ TEST(RemoteCommand, BytesOfCommandersBothWays) {
        {{4, 7}, {8, 7}, {16, 0xFFFFFFFF}, {20, 0xFFFFFFFF}, {84, 1}, {108, 0xFFFFFFFF}}}};
   for (auto [arguments, expected] : commanders) {
     expected.insert(expected.end(), {{0, 1}, {44, 1}, {56, 1}, {76, 1}});
-    bench commander(arguments);
+    workbench commander(arguments);
     command_body body = {};
     build_remote_command(&commander.settings, &body);
     EXPECT_EQ(raw(body), body_of(expected)) << arguments;

@@ -2,12 +2,12 @@
 
 #include "support/expect.h"
 
-static std::string bitrate(const bench& b) {
+static std::string bitrate(const workbench& b) {
   return said([&] { print_running_bitrate(&b.settings, &b.run, &b.stats); });
 }
 
 TEST(RunningBitrate, CountsTheWindowAndTheTest) {
-  bench b("-A5");
+  workbench b("-A5");
   b.run.payload_length = 1452;
   b.run.oldest_outstanding = 6;  // the window leaves out the first of six
   for (int i = 0; i < 6; ++i) b.answer(i, (5 - i) * 250000);
@@ -25,7 +25,7 @@ TEST(RunningBitrate, CountsTheWindowAndTheTest) {
 }
 
 TEST(RunningBitrate, CountsEverySlotOnce) {
-  bench b("-A70000");
+  workbench b("-A70000");
   b.run.oldest_outstanding = 70000;
   for (int i = 70000 - 65536; i < 70000; ++i) b.answer(i, 70000 - i);
   EXPECT_TRUE(bitrate(b).ends_with(", 2000000.0 fps\n"));

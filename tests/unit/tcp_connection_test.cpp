@@ -11,7 +11,7 @@
 #include "support/expect.h"
 
 // What the code sent, up to the end of the connection or to what is there now.
-static byte_vector drained(const bench& b) {
+static byte_vector drained(const workbench& b) {
   byte_vector all;
   byte_vector piece(100000);
   for (ssize_t got = 1; got > 0;) {
@@ -21,7 +21,7 @@ static byte_vector drained(const bench& b) {
   return all;
 }
 
-static bool has_ended(const bench& b) {
+static bool has_ended(const workbench& b) {
   char byte = 0;
   return recv(b.peer, &byte, 1, MSG_DONTWAIT) == 0;
 }
@@ -29,7 +29,7 @@ static bool has_ended(const bench& b) {
 TEST(Stall, BytesGoOutOnceAndInOrder) {
   byte_vector bytes(1000000);
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 7919 / 256);
-  bench b;
+  workbench b;
   b.connect(SOCK_STREAM);
   byte_vector arrived;
   for (int i = 1; i < 50; ++i) world.after(30000 * i, [&] { arrived = arrived + drained(b); });
@@ -42,7 +42,7 @@ TEST(Stall, EndsWithThePatienceOrAStopSignal) {
   apart([] {
     catch_signals(true);
     for (const std::int64_t patience : {500000, 60000000}) {
-      bench b;
+      workbench b;
       b.connect(SOCK_STREAM);
       world.after(2000000, [] { std::raise(SIGTERM); });
       const std::int64_t start = world.now;
@@ -61,7 +61,7 @@ TEST(Monitor, EndsTheConnectionOfAPeerThatDoesNotRead) {
   const byte_vector request = message(1, 55, 0, 0, 65495);
   const byte_vector operation = patched(message(4, 55, 0, 0, 164), 20, body);
   for (const byte_vector& each : {request, operation}) {
-    bench b("-p --server");
+    workbench b("-p --server");
     b.connect(SOCK_STREAM);
     const std::int64_t start = world.now;
     const std::string text = said([&] {
@@ -84,7 +84,7 @@ TEST(Monitor, EndsTheConnectionOfAPeerThatDoesNotRead) {
 
 TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
   for (const std::string way : {"-a9", "-i"}) {  // it finds the end by reading, and by sending
-    bench b("-p -e5 -d10000 -T10000 " + way);
+    workbench b("-p -e5 -d10000 -T10000 " + way);
     b.connect(SOCK_STREAM);
     shutdown(b.peer, SHUT_RDWR);
     const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
@@ -93,7 +93,7 @@ TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
     EXPECT_EQ(text.rfind(line), 0U) << text;  // nothing more is sent
     EXPECT_EQ(b.run.data_socket, -1);
   }
-  bench b("-p -e1 -T1000 -d1000");
+  workbench b("-p -e1 -T1000 -d1000");
   b.connect(SOCK_STREAM);
   shutdown(b.peer, SHUT_WR);  // takes the request, never answers
   said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
@@ -102,7 +102,7 @@ TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
 }
 
 TEST(Accept, GoesOnAfterAConnectionThatIsGone) {
-  bench b("-p --server");
+  workbench b("-p --server");
   const sockaddr_un name = {.sun_family = AF_UNIX, .sun_path = ""};
   b.run.listen_socket = socket(AF_UNIX, SOCK_STREAM, 0);
   b.peer = socket(AF_UNIX, SOCK_STREAM, 0);

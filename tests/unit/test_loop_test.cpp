@@ -9,7 +9,7 @@
 #include "wire/remote_command.h"
 
 // Every request is answered `usec` after it was sent.
-static void answer_after(bench* b, std::int64_t usec) {
+static void answer_after(workbench* b, std::int64_t usec) {
   b->connect(SOCK_DGRAM);
   world.on_send = [=](const byte_vector& request) {
     const byte_vector answer = datagram(with_checksum(patched(request, 0, {0})));
@@ -18,7 +18,7 @@ static void answer_after(bench* b, std::int64_t usec) {
 }
 
 TEST(EchoRun, SendsAgainAfterEveryAnswer) {  // were it to read what is queued first, each would print a bitrate line
-  bench b("-e500 -a10 -d0 -A50 -s");
+  workbench b("-e500 -a10 -d0 -A50 -s");
   answer_after(&b, 1000);
   const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
   const auto lines = std::count(text.begin(), text.end(), '\n') - 6;  // the rest is the host and the summary
@@ -30,7 +30,7 @@ TEST(EchoRun, OutlivesEveryStepOfTheClock) {
     for (const std::int64_t moment :
          {50000, 100001, 100500, 199000, 500000, 700900}) {                    // awaiting an answer, or the next
       for (const std::string arguments : {"-e8", "-e8 -T100001", "-e8 -i"}) {  // answered, not answered, not asked
-        bench b(arguments);
+        workbench b(arguments);
         world.after(moment, [step] {
           world.now += step;
           for (auto& [time, event] : std::exchange(world.events, {})) world.events.emplace(time + step, event);
@@ -50,7 +50,7 @@ TEST(EchoRun, OutlivesEveryStepOfTheClock) {
 
 TEST(Blast, LastsAsLongAsAskedWhateverTheClockDoes) {
   for (const std::int64_t step : list{-3600000000, -200000}) {
-    bench b("-u -i -d1 -S2");
+    workbench b("-u -i -d1 -S2");
     const std::int64_t start = world.now;
     std::int64_t set_by = 0;
     world.on_send = [&](const byte_vector&) {
@@ -65,7 +65,7 @@ TEST(Blast, LastsAsLongAsAskedWhateverTheClockDoes) {
 // When each packet leaves, in usec since the start, down to 10. Waits end 70 usec late; the one that should end at
 // `due` ends `lateness` usec late.
 static list send_times(const std::string& arguments, std::int64_t due = 0, std::int64_t lateness = 70) {
-  bench b(arguments + " -m -T9000000");
+  workbench b(arguments + " -m -T9000000");
   const std::int64_t start = world.now;
   world.overshoot = 70;
   world.after(due - 300, [lateness] { world.overshoot = lateness; });
@@ -90,13 +90,13 @@ TEST(Schedule, ReleasesAreDueOneDelayAfterTheOneBeforeWasDue) {
 }
 
 TEST(TcpMonitor, ThatNeverReadsDoesNotSpin) {
-  bench b("-p --server -i -S2 -d1000");
+  workbench b("-p --server -i -S2 -d1000");
   said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
   EXPECT_LT(world.readings, 20000);
 }
 
 TEST(Commander, EveryPacketOfTheStreamGetsItsSlotAndTheCommandLeavesTheBuffer) {
-  bench b("-c -E3");
+  workbench b("-c -E3");
   command_body command = {};
   command.bytes[7] = 1;
   EXPECT_EQ(send_test_packet(&b.settings, &b.run, &b.stats, &command), 0);
@@ -105,7 +105,7 @@ TEST(Commander, EveryPacketOfTheStreamGetsItsSlotAndTheCommandLeavesTheBuffer) {
 }
 
 TEST(Commander, FiguresOfEveryBatchBeginAnew) {
-  bench b("-c -e2 -E3 -v -s -T0 -d1000");
+  workbench b("-c -e2 -E3 -v -s -T0 -d1000");
   b.connect(SOCK_DGRAM);
   const command_body command = {};
   world.on_send = [&](const byte_vector& operation) {
@@ -123,7 +123,7 @@ TEST(Commander, FiguresOfEveryBatchBeginAnew) {
 TEST(IcmpMonitor, LocksOnTheFirstSenderThatItHears) {
   apart([] {
     catch_signals(false);
-    bench b;
+    workbench b;
     b.settings.partner_mode = 1;
     b.connect(SOCK_DGRAM);
     for (int i = 0; i < 3; ++i) world.after(1000 * i, [&b, i] { b.write_to_code(datagram(icmp_message(0, 1234, i))); });
@@ -134,7 +134,7 @@ TEST(IcmpMonitor, LocksOnTheFirstSenderThatItHears) {
 }
 
 TEST(Debugging, TellsEverySendAndWait) {
-  bench b("-e2 -D -m");
+  workbench b("-e2 -D -m");
   const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
   for (const char* part : {"0.000000: Tx one, process_id = 00011170, *current_tx__packet = 0, batch = 0\n",
                            "\nSelect for 0.200000\n", "\n0.200000: Tx one, ", ", *current_tx__packet = 1, batch = 0\n"})
@@ -142,16 +142,16 @@ TEST(Debugging, TellsEverySendAndWait) {
 }
 
 TEST(Progress, OfRequestsAndOfBatches) {
-  bench echo;
-  bench commander("-c -E50");
-  for (bench* b : {&echo, &commander}) {
+  workbench echo;
+  workbench commander("-c -E50");
+  for (workbench* b : {&echo, &commander}) {
     b->run.batch = 4;
     b->stats.tx_packets = 8;
     b->stats.rx_packets = 5;
     b->stats.lost_packets = 2;
     b->stats.lost_in_bad_samples = 14;
   }
-  const auto progress = [](const bench& b) { return said([&] { print_progress(&b.settings, &b.run, &b.stats); }); };
+  const auto progress = [](const workbench& b) { return said([&] { print_progress(&b.settings, &b.run, &b.stats); }); };
   EXPECT_EQ(progress(echo), "[err] So far: 8 sent, 5 received, 2 lost, 25.00% lost\n");
   EXPECT_EQ(progress(commander), "[err] So far: 200 sent, 184 received, 16 lost, 8.00% lost\n");
 }
@@ -161,7 +161,7 @@ TEST(Progress, IsToldAtOnceAndDisturbsNoSchedule) {
   const auto run = [] {
     catch_signals(true);
     for (const std::string path : {"-a99 -m", "-i"}) {  // while it waits for answers, and while it rests
-      bench b(path + " -e4 -d20000");
+      workbench b(path + " -e4 -d20000");
       list times;
       world.on_send = [&, start = world.now](const byte_vector&) { times.push_back((world.now - start) / 10 * 10); };
       world.after(25000, [] { std::raise(SIGQUIT); });
@@ -169,7 +169,7 @@ TEST(Progress, IsToldAtOnceAndDisturbsNoSchedule) {
       run_test(&b.settings, &b.stats, &b.run, nullptr);
       EXPECT_EQ(times, (list{0, 20000, 40000, 60000}));
     }
-    bench commander("-c -e1 -E2 -s");  // in a batch, which goes on
+    workbench commander("-c -e1 -E2 -s");  // in a batch, which goes on
     commander.connect(SOCK_DGRAM);
     const command_body command = {};
     world.on_send = [&](const byte_vector&) {
@@ -179,7 +179,7 @@ TEST(Progress, IsToldAtOnceAndDisturbsNoSchedule) {
     };
     run_test(&commander.settings, &commander.stats, &commander.run, &command);
     EXPECT_EQ(numbers(commander.stats.rx_packets, commander.stats.bad_samples), (list{2, 0}));
-    bench b("-i -d1 -e1000");  // in a long release
+    workbench b("-i -d1 -e1000");  // in a long release
     world.on_send = [](const byte_vector&) {
       if (world.sent == 200) std::raise(SIGQUIT);
       if (world.sent == 300) std::fputs("next\n", stderr);

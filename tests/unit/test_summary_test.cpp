@@ -3,7 +3,7 @@
 #include "support/expect.h"
 
 static std::string summary(const std::string& arguments, std::int64_t usec) {
-  bench b(arguments);
+  workbench b(arguments);
   b.settings.ip_length = 1500;
   b.settings.payload_length = 1472;
   b.stats.end_time = b.stats.start_time + usec;

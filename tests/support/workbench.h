@@ -1,4 +1,4 @@
-// One run on the bench: its records, its packet table, and both ends of its connection.
+// One run on the workbench: its records, its packet table, and both ends of its connection.
 #pragma once
 
 #include <sys/mman.h>
@@ -45,9 +45,9 @@ inline packet_slot* blank_table() {
   return table;
 }
 
-struct bench {
+struct workbench {
   // A run to 10.0.0.1, unless `arguments` name another host. The world and all that is process-wide begin anew.
-  explicit bench(const std::string& arguments = "") {
+  explicit workbench(const std::string& arguments = "") {
     world = {};
     discard_read_ahead();
     bandwidth_samples.count = buffer_samples.count = 0;
@@ -61,11 +61,11 @@ struct bench {
     stats.batch_first_seq = stats.batch_last_seq = -1;
     stats.start_time = clock_now();
   }
-  ~bench() {
+  ~workbench() {
     if (peer >= 0) close(peer);
     if (run.data_socket >= 0) close(run.data_socket);
   }
-  bench(const bench&) = delete;
+  workbench(const workbench&) = delete;
 
   packet_slot& slot(std::int64_t sequence) {
     return table[sequence % packet_table_slots];
