@@ -25,30 +25,32 @@ struct stored_datagram {
 // was received is ever touched.
 std::array<stored_datagram, longest_read_run> store;
 std::array<mmsghdr, longest_read_run> messages = {};
-std::uint32_t stored_count = 0;  // in the store
-std::uint32_t next_stored = 0;   // of these, the first that was not handed on
+std::array<iovec, longest_read_run> parts = {};
+std::uint32_t prepared_count = 0;  // of the messages, those that were ever prepared
+std::uint32_t stored_count = 0;    // in the store
+std::uint32_t next_stored = 0;     // of these, the first that was not handed on
 
-void prepare_messages(std::uint32_t count, std::array<iovec, longest_read_run>* parts) {
-  for (std::uint32_t i = 0; i < count; ++i) {
-    stored_datagram* place = &store[i];
-    (*parts)[i] = {.iov_base = place->bytes.data(), .iov_len = place->bytes.size()};
-    msghdr* message = &messages[i].msg_hdr;
-    *message = {};
-    message->msg_name = &place->source;
-    message->msg_namelen = sizeof place->source;
-    message->msg_iov = &(*parts)[i];
-    message->msg_iovlen = 1;
-    message->msg_control = place->control.data();
-    message->msg_controllen = place->control.size();
-  }
+void prepare_message(std::uint32_t index) {
+  stored_datagram* place = &store[index];
+  parts[index] = {.iov_base = place->bytes.data(), .iov_len = place->bytes.size()};
+  msghdr* message = &messages[index].msg_hdr;
+  *message = {};
+  message->msg_name = &place->source;
+  message->msg_namelen = sizeof place->source;
+  message->msg_iov = &parts[index];
+  message->msg_iovlen = 1;
+  message->msg_control = place->control.data();
+  message->msg_controllen = place->control.size();
 }
 
 // Reads without waiting: a datagram that select announced may be gone again, dropped for a wrong checksum (select(2)).
+// The kernel has changed the messages that it filled the last time, and no others.
 int read_some(int socket, std::uint32_t most) {
-  std::array<iovec, longest_read_run> parts;
+  for (std::uint32_t i = 0; i < stored_count; ++i) prepare_message(i);
+  stored_count = next_stored = 0;
+  for (; prepared_count < most; ++prepared_count) prepare_message(prepared_count);
   int got = 0;
   do {
-    prepare_messages(most, &parts);
     got = recvmmsg(socket, messages.data(), most, MSG_DONTWAIT, nullptr);
   } while (got < 0 && errno == EINTR);
   return got;
@@ -77,7 +79,6 @@ read_result read_datagram(int socket, std::uint32_t most, received_datagram* dat
     datagram->failed = got < 0;
     if (got <= 0) return got < 0 ? read_result::datagram : read_result::nothing_there;
     stored_count = static_cast<std::uint32_t>(got);
-    next_stored = 0;
   }
   hand_on(next_stored++, datagram);
   return read_result::datagram;
@@ -89,6 +90,6 @@ bool has_read_ahead() {
 
 int discard_read_ahead() {
   const auto discarded = static_cast<int>(stored_count - next_stored);
-  stored_count = next_stored = 0;
+  stored_count = next_stored = prepared_count = 0;
   return discarded;
 }
