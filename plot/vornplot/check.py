@@ -106,10 +106,7 @@ def prometheus_name(text):
 
 
 def parse_arguments(arguments):
-    own, separator, rest = arguments, "", []
-    if "--" in arguments:
-        cut = arguments.index("--")
-        own, separator, rest = arguments[:cut], "--", arguments[cut + 1:]
+    own, rest = run.split_arguments(arguments)
     parser = Parser(prog="vorn-check", allow_abbrev=False, usage="%(prog)s [options] -- VORN-ARGUMENTS", epilog=EPILOG,
                     description="Run vorn once and hold what it measured against limits.",
                     formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -124,7 +121,7 @@ def parse_arguments(arguments):
                         help="write the figures for the textfile collector too")
     parser.add_argument("--json", action="store_true", help="print one JSON object in place of the line")
     options = parser.parse_args(own)
-    if not separator or not rest:
+    if not rest:
         parser.error("what vorn is to do stands behind --, for example: -- -e20 10.0.0.1")
     options.streams = checked.is_stream(rest)
     for limited in LIMITS:

@@ -254,10 +254,7 @@ def positive(convert):
 
 
 def parse_arguments(arguments):
-    own, separator, rest = arguments, "", []
-    if "--" in arguments:
-        cut = arguments.index("--")
-        own, separator, rest = arguments[:cut], "--", arguments[cut + 1:]
+    own, rest = run.split_arguments(arguments)
     parser = argparse.ArgumentParser(
         prog="vorn-record", allow_abbrev=False, usage="%(prog)s [options] -- VORN-ARGUMENTS",
         description="Run vorn and keep what it measures, each line with the time of its arrival.",
@@ -269,7 +266,7 @@ def parse_arguments(arguments):
                         help="that many runs (1; with --every until stopped)")
     parser.add_argument("--label", default="", metavar="NAME", help="a name for these runs, to choose them by")
     options, unknown = parser.parse_known_args(own)
-    if separator and unknown:
+    if unknown and "--" in arguments:
         parser.error(f"unknown: {' '.join(unknown)}")
     if not rest:
         parser.error("what vorn is to do stands behind --, for example: -- -e100 10.0.0.1")

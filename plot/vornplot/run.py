@@ -18,6 +18,12 @@ def find_program():
     return shutil.which(os.environ.get("VORN") or "vorn", path=places)
 
 
+def split_arguments(arguments):
+    """A companion's own arguments, and those of the program, which stand behind the first --."""
+    cut = arguments.index("--") if "--" in arguments else len(arguments)
+    return arguments[:cut], arguments[cut + 1:]
+
+
 def now_usec():
     return time.time_ns() // 1000
 
