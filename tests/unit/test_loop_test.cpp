@@ -4,7 +4,7 @@
 #include <csignal>
 
 #include "app/signals.h"
-#include "engine/progress_line.h"
+#include "report/progress_line.h"
 #include "support/expect.h"
 #include "wire/remote_command.h"
 

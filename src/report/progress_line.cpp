@@ -1,4 +1,4 @@
-#include "engine/progress_line.h"
+#include "report/progress_line.h"
 
 #include <cstdint>
 #include <cstdio>
