@@ -69,7 +69,6 @@ wait_result wait_on_socket(int socket, socket_event event, std::int64_t* left_us
 
 void yield_processor() {
   flush_output();
-  answer_progress_request();
   sched_yield();
 }
 

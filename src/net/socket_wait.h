@@ -22,7 +22,7 @@ enum class wait_result : std::uint8_t {
 // nobody asked to note do not end it. Writes out what was printed before it waits.
 [[nodiscard]] wait_result wait_on_socket(int socket, socket_event event, std::int64_t* left_usec);
 
-// Lets others have the processor, without a wait. What was printed goes out and SIGQUIT is answered all the same.
+// Lets others have the processor, without a wait. What was printed goes out all the same.
 void yield_processor();
 
 // Answers SIGQUIT if it has come since the last answer. For code that runs long without a wait.

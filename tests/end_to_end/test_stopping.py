@@ -28,9 +28,10 @@ def test_echo_mode_ends_properly(lab):
 
 
 def test_second_signal_ends_at_once_and_a_quit_signal_shows_progress(lab):
-    run, _ = lab.pinging({1: []}, 2, HOST, "-e4", "-T90000000")
+    run, _ = lab.pinging({1: []}, 2, HOST, "-e4", "-T90000000", before=["env", "--ignore-signal=HUP"])
     run.signal(signal.SIGQUIT)
     run.signal(signal.SIGTERM)
+    run.signal(signal.SIGHUP)  # stays ignored
     time.sleep(0.2)
     assert run.status is None  # the request is still outstanding
     run.signal(signal.SIGINT)
@@ -42,6 +43,11 @@ def test_signals_that_are_ignored_or_not_ours(lab):
     run = lab.monitor(before=["env", "--ignore-signal=HUP"])
     run.signal(signal.SIGHUP)
     stop(run, signal.SIGTERM)
+    run = lab.start("-i", SLOW, LOOPBACK, before=["env", "--ignore-signal=QUIT"])
+    run.wait_for("Destination")
+    run.signal(signal.SIGQUIT)
+    stop(run, signal.SIGTERM)
+    assert "So far" not in run.err
     run = lab.monitor(before=["prlimit", "--core=0"])
     run.signal(signal.SIGQUIT)  # a monitor has no progress to show
     assert run.finish(AT_ONCE).status == -signal.SIGQUIT
@@ -132,6 +138,7 @@ def test_a_send_that_cannot_go_on_ends_with_the_test(lab):
     peer = lab.own(TunPeer(lab.namespace(), {}))
     run = lab.start("-p", HOST, at=peer.namespace)
     run.wait_for("Built")  # it tries to connect, and nobody answers
+    run.signal(signal.SIGQUIT)  # has no progress to show yet
     stop(run, signal.SIGTERM)
     queue = "qdisc replace dev tun0 root tbf rate 64kbit burst 3000 limit 99999999"  # so that it fills a send buffer
     lab.run(*queue.split(), program="tc", at=peer.namespace)
