@@ -31,7 +31,8 @@ void end_sending(const test_settings* settings, run_state* run) {
 // In echo mode a TCP connection that takes nothing more ends the release: its answers have to be read first, or both
 // sides would wait for each other to read.
 bool must_read_first(const test_settings* settings, const run_state* run) {
-  return settings->tcp != 0 && settings->ignore_responses == 0 && !has_room_to_send(run->data_socket);
+  return settings->tcp != 0 && is_echo_mode(settings) && settings->ignore_responses == 0 &&
+         !has_room_to_send(run->data_socket);
 }
 
 // Sends one packet, or as many of the `due` as one call takes. Returns how many; 0 when nothing more is to be sent.

@@ -9,6 +9,7 @@
 #include "net/message_handler.h"
 #include "net/receiver.h"
 #include "support/expect.h"
+#include "wire/remote_command.h"
 
 // What the code sent, up to the end of the connection or to what is there now.
 static byte_vector drained(const workbench& b) {
@@ -106,6 +107,19 @@ TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
       EXPECT_LT(world.readings, 100);
     }
   });
+}
+
+TEST(Commander, SendsItsCommandOnceAFullConnectionHasRoom) {
+  workbench b("-c -p -e1 -E1 -s");
+  b.connect(SOCK_STREAM);
+  const byte_vector block(65536);
+  while (send(b.run.data_socket, block.data(), block.size(), MSG_DONTWAIT) > 0) {
+  }
+  world.after(50000, [&b] { drained(b); });
+  world.after(60000, [&b] { b.write_to_code(message(3, 55, 0, 0, 100)); });
+  const command_body command = {};
+  said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
+  EXPECT_EQ(numbers(drained(b).size(), b.stats.tx_packets, b.stats.bad_samples), (list{164, 1, 0}));
 }
 
 TEST(Accept, GoesOnAfterAConnectionThatIsGone) {
