@@ -1,6 +1,7 @@
 #include "report/results_files.h"
 
 #include <array>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -38,7 +39,7 @@ constexpr std::array<const char*, 13> common_headers = {
     "Tag",
 };
 constexpr int histogram_labels = 100;
-constexpr int longest_path = 4096;
+constexpr int longest_path = PATH_MAX;  // with its NUL; what is longer the kernel does not open
 
 // What both rows begin with, besides the records.
 struct row_context {
@@ -152,7 +153,7 @@ void append_and_close(std::FILE* table, const char* name, int is_new, row_writer
   if (!append_rows(table, is_new != 0 ? write_header : nullptr, write_row, context)) {
     std::fprintf(stderr, "Error: could not write results file %s\n", name);
   }
-  close_results_table(table, name, is_new);
+  close_results_table(table, is_new);
 }
 
 void append_to_results_file(const row_context* context) {
@@ -163,9 +164,9 @@ void append_to_results_file(const row_context* context) {
 
 void append_to_histogram_file(const row_context* context) {
   std::array<char, longest_path> path = {};
-  std::snprintf(path.data(), path.size(), "HISTOGRAM_%s", results_filename);
+  const int length = std::snprintf(path.data(), path.size(), "HISTOGRAM_%s", results_filename);
   int is_new = 0;
-  std::FILE* table = open_results_table(path.data(), &is_new);
+  std::FILE* table = length < longest_path ? open_results_table(path.data(), &is_new) : nullptr;
   if (table == nullptr) {
     std::fprintf(stderr, "Error: could not open histogram file %s\n", path.data());
     return;
@@ -202,5 +203,5 @@ void write_results_files(const test_settings* settings, const test_stats* stats)
 
 void close_unused_results_file() {
   if (results_file == nullptr) return;
-  close_results_table(std::exchange(results_file, nullptr), results_filename, results_file_is_new);
+  close_results_table(std::exchange(results_file, nullptr), results_file_is_new);
 }

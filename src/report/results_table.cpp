@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 
 namespace {
@@ -37,13 +39,23 @@ bool write_whole(int descriptor, const char* text, std::size_t length) {
   return fstat(descriptor, &state) == 0 && state.st_nlink != 0;
 }
 
-// True when `name` still leads to the open file, and that is regular and empty.
-bool is_empty_file_of_this_name(int descriptor, const char* name) {
+// The name that an open file has now (proc(5)): the one it was opened by leads elsewhere once the process is a daemon.
+// False when that cannot be known.
+bool find_name(int descriptor, std::array<char, PATH_MAX>* name) {
+  std::array<char, 32> link = {};
+  std::snprintf(link.data(), link.size(), "/proc/self/fd/%d", descriptor);
+  return readlink(link.data(), name->data(), name->size() - 1) > 0;
+}
+
+// Unless it has been replaced by another file or was removed.
+void remove_if_empty(int descriptor) {
+  std::array<char, PATH_MAX> name = {};
   struct stat open_file = {};
   struct stat named_file = {};
-  if (fstat(descriptor, &open_file) != 0 || stat(name, &named_file) != 0) return false;
-  return S_ISREG(open_file.st_mode) && open_file.st_size == 0 && open_file.st_dev == named_file.st_dev &&
-         open_file.st_ino == named_file.st_ino;
+  if (!find_name(descriptor, &name)) return;
+  if (fstat(descriptor, &open_file) != 0 || stat(name.data(), &named_file) != 0) return;
+  const bool same = open_file.st_dev == named_file.st_dev && open_file.st_ino == named_file.st_ino;
+  if (same && S_ISREG(open_file.st_mode) && open_file.st_size == 0) unlink(name.data());
 }
 
 }  // namespace
@@ -68,7 +80,7 @@ bool append_to_table(std::FILE* table, const char* text, std::size_t length) {
   return appended;
 }
 
-void close_results_table(std::FILE* table, const char* name, int is_new) {
-  if (is_new != 0 && is_empty_file_of_this_name(fileno(table), name)) unlink(name);
+void close_results_table(std::FILE* table, int is_new) {
+  if (is_new != 0) remove_if_empty(fileno(table));
   std::fclose(table);
 }

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdio>
 
-// Opens a table for appending and creates it where it is missing; *is_new becomes 1 in that case, else 0. Never waits:
-// a FIFO opens only when somebody reads it. Null when it cannot be opened.
+// Opens a table for appending and creates it where it is missing; *is_new becomes 1 when there was none that can be
+// read, else 0. Never waits: a FIFO opens only when somebody reads it. Null when it cannot be opened.
 [[nodiscard]] std::FILE* open_results_table(const char* name, int* is_new);
 
 // Appends `text` whole, in one write, or not at all; false when that fails, as on a full disk.
@@ -13,4 +13,4 @@
 
 // Closes a table. One that this run made (`is_new` as open_results_table said) and left empty is removed, so that the
 // next run makes it again, with its header.
-void close_results_table(std::FILE* table, const char* name, int is_new);
+void close_results_table(std::FILE* table, int is_new);

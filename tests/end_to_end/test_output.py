@@ -65,6 +65,12 @@ def test_a_results_file_without_a_row_goes_again(lab, tmp_path):
         for name, there in (("new.csv", False), ("kept.csv", True)):
             run = lab.run(*options, LOOPBACK, f"-f{name}", at=here, cwd=tmp_path)
             assert run.err == words + END and (tmp_path / name).exists() == there
+    lab.run("-u", "-fdetached.csv", "-M", at=here, cwd=tmp_path)  # whose working directory is another from then on
+    eventually(lambda: here.has_port(LOCAL_PORT), "the detached monitor")
+    assert (tmp_path / "detached.csv").exists()
+    for monitor in here.inhabitants():
+        os.kill(monitor, signal.SIGTERM)
+    eventually(lambda: not (tmp_path / "detached.csv").exists(), "the end of the detached monitor")
     lab.monitor(at=here)
     no_growth = ["sh", "-c", 'ulimit -f 2; exec "$@"', "sh"]  # a kilobyte: what is printed fits, a row does not
     run = lab.run(*SHORT, "-frow.csv", at=here, cwd=tmp_path, before=no_growth)
