@@ -19,7 +19,9 @@ TEST(BufferConsumption, OfStreamsWholeAndTorn) {
   EXPECT_EQ(consumption({}, 1000, -1), 0.0);                                       // nothing arrived
   EXPECT_EQ(consumption({{0, 5}}, 1000), 7.5);                                     // a single packet tells nothing
   EXPECT_EQ(consumption({{0, 0}, {1, 600}, {2, 2700}, {3, 3000}}, 1000), 1100.0);  // early by 400, late by 700
-  EXPECT_EQ(consumption({{0, 0}, {1, 500}, {2, 1500}, {3, 1800}}, 999), 400.0);    // below 1 ms: the mean, 600
+  // Exact on every processor, also on one that can fuse a product with a sum.
+  EXPECT_EQ(consumption({{0, 0}, {1, 40}, {2, 45}, {3, 117}, {4, 121}, {5, 129}, {6, 134}}, 1), 50.0);
+  EXPECT_EQ(consumption({{0, 0}, {1, 500}, {2, 1500}, {3, 1800}}, 999), 400.0);  // below 1 ms: the mean, 600
   EXPECT_EQ(consumption({{0, 0}, {1, 1300}, {3, 9000}, {4, 9500}, {5, 11700}}, 1000), 1200.0);  // a gap: begins anew
   EXPECT_EQ(consumption({{2, 0}, {3, 1250}, {4, 2500}}, 1000), 250.0);                          // the first two lost
   EXPECT_EQ(consumption({{0, 0}, {1, 1100}, {2, 2000}, {3, 3500}}, 1000, 2), 100.0);            // 3 came before 2
