@@ -125,7 +125,9 @@ void open_tcp_socket(const test_settings* settings, run_state* run) {
 void accept_test_connection(run_state* run) {
   while (stop_signal() == 0) {
     std::int64_t slice_usec = connection_slice_usec;
-    if (wait_on_socket(run->listen_socket, socket_event::readable, &slice_usec) != wait_result::ready) continue;
+    const wait_result result = wait_on_socket(run->listen_socket, socket_event::readable, &slice_usec);
+    if (result == wait_result::failed) end_without_connection();
+    if (result != wait_result::ready) continue;
     const int connection = accept4(run->listen_socket, nullptr, nullptr, SOCK_CLOEXEC);
     if (connection == -1 && (errno == EINTR || errno == ECONNABORTED || errno == EAGAIN)) continue;
     if (connection == -1 || connection >= FD_SETSIZE) end_without_connection();
