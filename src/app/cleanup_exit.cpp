@@ -16,7 +16,7 @@ void call_at_exit(void (*action)()) {
   action_at_exit = action;
 }
 
-// The signal ends the process as if nobody had caught it, so that a shell sees why; it comes last, behind the last line.
+// The signal ends the process as if nobody had caught it, so that a shell sees why; it comes behind the last line.
 void cleanup_exit(int status) {
   if (action_at_exit != nullptr) action_at_exit();
   flush_output();

@@ -14,7 +14,11 @@ struct received_datagram {
   frame_arrival arrival;
 };
 
-enum class read_result : std::uint8_t { datagram, nothing_there, no_socket };
+enum class read_result : std::uint8_t {
+  datagram,       // one came, or could not be read: `failed` says so
+  nothing_there,  // none is queued
+  no_socket,      // the descriptor is none
+};
 
 // The next datagram that came to `socket`, without waiting. Of those queued up to `most` are taken in one call of
 // recvmmsg(2); the others wait here for the next calls. Its arrival is read from the clock now, as it is handed on.

@@ -1,6 +1,5 @@
 #include "net/receiver.h"
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>

@@ -11,7 +11,7 @@ struct test_stats;
 
 // Waits up to `wait_usec` (usec, not negative) for a datagram or a whole TCP test message on run->data_socket and hands
 // it to the ICMP or the UDP/TCP handler. At most one frame a call. Returns
-//   frame_none    nothing came in time, or a stop signal ended the wait;
+//   frame_none    nothing came in time, a datagram could not be read, or a stop signal ended the wait;
 //   frame_failed  the wait failed, a datagram of no bytes came, or a TCP message could not be read whole: the position
 //                 in the stream is lost and the caller closes the connection;
 //   otherwise what the handler returned.

@@ -5,8 +5,7 @@
 #include "engine/run_records.h"
 #include "net/arrival.h"
 
-// In 16 bits, since ICMP carries no more and no batch is longer: a stream goes on across the wrap from 65535 to 0. What
-// is skipped is counted in 32 bits, where a packet that was overtaken shows as a step back.
+// In 16 bits, since ICMP carries no more and no batch is longer: a stream goes on across the wrap from 65535 to 0.
 stream_packet judge_stream_packet(const test_settings* settings, const run_state* run, std::uint32_t sequence,
                                   const frame_arrival* arrival) {
   stream_packet packet = {};

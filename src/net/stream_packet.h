@@ -11,7 +11,7 @@ struct stream_packet {
   std::int64_t time;       // ticks; of its arrival
   std::int64_t gap_usec;   // since the packet before it; 0 for the first, and where the clock was set back
   std::uint32_t sequence;  // 16 bits
-  std::uint32_t skipped;   // how far its number is from the one after the last, modulo 2^32: below 0 it is an old one
+  std::uint32_t skipped;   // its number less the one after the last, modulo 2^32; the low 16 bits are what was lost
   bool is_first;           // of its stream: there is nothing to judge it against
   bool in_sequence;        // its number is the one after the last, modulo 2^16
   bool late;               // its gap is above settings->timeout_usec

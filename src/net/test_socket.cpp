@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cstdint>
 #include <cstdio>
 
 #include "app/cleanup_exit.h"

@@ -58,7 +58,7 @@ void sample_list_write_histogram(const sample_list* list, std::FILE* stream, cha
   if (list == nullptr || list->samples == nullptr || list->count == 0) return;
   const std::uint32_t largest = list->samples[list->count - 1];
   std::uint32_t next = 0;
-  for (std::uint64_t threshold = 0; threshold <= largest + histogram_bin; threshold += histogram_bin) {
+  for (std::uint64_t threshold = 0;; threshold += histogram_bin) {
     const std::uint32_t first = next;
     while (next < list->count && list->samples[next] < threshold) ++next;
     std::fprintf(stream, "%d%c", static_cast<int>(next - first), separator);
