@@ -1,4 +1,4 @@
-# Stop signals in each mode and for the laboratory, the progress line of SIGQUIT, and a clock set during a run.
+# Stop signals in each mode and for the laboratory, and the progress line of SIGQUIT.
 from lab import *
 
 STOPS = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP]
@@ -96,27 +96,6 @@ def test_monitor_ends_at_once(lab, carrier, length):
             time.sleep(0.05)
         stop(run, number)
         assert (run.body, run.err) == ("Engaging options: -M -u -s\n", "Destination IP = 0.0.0.0\nCleanup exit\n")
-
-
-@pytest.mark.parametrize("offset", [-3600, 3600])
-def test_clock_set_by_an_hour(lab, tmp_path, offset):
-    library, clock = tmp_path / "clock.so", tmp_path / "set"
-    source = f"""int gettimeofday(long *now, void *zone) {{
-        clock_gettime(0, now);
-        now[0] += access("{clock}", 0) == 0 ? {offset} : 0;  // as long as the file is there
-        now[1] /= 1000;
-        return 0; }}"""
-    subprocess.run(["gcc", "-xc", "-w", "-shared", "-fPIC", "-o", library, "-"], input=source.encode(), check=True)
-    for option, script in [("-e8", {}), ("-e8", {3: []})] + [("-S1800", {})] * (offset > 0):
-        run, peer = lab.pinging(script, 4, HOST, option, "-d50000", "-T300000", env={"LD_PRELOAD": str(library)})
-        clock.touch()
-        eventually(lambda: len(peer.packets) >= 6 or run.status is not None, "requests after the clock was set")
-        clock.unlink()
-        assert run.finish(AT_ONCE).status == 0
-        assert "-" not in run.body.replace("Err- Unexpected", ""), run.body  # a request may have aged by an hour
-        settled = run.body.count("Received") + run.body.count("TIMEOUT")
-        assert option == "-S1800" or settled == 8, run.body
-        eventually(lambda: option == "-S1800" or len(peer.packets) == 8, "the last request")
 
 
 def test_laboratory_leaves_nothing_behind(lab):
