@@ -42,6 +42,7 @@ def test_sockets_that_cannot_be_had_and_a_detached_monitor(lab):
         run = lab.run(*options, at=there)
         assert (run.status, run.body, run.err) == (0, "", "")
         eventually(lambda: there.has_port(port, table), "the detached monitor")  # ended with its namespace
+    assert [os.readlink(f"/proc/{monitor}/cwd") for monitor in there.inhabitants()] == ["/", "/"]
     run = lab.run("-u", "-e2", "-T9000000", LOOPBACK, at=there)
     assert shape(run.body) == received(0, LOOPBACK) + received(1, LOOPBACK) + summary(2, 2)
 
@@ -70,10 +71,12 @@ def test_privileges_of_ordinary_users(lab):
     here, place = lab.namespace(), lab.enter_context(tempfile.TemporaryDirectory())
     lab.monitor(at=here)
     os.chmod(place, 0o755)
-    for name, mode in (("capable", 0o755), ("plain", 0o755), ("setuid", 0o6755)):
+    for name, mode in (("capable", 0o755), ("plain", 0o755), ("setuid", 0o6755), ("setgid", 0o2755)):
         os.chmod(shutil.copyfile(VORN, f"{place}/{name}"), mode)
-    subprocess.run(["setcap", "cap_net_raw+p", f"{place}/capable"], check=True)
-    for name, bounds in (("capable", ()), ("setuid", ()), ("plain", ()), ("capable", ["--bounding-set=-net_raw"])):
+    for name in ("capable", "setgid"):
+        subprocess.run(["setcap", "cap_net_raw+p", f"{place}/{name}"], check=True)
+    for name, bounds in (("capable", ()), ("setuid", ()), ("setgid", ()), ("plain", ()),
+                         ("capable", ["--bounding-set=-net_raw"])):
         options = {"at": here, "before": (*AS_NOBODY, *bounds), "program": f"{place}/{name}", "cwd": place}
         assert shape(lab.run("-u", "-e1", "-T9000000", "localhost", **options).body).startswith(received(0, LOOPBACK))
         run = lab.start("-d90000000", LOOPBACK, **options)

@@ -18,6 +18,16 @@ def test_output_is_live_and_streams_keep_their_order(lab):
     assert shape(run.body) == start + lines
 
 
+def test_the_banner_is_out_before_a_name_is_looked_up(lab, tmp_path):
+    here, names = lab.namespace(), tmp_path / "resolv.conf"
+    names.write_text(f"nameserver {LOOPBACK}\n")
+    server = lab.socket(here, 53)  # is asked and never answers
+    mounting = ["unshare", "--mount", "sh", "-c", f'mount --bind {names} /etc/resolv.conf; exec "$@"', "sh"]
+    run = lab.start("slow.example", at=here, before=mounting)
+    server.recv(1000)
+    assert (run.body, run.status) == ("", None)  # nothing behind the banner
+
+
 @pytest.mark.parametrize("closed", ["0", "1", "2", "0 1", "0 2", "1 2", "0 1 2"])
 def test_closed_descriptors(lab, tmp_path, closed):
     here = lab.namespace()
@@ -73,9 +83,12 @@ def test_a_results_file_without_a_row_goes_again(lab, tmp_path):
     eventually(lambda: not (tmp_path / "detached.csv").exists(), "the end of the detached monitor")
     lab.monitor(at=here)
     no_growth = ["sh", "-c", 'ulimit -f 2; exec "$@"', "sh"]  # a kilobyte: what is printed fits, a row does not
-    run = lab.run(*SHORT, "-frow.csv", at=here, cwd=tmp_path, before=no_growth)
+    (tmp_path / "kept.csv").write_text(rows := "a row of a test before\n" * 30)
     could_not = "Error: could not write results file "
-    assert run.err == TO_HERE + f"{could_not}row.csv\n{could_not}HISTOGRAM_row.csv\n" + END and run.status == 0
+    for name in ("row.csv", "kept.csv"):
+        run = lab.run(*SHORT, f"-f{name}", at=here, cwd=tmp_path, before=no_growth)
+        assert run.err == TO_HERE + f"{could_not}{name}\n{could_not}HISTOGRAM_{name}\n" + END and run.status == 0
+    assert (tmp_path / "kept.csv").read_text() == rows
     assert sorted(os.listdir(tmp_path)) == ["kept.csv"]
 
 

@@ -114,10 +114,11 @@ def test_multicast(lab):
     assert shape(run.body) == received(0, LOOPBACK) + received(1, LOOPBACK) + summary(2, 2)
 
 
-def test_commands_go_to_the_first_host_alone(lab):
+def test_commands_go_to_the_first_host_alone(lab, tmp_path):
     here = lab.namespace()
     monitor = lab.socket(here, REMOTE_PORT)
-    run = lab.start("--client", "-e2", "-E1", SURE, LOOPBACK, "127.0.0.5", at=here)
+    options = ("--client", "-S9999", "-e2", "-E1", SURE, "-fout.csv")
+    run = lab.start(*options, LOOPBACK, "127.0.0.5", at=here, cwd=tmp_path)
     for number in range(3):  # the first is bad, and repeated
         _, commander = monitor.recvfrom(65536)
         monitor.sendto(message(DATA, number, 1 if number == 0 else 0, b"mon1", bytes(80)), commander)
@@ -125,6 +126,8 @@ def test_commands_go_to_the_first_host_alone(lab):
     lines = "    1:*** Rx 1, Lost 0\n    2:*** Rx 1, Lost 0\n    3:*** Rx 1, Lost 0\n"
     assert shape(run.body) == CLIENT + lines + "Test complete! Total test time: #s\n"
     assert run.err == "Start IP= 127.0.0.1  End IP= 127.0.0.5\nCleanup exit\n"
+    row = (tmp_path / "out.csv").read_text().splitlines()[1].split(",")
+    assert (row[3], row[6]) == ("1", "3")  # with a duration all batches count, the bad one too
 
 
 def test_batches_of_a_lost_connection_are_kept(lab, tmp_path):

@@ -40,12 +40,9 @@ def test_second_signal_ends_at_once_and_a_quit_signal_shows_progress(lab):
 
 
 def test_signals_that_are_ignored_or_not_ours(lab):
-    run = lab.monitor(before=["env", "--ignore-signal=HUP"])
-    run.signal(signal.SIGHUP)
-    stop(run, signal.SIGTERM)
-    run = lab.start("-i", SLOW, LOOPBACK, before=["env", "--ignore-signal=QUIT"])
-    run.wait_for("Destination")
-    run.signal(signal.SIGQUIT)
+    run, _ = lab.pinging({}, 1, HOST, SLOW, before=["env", "--ignore-signal=HUP,QUIT"])
+    for number in (signal.SIGHUP, signal.SIGQUIT):
+        run.signal(number)
     stop(run, signal.SIGTERM)
     assert "So far" not in run.err
     run = lab.monitor(before=["prlimit", "--core=0"])
@@ -74,6 +71,10 @@ def test_commander_writes_its_rows(lab, tmp_path):
         monitor = lab.socket(here, REMOTE_PORT) if silent else lab.monitor(at=here)
         run = lab.start("--client", LOOPBACK, "-e", "-E10", f"-f{name}", at=here, cwd=tmp_path)
         monitor.recv(1000) if silent else run.wait_for("    3:  Pkts")
+        run.signal(signal.SIGQUIT)
+        run.wait_for("So far: ")
+        if silent:
+            run.wait_until("S")  # in the middle of its batch
         stop(run, number)
         assert re.search(r"\nTest complete! Total test time:  *\d+\.\d{3}s\n$", run.body)
         assert " Rx " not in run.body  # the open batch is not judged

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 simulated_world world;
 
@@ -62,6 +63,10 @@ extern "C" int select(int count, fd_set* readable, fd_set* writable, fd_set* /*f
     if (readable != nullptr) *readable = asked_readable;
     if (writable != nullptr) *writable = asked_writable;
     *left = as_timeval(pass_time(usec));
+    if (std::exchange(world.interrupted, false)) {
+      errno = EINTR;
+      return -1;
+    }
   }
 }
 

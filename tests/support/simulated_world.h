@@ -15,6 +15,7 @@ struct simulated_world {
   std::int64_t overshoot = 0;           // usec by which every wait ends late
   // What happens while the code waits, by time. Descriptors are real: an event sends to the code by writing to them.
   std::multimap<std::int64_t, std::function<void()>> events;
+  bool interrupted = false;  // a signal has come: the wait under way fails with EINTR
   std::function<void()> on_yield;
   int sent = 0;                                                   // datagrams so far
   int send_calls = 0;                                             // that took them

@@ -3,14 +3,18 @@
 #include "app/signals.h"
 #include "support/expect.h"
 
-// What half a message comes to, and after how long, when the rest follows `pause` usec later. Of several stops
-// in a process only the first raises a signal; that is noted for good.
-static std::string receive_halves(std::int64_t pause, bool stop = false) {
+// What the first 25 of the 40 bytes of a message come to, and after how long, when the rest follows in so many pieces,
+// each `pause` usec after the one before. Of several stops in a process only the first raises a signal; that is noted
+// for good.
+static std::string receive_pieces(std::int64_t pause, int pieces, bool stop = false) {
   workbench b("-c -p -s");
   b.connect(SOCK_STREAM);
   const byte_vector whole = message(3, 5, 0, 7, 40);
   b.write_to_code(prefix(whole, 25));
-  world.after(pause, [&] { b.write_to_code({whole.begin() + 25, whole.end()}); });
+  for (int i = 0; i < pieces; ++i) {
+    const byte_vector piece = {whole.begin() + 25 + i * 15 / pieces, whole.begin() + 25 + (i + 1) * 15 / pieces};
+    world.after(pause * (i + 1), [&b, piece] { b.write_to_code(piece); });
+  }
   if (stop && stop_signal() == 0) world.after(0, [] { std::raise(SIGTERM); });
   const std::int64_t start = world.now;
   const int result = receive_one_frame(&b.settings, &b.run, &b.stats, 1000);
@@ -18,11 +22,12 @@ static std::string receive_halves(std::int64_t pause, bool stop = false) {
 }
 
 TEST(Receiver, WaitsForTheRestOfAMessageButNotForEver) {
-  EXPECT_EQ(receive_halves(9999999), "1 after 9999999");
-  EXPECT_EQ(receive_halves(10000001), "-1 after 10000000");
-  apart([] {  // a stop signal leaves the rest a tenth of a second
+  EXPECT_EQ(receive_pieces(9999999, 3), "1 after 29999997");
+  EXPECT_EQ(receive_pieces(10000001, 1), "-1 after 10000000");
+  apart([] {  // a stop signal leaves the rest, all of it, a tenth of a second
     catch_signals(true);
-    EXPECT_EQ(receive_halves(99999, true), "1 after 99999");
-    EXPECT_EQ(receive_halves(100001, true), "-1 after 100000");
+    EXPECT_EQ(receive_pieces(99999, 1, true), "1 after 99999");
+    EXPECT_EQ(receive_pieces(100001, 1, true), "-1 after 100000");
+    EXPECT_EQ(receive_pieces(33334, 3, true), "-1 after 100000");
   });
 }
