@@ -114,9 +114,17 @@ def test_what_this_host_itself_lost_is_told(lab):
     full = r"Note: (\d+) datagrams were dropped by this host's receive buffer \([1-9]\d* bytes\)\n"
     discarded = r"Note: this host discarded at least (\d+) outgoing packets during the test\n"
     for options, host, note in (((*flood, "-e200", "-a200"), LOOPBACK, full), ((*flood, "-e200", "-i"), LOOPBACK, ""),
-                                (("-i", "-e200", "-d1", "-l1500"), HOST, discarded)):
+                                *[(("-i", "-e200", "-d1", "-l1500"), HOST, discarded)] * 2):  # each of its own run
         run = lab.run(*options, host, at=peer.namespace)
         found = re.fullmatch(f"Destination IP = {host}\n{note}{END}", run.err)
         assert found, run.err
         missing = int(re.search(r"(\d+) missing", run.body)[1])
         assert not note or 0 < int(found[1]) <= missing and (note == discarded or int(found[1]) == missing)
+    with peer.namespace:
+        raw = lab.own(socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW))
+    silent = lab.socket(peer.namespace, REMOTE_PORT)
+    run = lab.start("-u", "-e1", "-T300000", LOOPBACK, at=peer.namespace)
+    silent.recv(100)
+    spoilt = struct.pack(">HHHH", REMOTE_PORT, LOCAL_PORT, 208, 1) + bytes(200)  # a checksum of 1
+    raw.sendto(ipv4(LOOPBACK, LOOPBACK, spoilt, protocol=socket.IPPROTO_UDP), (LOOPBACK, 0))
+    assert run.finish().err == f"Destination IP = {LOOPBACK}\n{END}"  # the socket dropped it, but not for its buffer

@@ -144,3 +144,15 @@ def test_batches_of_a_lost_connection_are_kept(lab, tmp_path):
     assert run.body.count("Pkts:   2/2 ") == 2 and "\nTest complete! " in run.body
     assert run.err == TO_HERE + "Err: Could not accept connection\nCleanup exit\n"
     assert (tmp_path / "lost.csv").read_text().splitlines()[1].split(",")[6] == "2"
+
+
+def test_a_connection_that_ends_while_it_is_sent_on(lab):
+    here = lab.namespace()
+    with here:
+        server = lab.own(socket.create_server((LOOPBACK, REMOTE_PORT)))
+    run = lab.start("-p", "-i", "-e9999", "-d1000", LOOPBACK, at=here)
+    peer, _ = server.accept()
+    peer.shutdown(socket.SHUT_WR)  # so that a send meets EPIPE, and not ECONNRESET
+    peer.close()
+    assert run.finish().status == 0
+    assert run.body.count("Err- could not send 20 bytes. Sent 0 bytes\n") == 1 and "\nIn " in run.body

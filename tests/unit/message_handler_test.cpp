@@ -33,18 +33,23 @@ TEST(Stream, IsTrackedPacketByPacket) {
       "[err] Error- sequence skipped from 3:5 to 48; 42 packets lost\n"
       "  3:          49: Received Data in  0.250000s from 10.0.0.7\n"
       "[err] Error- packet 3:49 arrived 250000 usecs from last one\n"
-      "  3:          50: Received Data in  0.000000s from 10.0.0.7\n";
+      "  3:          50: Received Data in  0.000000s from 10.0.0.7\n"
+      "  3:          51: Received Data in 4295.000000s from 10.0.0.7\n"
+      "[err] Error- packet 3:51 arrived 2147483647 usecs from last one\n";
   workbench b("-c -E50");
   for (int i = 0; i < 50; ++i) b.request(i);
+  // Usec since the packet before, the last more than 32 bits hold; sequence.
+  const list cases[] = {{9, 0},       {200000, 0x10001}, {250000, 5},     {10, 48},
+                        {250000, 49}, {-3600000000, 50}, {4295000000, 51}};
   std::string text;
-  for (const list& each : {list{9, 0}, {200000, 0x10001}, {250000, 5}, {10, 48}, {250000, 49}, {-3600000000, 50}}) {
+  for (const list& each : cases) {
     world.now += each[0];
     text += handled(&b, each[1] == 49 ? 2 : 1, message(3, 55, 3, each[1]));
   }
   EXPECT_EQ(text, lines);
-  EXPECT_EQ(numbers(b.stats.late_arrivals, b.stats.batch_first_seq, b.stats.batch_last_seq), (list{1, 0, 50}));
-  EXPECT_EQ(numbers(b.stats.latency_min, b.stats.latency_max, b.stats.latency_sum), (list{0, 250000, 450000}));
-  EXPECT_EQ(numbers(b.slot(3).outstanding, b.slot(5).outstanding, b.stats.rx_packets), (list{1, 0, 6}));
+  EXPECT_EQ(numbers(b.stats.late_arrivals, b.stats.batch_first_seq, b.stats.batch_last_seq), (list{2, 0, 51}));
+  EXPECT_EQ(numbers(b.stats.latency_min, b.stats.latency_max, b.stats.latency_sum), (list{0, 4295000000, 4295450000}));
+  EXPECT_EQ(numbers(b.slot(3).outstanding, b.slot(5).outstanding, b.stats.rx_packets), (list{1, 0, 7}));
 }
 
 TEST(Stream, BeginsAnewWithEverySenderAndBatch) {

@@ -62,6 +62,18 @@ TEST(Blast, LastsAsLongAsAskedWhateverTheClockDoes) {
   }
 }
 
+TEST(Blast, OfALongReleaseEndsWithAStopSignal) {
+  apart([] {
+    catch_signals(true);
+    workbench b("-u -i -d1 -e9000");  // all of them due at once
+    world.on_send = [](const byte_vector&) {
+      if (world.sent == 200) std::raise(SIGTERM);
+    };
+    run_test(&b.settings, &b.stats, &b.run, nullptr);
+    EXPECT_LT(world.sent, 300);
+  });
+}
+
 // When each packet leaves, in usec since the start, down to 10. Waits end 70 usec late; the one that should end at
 // `due` ends `lateness` usec late.
 static list send_times(const std::string& arguments, std::int64_t due = 0, std::int64_t lateness = 70) {
