@@ -130,6 +130,12 @@ class Lab(contextlib.ExitStack):
         return made
 
 
+    # Sends packets as they are, whoever they claim to come from.
+    def raw_socket(self, at):
+        with at:
+            return self.own(socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW))
+
+
 @pytest.fixture
 def lab():
     with Lab() as laboratory:
@@ -188,6 +194,12 @@ def ipv4(source, destination, payload, options=b"", protocol=socket.IPPROTO_ICMP
     front = struct.pack(">BBHHHBB", 0x40 | size // 4, 0, size + len(payload), 0, 0, 64, protocol)
     back = socket.inet_aton(source) + socket.inet_aton(destination) + options
     return front + struct.pack(">H", checksum(front + b"\0\0" + back)) + back + payload
+
+
+# Ends are pairs of address and port; a checksum of 0 is none.
+def udp(source, destination, text, checksum=0):
+    header = struct.pack(">HHHH", source[1], destination[1], 8 + len(text), checksum)
+    return ipv4(source[0], destination[0], header + text, protocol=socket.IPPROTO_UDP)
 
 
 def icmp(kind, rest, spoil=0):

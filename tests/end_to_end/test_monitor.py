@@ -69,12 +69,9 @@ def test_no_loop_with_another_service_or_monitor(lab):
         service.sendto(message(ECHO_REQUEST), server)
         service.sendto(service.recv(100), server)  # as an echo service would
         service.sendto(bytes(range(33, 107)), server)
-    with router:
-        raw = lab.own(socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW))
     ports = REMOTE_PORT << 16 | REMOTE_PORT
     for text in (message(ECHO_REQUEST), message(OPERATION, body=command(1, ports=ports))):  # as if the other monitor's
-        udp = struct.pack(">HHHH", REMOTE_PORT, REMOTE_PORT, 8 + len(text), 0) + text
-        raw.sendto(ipv4(near, far, udp, protocol=socket.IPPROTO_UDP), (far, 0))
+        lab.raw_socket(router).sendto(udp((near, REMOTE_PORT), server, text), (far, 0))
     client = lab.socket(router)
     assert serves(client, server) == serves(client, (near, REMOTE_PORT)) == serves(client, server) == []
     assert [now - then for now, then in zip(sent(), before)] == [1, 3 + 2 + 2]
@@ -103,22 +100,16 @@ def test_tcp_framing(lab):
         assert connection.recv(len(answer), socket.MSG_WAITALL) == answer
 
 
-def forged(source, port, text):  # a message to a monitor, as if it came from there
-    return ipv4(source, "10.9.0.1", struct.pack(">HHHH", port, REMOTE_PORT, 8 + len(text), 0) + text,
-                protocol=socket.IPPROTO_UDP)
-
-
 def test_a_forged_sender_makes_no_monitor_broadcast(lab):
     left, right = lab.chain(0)
     for device in ("all", "to-host1"):
         left.write(f"ipv4/conf/{device}/rp_filter", 0)  # or the kernel would not let such a sender in
-    monitor, everybody = lab.monitor(at=left), lab.socket(right, LOCAL_PORT)
-    with right:
-        raw = lab.own(socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW))
+    monitor, everybody, server = lab.monitor(at=left), lab.socket(right, LOCAL_PORT), ("10.9.0.1", REMOTE_PORT)
+    raw = lab.raw_socket(right)
     for text in (message(ECHO_REQUEST), message(OPERATION, body=command(100))):
         for source in ("10.9.0.255", "255.255.255.255", "224.0.0.1"):
-            raw.sendto(forged(source, LOCAL_PORT, text), ("10.9.0.1", 0))
-    assert serves(everybody, ("10.9.0.1", REMOTE_PORT)) == []
+            raw.sendto(udp((source, LOCAL_PORT), server, text), ("10.9.0.1", 0))
+    assert serves(everybody, server) == []
     assert monitor.err == "Destination IP = 0.0.0.0\n" and "Err-" not in monitor.out
 
 

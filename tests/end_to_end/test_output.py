@@ -120,11 +120,9 @@ def test_what_this_host_itself_lost_is_told(lab):
         assert found, run.err
         missing = int(re.search(r"(\d+) missing", run.body)[1])
         assert not note or 0 < int(found[1]) <= missing and (note == discarded or int(found[1]) == missing)
-    with peer.namespace:
-        raw = lab.own(socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW))
     silent = lab.socket(peer.namespace, REMOTE_PORT)
     run = lab.start("-u", "-e1", "-T300000", LOOPBACK, at=peer.namespace)
     silent.recv(100)
-    spoilt = struct.pack(">HHHH", REMOTE_PORT, LOCAL_PORT, 208, 1) + bytes(200)  # a checksum of 1
-    raw.sendto(ipv4(LOOPBACK, LOOPBACK, spoilt, protocol=socket.IPPROTO_UDP), (LOOPBACK, 0))
+    spoilt = udp((LOOPBACK, REMOTE_PORT), (LOOPBACK, LOCAL_PORT), bytes(200), checksum=1)
+    lab.raw_socket(peer.namespace).sendto(spoilt, (LOOPBACK, 0))
     assert run.finish().err == f"Destination IP = {LOOPBACK}\n{END}"  # the socket dropped it, but not for its buffer
