@@ -117,9 +117,8 @@ void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats) 
   stats->start_time -= step;
   run->last_tx_time -= step;
   run->next_tx_time -= step;
-  if (run->current_tx__packet == 0) return;
   const std::uint32_t unreported = run->current_tx__packet - run->oldest_outstanding;
-  const std::uint32_t slots = std::clamp(unreported, 1U, run->packet_table_size);
+  const std::uint32_t slots = std::min(unreported, run->packet_table_size);
   for (std::uint32_t back = 1; back <= slots; ++back)
     move_slot_back(slot_of(run, run->current_tx__packet - back), step, now);
 }

@@ -84,9 +84,10 @@ TEST(Monitor, EndsTheConnectionOfAPeerThatDoesNotRead) {
 }
 
 TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
-  const std::pair<const char*, int> ways[] = {{"-a9", SHUT_WR}, {"-i", SHUT_RDWR}};  // found by reading, by sending
-  for (const auto& [way, end] : ways) {
-    workbench b(std::string("-p -e5 -d10000 -T10000 ") + way);
+  // It finds the end by reading, and by sending. With -S9 it would come to an end even if it never found it.
+  const std::pair<std::string, int> ways[] = {{"-a9", SHUT_WR}, {"-a9", SHUT_RDWR}, {"-i", SHUT_RDWR}};
+  for (const auto& [options, end] : ways) {
+    workbench b("-p -e5 -d10000 -T10000 -S9 " + options);
     b.connect(SOCK_STREAM);
     shutdown(b.peer, end);
     const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
@@ -97,11 +98,11 @@ TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
   }
   apart([] {
     catch_signals(true);
-    for (const bool stopped : {false, true}) {  // what is outstanding is settled by the loop, and after a stop signal
-      workbench b("-p -e1 -T1000000 -d1000");
+    for (const std::string count : {"-e1", "-e9"}) {  // all was sent, or a stop signal came
+      workbench b("-p -a9 -d10001 -T1000 " + count);
       b.connect(SOCK_STREAM);
-      if (stopped) world.after(1000, [] { std::raise(SIGTERM); });
-      world.after(2000, [&b] { shutdown(b.peer, SHUT_WR); });  // it took the request and never answers
+      if (count == "-e9") world.after(100, [] { std::raise(SIGTERM); });
+      world.after(10900, [&b] { shutdown(b.peer, SHUT_WR); });  // took the request, never answers
       run_test(&b.settings, &b.stats, &b.run, nullptr);
       EXPECT_EQ(numbers(b.stats.tx_packets, b.stats.lost_packets, b.run.data_socket), (list{1, 1, -1}));
       EXPECT_LT(world.readings, 100);
