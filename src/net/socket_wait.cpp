@@ -72,8 +72,9 @@ void yield_processor() {
   sched_yield();
 }
 
+// What nobody can answer yet, such as a request during a connect, is kept for the run.
 void answer_progress_request() {
-  if (take_progress_request() && answer.print != nullptr) answer.print(answer.settings, answer.run, answer.stats);
+  if (answer.print != nullptr && take_progress_request()) answer.print(answer.settings, answer.run, answer.stats);
 }
 
 void answer_progress_with(progress_printer print, const test_settings* settings, const run_state* run,
