@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <iterator>
@@ -33,6 +34,13 @@ inline int parse(const std::string& arguments, test_settings* settings) {
   std::vector<char*> pointers;
   for (std::string& text : texts) pointers.push_back(text.data());
   return parse_command_line(static_cast<int>(pointers.size()), pointers.data(), settings);
+}
+
+// Reads and forgets all that was sent to this socket.
+inline void discard_from(int socket) {
+  static std::array<char, 65536> sink;
+  while (recv(socket, sink.data(), sink.size(), MSG_DONTWAIT) > 0) {
+  }
 }
 
 // The one table of all benches. Its pages are dropped, not cleared: that is 2.6 MB, of which a run touches a few.
