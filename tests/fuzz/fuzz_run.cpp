@@ -300,7 +300,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   world.send_error = [](bool /*side_by_side*/) { return is_refused() ? errno : 0; };
   rules = {};
   discard_read_ahead();
-  opened = 0;
   bandwidth_samples.count = buffer_samples.count = 0;
   results_filename = results_tag = nullptr;
   answer_progress_with(nullptr, nullptr, nullptr, nullptr);

@@ -8,7 +8,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-inline int opened = 0;  // files in this run
+#include <cstring>
+
+#include "report/results_files.h"
 
 extern "C" hostent* gethostbyname(const char* name) {
   static char address[4] = {10, 0, 0, 1};
@@ -20,13 +22,15 @@ extern "C" hostent* gethostbyname(const char* name) {
   return name[0] == 'x' ? nullptr : &host;
 }
 
+// Fails where a results file is open, which a monitor has no use for.
 extern "C" int daemon(int /*no_chdir*/, int /*no_close*/) noexcept {
-  return opened > 3 ? -1 : 0;
+  return results_file != nullptr ? -1 : 0;
 }
 
 extern "C" int open(const char* name, int flags, ...) {
-  const bool is_there = name[0] == 'o' || name[0] == 'f';
-  if (name[0] == 'x' || ((flags & O_CREAT) == 0 && !is_there) || ++opened > 9) return -1;
-  if (name[0] == 'f') return static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/dev/full", O_RDWR));
-  return memfd_create("results", MFD_CLOEXEC);
+  const bool is_counters = std::strcmp(name, "/proc/net/snmp") == 0;
+  const char* real_file = is_counters ? name : name[0] == 'f' ? "/dev/full" : nullptr;
+  if (real_file != nullptr) return static_cast<int>(syscall(SYS_openat, AT_FDCWD, real_file, flags, 0));
+  const bool is_missing = (flags & O_CREAT) == 0 && name[0] != 'o';
+  return is_missing || name[0] == 'x' ? -1 : memfd_create("results", MFD_CLOEXEC);
 }
