@@ -7,8 +7,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<std::string> texts = {"vorn"};
   std::istringstream words(std::string(data, data + size));
   for (std::string word; std::getline(words, word, '\0');) texts.push_back(word);
-  std::vector<char*> arguments;
-  for (std::string& text : texts) arguments.push_back(text.data());
+  std::vector<char*> arguments = pointers_to(&texts);
   test_settings settings = {};
   const int result = parse_command_line(static_cast<int>(arguments.size()), arguments.data(), &settings);
   if (results_file != nullptr) std::fclose(std::exchange(results_file, nullptr));

@@ -41,7 +41,7 @@ std::int64_t pass_time(std::int64_t usec) {
 
 extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
   if (++world.readings % readings_in_a_usec == 0) ++world.now;
-  *now = as_timeval(world.now);
+  *now = as_timeval(world.now + world.set_by);
   return 0;
 }
 

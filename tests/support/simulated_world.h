@@ -11,6 +11,7 @@
 
 struct simulated_world {
   std::int64_t now = 1700000000000000;  // usec since the epoch
+  std::int64_t set_by = 0;              // usec by which the clock was set: the code reads this much more
   int readings = 0;                     // of the clock so far
   std::int64_t overshoot = 0;           // usec by which every wait ends late
   // What happens while the code waits, by time. Descriptors are real: an event sends to the code by writing to them.

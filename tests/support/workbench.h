@@ -26,14 +26,30 @@
 #include "support/frames.h"
 #include "support/simulated_world.h"
 
+inline std::vector<std::string> words_of(const std::string& line) {
+  std::istringstream words(line);
+  return {std::istream_iterator<std::string>(words), {}};
+}
+
+// What main gets of its arguments.
+inline std::vector<char*> pointers_to(std::vector<std::string>* texts) {
+  std::vector<char*> pointers;
+  for (std::string& text : *texts) pointers.push_back(text.data());
+  return pointers;
+}
+
 // The arguments stand between blanks; their texts live until the next call.
 inline int parse(const std::string& arguments, test_settings* settings) {
   static std::vector<std::string> texts;
-  std::istringstream words("vorn " + arguments);
-  texts.assign(std::istream_iterator<std::string>(words), {});
-  std::vector<char*> pointers;
-  for (std::string& text : texts) pointers.push_back(text.data());
-  return parse_command_line(static_cast<int>(pointers.size()), pointers.data(), settings);
+  texts = words_of("vorn " + arguments);
+  return parse_command_line(static_cast<int>(texts.size()), pointers_to(&texts).data(), settings);
+}
+
+// The world and what outlives a run in the code.
+inline void begin_anew() {
+  world = {};
+  discard_read_ahead();
+  bandwidth_samples.count = buffer_samples.count = 0;
 }
 
 // Reads and forgets all that was sent to this socket.
@@ -56,9 +72,7 @@ inline packet_slot* blank_table() {
 struct workbench {
   // A run to 10.0.0.1, unless `arguments` name another host. The world and all that is process-wide begin anew.
   explicit workbench(const std::string& arguments = "") {
-    world = {};
-    discard_read_ahead();
-    bandwidth_samples.count = buffer_samples.count = 0;
+    begin_anew();
     const char* host = arguments.find("10.") == std::string::npos ? " 10.0.0.1" : "";
     if (parse(arguments + host, &settings) != 0) std::abort();
     settings.process_id = 70000;  // wider than an ICMP identifier
