@@ -1,20 +1,14 @@
-"""The restrictions that a systemd unit puts on the system calls of its program, for a child of our own.
-
-Where the unit refuses with an error, these kill (SIGSYS): a program that merely survived a refusal would pass
-otherwise.
-"""
-import re
-import resource
-import socket
-import subprocess
+# The restrictions that a systemd unit puts on the system calls of its program, for a child of our own. Where the unit
+# refuses with an error, these kill (SIGSYS): a program that merely survived a refusal would pass otherwise.
+import re, resource, socket, subprocess
 from mmap import PROT_EXEC, PROT_WRITE
 
 from seccomp import ALLOW, EQ, KILL_PROCESS, MASKED_EQ, Arch, Arg, SyscallFilter, resolve_syscall
 
 
+# What a child calls before it executes a program to be confined as the unit's lines SystemCallFilter=,
+# RestrictAddressFamilies=, MemoryDenyWriteExecute= and LimitNOFILE= say.
 def restrictions_of(unit):
-    """What a child calls before it executes a program to be confined as the unit's lines SystemCallFilter=,
-    RestrictAddressFamilies=, MemoryDenyWriteExecute= and LimitNOFILE= say."""
     def words(name):
         return " ".join(re.findall(rf"^{name}=(.*)", unit.read_text(), re.MULTILINE)).split()
 
@@ -42,8 +36,8 @@ def restrictions_of(unit):
     return restrict
 
 
+# The system calls that systemd means by a name, which may be an @group.
 def expand(name):
-    """The system calls that systemd means by a name, which may be an @group."""
     if not name.startswith("@"):
         return {name}
     listing = subprocess.run(["systemd-analyze", "syscall-filter", name], stdout=subprocess.PIPE, text=True, check=True)

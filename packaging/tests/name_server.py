@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
-"""name_server.py ADDRESS: a DNS server on loopback that gives every name the one address. Prints "ready"."""
-import socket
-import sys
+# name_server.py ADDRESS: a DNS server on loopback that gives every name the one address. Prints "ready".
+import socket, sys
 
 ADDRESS = socket.inet_aton(sys.argv[1])
 AUTHORITATIVE_ANSWER, ONE_OF_EACH = b"\x85\x80", b"\0\1\0\1\0\0\0\0"

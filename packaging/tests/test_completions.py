@@ -1,9 +1,6 @@
-"""The completions in real shells on a pseudo-terminal: what is typed, completed with TAB, reaches the command as what?
-
-In each shell the commands are functions that note their arguments, so a test compares what a program would be given.
-"""
-import os
-import re
+# The completions in real shells on a pseudo-terminal: what is typed, completed with TAB, reaches the command as what? In
+# each shell the commands are functions that note their arguments, so a test compares what a program would be given.
+import os, re
 from pathlib import Path
 
 import pexpect
@@ -32,9 +29,8 @@ SHELLS = {
 }
 
 
+# A shell in a directory of its own, with files and known hosts to complete.
 class Terminal(pexpect.spawn):
-    """A shell in a directory of its own, with files and known hosts to complete."""
-
     def __init__(self, command, home):
         self.home = home
         for directory in (".ssh", "reports"):
@@ -48,19 +44,19 @@ class Terminal(pexpect.spawn):
         self.delaybeforesend = None
         self.type(". ./.setup; echo re''ady\n", "ready")
 
+    # Types the keys and returns what the terminal shows up to the expression.
     def type(self, keys, until):
-        """Types the keys and returns what the terminal shows up to the expression."""
         self.send(keys)
         self.expect(until)
         return self.before + self.after
 
+    # What the command is given when this is typed.
     def arguments(self, typed):
-        """What the command is given when this is typed."""
         self.type(f"{typed}\n", "noted\r?\n")
         return (self.home / ".arguments").read_text().splitlines()
 
+    # What is listed for this word, once `last` is among it; the line is thrown away.
     def choices(self, typed, last):
-        """What is listed for this word, once `last` is among it; the line is thrown away."""
         shown = self.type(f"{typed}\t\t", rf"(?<=\s){re.escape(last)}(?=[\s\x1b])")
         shown += self.type("\x15echo cle''ar\n", "clear")  # others may stand behind it, in the same row
         return set(shown.split())

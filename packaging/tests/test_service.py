@@ -1,13 +1,5 @@
-"""The systemd unit and the firewall example: tight enough, and wide enough for the program to do its work."""
-import mmap
-import os
-import re
-import shutil
-import signal
-import socket
-import subprocess
-import sys
-import tempfile
+# The systemd unit and the firewall example: tight enough, and wide enough for the program to do its work.
+import mmap, os, re, shutil, signal, socket, subprocess, sys, tempfile
 from pathlib import Path
 
 import pytest
@@ -15,7 +7,7 @@ from confine import restrictions_of
 
 TOP = Path(__file__).parents[2]
 sys.path.insert(0, str(TOP / "tests/end_to_end"))
-from lab import LIBC, LOOPBACK, REMOTE_PORT, VORN, Lab  # noqa: E402
+from lab import LIBC, LOOPBACK, REMOTE_PORT, VORN, Lab
 
 UNIT = TOP / "service/vorn-server.service"
 NOBODY = {"user": 65534, "group": 65534, "extra_groups": []}
@@ -35,9 +27,9 @@ def here(lab):
     return host
 
 
+# The program where everybody can read it: the directory of the build may be closed to others.
 @pytest.fixture
 def open_vorn():
-    """The program where nobody can read it: the directory of the build may be closed to others."""
     with tempfile.TemporaryDirectory() as directory:
         os.chmod(directory, 0o755)
         copy = shutil.copy(VORN, directory)

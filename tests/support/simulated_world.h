@@ -23,7 +23,8 @@ struct simulated_world {
   std::function<void(const std::vector<std::uint8_t>&)> on_send;  // of each datagram
   // The errno that the next datagram meets, or side by side several in one, 0 = none.
   std::function<int(bool side_by_side)> send_error;
-  std::vector<int> accept_errors;  // that accept4 meets before it works, the last one first
+  // That accept4 meets, the last one first, before it gives a copy of the listening socket for a connection.
+  std::vector<int> accept_errors;
 
   void after(std::int64_t usec, std::function<void()> event) {
     events.emplace(now + usec, std::move(event));

@@ -1,7 +1,5 @@
 #include "net/tcp_connection.h"
 
-#include <sys/un.h>
-
 #include <cerrno>
 
 #include "app/signals.h"
@@ -125,16 +123,9 @@ TEST(Commander, SendsItsCommandOnceAFullConnectionHasRoom) {
 
 TEST(Accept, GoesOnAfterAConnectionThatIsGone) {
   workbench b("-p --server");
-  const sockaddr_un name = {.sun_family = AF_UNIX, .sun_path = ""};
-  b.run.listen_socket = socket(AF_UNIX, SOCK_STREAM, 0);
-  b.peer = socket(AF_UNIX, SOCK_STREAM, 0);
-  socklen_t length = sizeof name.sun_family;  // the kernel chooses the name
-  sockaddr_un bound = name;
-  ASSERT_EQ(bind(b.run.listen_socket, reinterpret_cast<const sockaddr*>(&name), length), 0);
-  ASSERT_EQ(listen(b.run.listen_socket, 1), 0);
-  length = sizeof bound;
-  ASSERT_EQ(getsockname(b.run.listen_socket, reinterpret_cast<sockaddr*>(&bound), &length), 0);
-  ASSERT_EQ(::connect(b.peer, reinterpret_cast<const sockaddr*>(&bound), length), 0);
+  b.connect(SOCK_STREAM);
+  b.write_to_code({1});  // so that somebody seems to connect
+  b.run.listen_socket = std::exchange(b.run.data_socket, -1);
   world.accept_errors = {ECONNABORTED, EAGAIN, EINTR};
   accept_test_connection(&b.run);
   EXPECT_TRUE(world.accept_errors.empty());
