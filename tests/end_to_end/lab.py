@@ -88,7 +88,10 @@ class Lab(contextlib.ExitStack):
     def chain(self, routers):
         links = [Link(End(f"host{i}", [f"10.9.{i}.1/24"]), End(f"host{i + 1}", [f"10.9.{i}.2/24"]))
                  for i in range(routers + 1)]
-        return list(self.enter_context(standing(chain(links), links)).values())
+        hosts = list(self.enter_context(standing(chain(links), links)).values())
+        for host in hosts:
+            host.write("ipv4/icmp_ratemask", 0)  # it answers every packet, however many tests run beside this one
+        return hosts
 
     # Start the program in a namespace; `before` is a command in front of it, such as one that ignores a signal. What
     # our own caller ignores (a shell's background job ignores SIGINT) must not be ignored by the program.
