@@ -1,17 +1,11 @@
 # bash completion for vorn-check(1). What stands behind -- is completed like the arguments of vorn.
 
 _vorn_check() {
-  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} index
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
   COMPREPLY=()
-  for ((index = 1; index < COMP_CWORD; ++index)); do
-    [[ ${COMP_WORDS[index]} == -- ]] || continue
-    declare -F _vorn >/dev/null || { declare -F _completion_loader >/dev/null && _completion_loader vorn; }
-    declare -F _vorn >/dev/null || return
-    COMP_WORDS=(vorn "${COMP_WORDS[@]:index+1}")
-    ((COMP_CWORD -= index))
-    _vorn
-    return
-  done
+  # It comes with the completion of vorn.
+  declare -F _vorn_behind_dashes >/dev/null || { declare -F _completion_loader >/dev/null && _completion_loader vorn; }
+  declare -F _vorn_behind_dashes >/dev/null && _vorn_behind_dashes && return
   case $previous in
     --program | --prometheus)
       compopt -o filenames

@@ -71,4 +71,17 @@ _vorn() {
   esac
 }
 
+# For the companions: completes a word behind -- as an argument of vorn. False for a word before it.
+_vorn_behind_dashes() {
+  local index
+  for ((index = 1; index < COMP_CWORD; ++index)); do
+    [[ ${COMP_WORDS[index]} == -- ]] || continue
+    COMP_WORDS=(vorn "${COMP_WORDS[@]:index+1}")
+    ((COMP_CWORD -= index))
+    _vorn
+    return 0
+  done
+  return 1
+}
+
 complete -F _vorn vorn
