@@ -6,11 +6,11 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[2]
 PLOT = ROOT / "plot"
 sys.path += [str(PLOT), str(ROOT / "tests/end_to_end")]
+from vornplot import plot
 
 HOST = "10.0.0.2"
 ERROR, HOP = "Destination Unreachable", "TTL Exceeded"  # kinds of answers beside the reply
-BANNER = "Vorn version 5.2, a notice\nBuilt Jan  5 2026 at 09:00:00\n"
-TO_HOST = f"Destination IP = {HOST}\n"
+BANNER = f"Vorn version 5.2, a notice\nBuilt Jan  5 2026 at 09:00:00\nDestination IP = {HOST}\n"
 
 
 def answer(sequence, seconds=0.010, kind=" Echo Reply ", host=HOST):
@@ -47,7 +47,6 @@ def script(path, text):
 
 # The same picture comes out the same, and in both formats.
 def draw(folder, *arguments):
-    from vornplot import plot
     for picture in ("one.svg", "two.svg", "three.png"):
         plot.main([*arguments, "-o", str(folder / picture)])
     assert (folder / "one.svg").read_bytes() == (folder / "two.svg").read_bytes()

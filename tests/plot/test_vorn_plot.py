@@ -2,7 +2,7 @@
 import contextlib, math, random, re, signal, subprocess
 
 import pytest
-from companions import BANNER, ERROR, HOP, PLOT, TO_HOST, answer, batch, draw, silent_batch, timed_out, totals
+from companions import BANNER, ERROR, HOP, PLOT, answer, batch, draw, silent_batch, timed_out, totals
 from lab import Program
 from vornplot import figures, plot, reader, words
 
@@ -29,55 +29,54 @@ def sweep(first, last):
     return f"Start IP= {first}  End IP= {last}\n"
 
 
-@pytest.fixture
-def read(tmp_path):
-    def read_text(text):
-        (tmp_path / "f").write_bytes(text.encode())
-        return reader.read_source(str(tmp_path / "f"))
-    return read_text
+def read(folder, text):
+    (folder / "f").write_bytes(text.encode())
+    return reader.read_source(str(folder / "f"))
 
 
-def test_results_rows_are_read_whatever_their_ends(read):
+def test_results_rows_are_read_whatever_their_ends(tmp_path):
     whole = RESULTS + row(RATES, tag="a") + "\n" + row(RATES)
-    first, second = read(whole.replace(",", "\t").replace("\n", "\r\n")).items
+    first, second = read(tmp_path, whole.replace(",", "\t").replace("\n", "\r\n")).items
     assert (first.bad_samples, first.lost, first.lost_in_bad, first.batches, first.delay_usec) == (3, 12, 140, 100, 1)
     shares = (0.0, 50.0, 99.0, 99.1, 100.0)
     assert [figures.rate_at(second, share) for share in shares] == [100.0, 75.0, 50.5, 50.0, 45.5]
     # No header, separators in the name and the tag, spreadsheet padding, and a row that was cut after 50 %.
-    ragged = read(row(RATES, "udp,1/r.csv", "east, 2") + row(RATES)[:-1] + ",,,\n" + row(RATES[:51])).items
-    assert [(r.tag, r.values) for r in ragged] == [("east, 2", RATES), ("NULL", RATES), ("NULL", RATES[:51])]
+    ragged = row(RATES, "udp,1/r.csv", "east, 2") + row(RATES)[:-1] + ",,,\n" + row(RATES[:51])
+    found = [(each.tag, each.values) for each in read(tmp_path, ragged).items]
+    assert found == [("east, 2", RATES), ("NULL", RATES), ("NULL", RATES[:51])]
     lower = "".join(row([max(0.0, rate - drop) for rate in RATES]) for drop in (0, 30, 10, 200))  # the last has no rate
-    assert [line[99] for line in figures.rate_lines(read(lower).items, "tag").values()] == [(99.0, 20.5, 40.5, 50.5)]
+    lines = figures.rate_lines(read(tmp_path, lower).items, "tag")
+    assert [line[99] for line in lines.values()] == [(99.0, 20.5, 40.5, 50.5)]
 
 
-def test_histogram_counts_belong_to_the_bins_below_their_label(read):
+def test_histogram_counts_belong_to_the_bins_below_their_label(tmp_path):
     rows = row([0] * 12 + [60, 40]) + row([], bad=50, batches=50) + row([0] * 250 + [100])
-    one, none, wide = read(HISTOGRAM + rows).items
+    one, none, wide = read(tmp_path, HISTOGRAM + rows).items
     assert figures.joined_bins(one.values, 12, 13, 1) == ([11, 12, 13], [60, 40]) and none.values == []
     assert figures.joined_bins(wide.values, 250, 250, 2) == ([248, 250], [100])
 
 
-def test_batches_are_read_from_every_style_of_line(read):
-    first, second = read(BANNER + TO_HOST + "Engaging options: -c\n\n" + batch(2, 94.1, " ", 49, COLUMNS)
-                         + "  3:           7: Received  Data  in  0.000120s from 10.0.0.2\nFlushed 3 frames\n"
-                         + batch(3, 12345.6, "*", 48, COLUMNS, COLUMNS) + silent_batch(4, 1, 49)
-                         + verbose_batch(51, "*", 5, 47.2) + silent_batch(1, 1, 0)).items
-    assert [(b.number, b.bad, b.received, b.rate, b.buffer) for b in first.items] == [
+def test_batches_are_read_from_every_style_of_line(tmp_path):
+    text = (BANNER + "Engaging options: -c\n\n" + batch(2, 94.1, " ", 49, COLUMNS)
+            + "  3:           7: Received  Data  in  0.000120s from 10.0.0.2\nFlushed 3 frames\n"
+            + batch(3, 12345.6, "*", 48, COLUMNS, COLUMNS) + silent_batch(4, 1, 49) + verbose_batch(51, "*", 5, 47.2))
+    first, second = read(tmp_path, text + silent_batch(1, 1, 0)).items
+    assert [(each.number, each.bad, each.received, each.rate, each.buffer) for each in first.items] == [
         (2, False, 49, 94.1, 1.5), (3, True, 48, 12345.6, 1.5), (4, True, 1, None, None), (51, True, 45, 47.2, 2.5)]
     assert figures.good_rates(first) == [94.1] and not second.items[0].bad  # its only packet came
 
 
-def test_round_trips_their_gaps_and_percentiles(read):
-    first, second = read(BANNER + answer(0, 0.0105, HOP) + timed_out(1) + answer(2, 0.002) + answer(5, 0.001)
-                         + totals(9, 3) + answer(0, 1.5)).items
-    assert [r.answer for r in first.items] == [HOP, "", "Echo Reply", "Echo Reply"]
+def test_round_trips_their_gaps_and_percentiles(tmp_path):
+    text = BANNER + answer(0, 0.0105, HOP) + timed_out(1) + answer(2, 0.002) + answer(5, 0.001) + totals(9, 3)
+    first, second = read(tmp_path, text + answer(0, 1.5)).items
+    assert [each.answer for each in first.items] == [HOP, "", "Echo Reply", "Echo Reply"]
     assert (first.sent, second.sent) == (9, 1)
     line = [(sequence, None if math.isnan(time) else time) for sequence, time in zip(*figures.with_gaps(first.items))]
     assert line == [(0, 10.5), (1, None), (2, 2.0), (3, None), (5, 1.0)]
     assert [figures.percentile(range(1, 1001), percent) for percent in (50, 95, 99, 100)] == [500, 950, 990, 1000]
 
 
-def test_what_cannot_be_read_is_named_with_its_line(read, tmp_path):
+def test_what_cannot_be_read_is_named_with_its_line(tmp_path):
     for text, complaint in (
             ("", "1: empty"),
             (RESULTS, "1: a header without"),
@@ -90,10 +89,10 @@ def test_what_cannot_be_read_is_named_with_its_line(read, tmp_path):
             (timed_out(1)[:30] + "\n", "1: a damaged"),
             (answer(0) + silent_batch(1), "2: a line")):
         with pytest.raises(words.Unreadable, match="^" + re.escape(f"{tmp_path}/f:{complaint}")):
-            read(text)
+            read(tmp_path, text)
 
 
-def test_what_is_cut_off_or_foreign_is_named_and_not_read(read, tmp_path):
+def test_what_is_cut_off_or_foreign_is_named_and_not_read(tmp_path):
     cut_answer, cut_row, place = answer(1, 1)[:-1], row(RATES)[:-9], f"{tmp_path}/f"
     for text, notes in (
             (answer(0) + cut_answer, [f"{place}:2: the last line is cut off: '{cut_answer.strip()}'"]),
@@ -101,7 +100,7 @@ def test_what_is_cut_off_or_foreign_is_named_and_not_read(read, tmp_path):
             (RESULTS + row(RATES) + cut_row, [f"{place}:3: the last row is cut off, after '{cut_row[-20:]}'"]),
             (row(RATES)[:-1], []),
             (row([0, 100])[:-1], [])):
-        source = read(text)
+        source = read(tmp_path, text)
         assert source.notes == notes and [len(getattr(item, "items", [item])) for item in source.items] == [1]
 
 
@@ -128,19 +127,18 @@ MANY = "".join(row([rate + n for rate in RATES], tag=f"_$site {n}$", day=n + 1) 
 def test_pictures_draw_without_warning(tmp_path, figure, texts):
     for text in texts:
         (tmp_path / "in").write_text(text)
-        draw(tmp_path, "-k", figure, str(tmp_path / "in"))
+        draw(tmp_path, "-k", figure, "--text", str(tmp_path / "in"))
 
 
-TRACE = BANNER + TO_HOST + answer(0, 0.0001, HOP, "10.0.0.7") + timed_out(1) + answer(2, 0.0003) + answer(3, 0.0004)
+TRACE = BANNER + answer(0, 0.0001, HOP, "10.0.0.7") + timed_out(1) + answer(2, 0.0003) + answer(3, 0.0004)
 SWEEP = sweep("10.0.0.1", "10.0.0.9") + answer(1, 0.0001) + answer(3, 3.0, ERROR) + totals(9, 2)
 
 
-def test_sweeps_and_traces_name_hosts_and_the_silent_ones(read, tmp_path, capsys):
+def test_sweeps_and_traces_name_hosts_and_the_silent_ones(tmp_path, capsys):
     def rows(text):
         return [(row.first, row.last, row.host, row.answer, len(row.times))
-                for row in figures.host_rows(read(text).items[0])]
-    assert rows(TRACE) == [
-        (0, 0, "10.0.0.7", HOP, 1), (1, 1, "", "no answer", 0), (2, 3, "10.0.0.2", "Echo Reply", 2)]
+                for row in figures.host_rows(read(tmp_path, text).items[0])]
+    assert rows(TRACE) == [(0, 0, "10.0.0.7", HOP, 1), (1, 1, "", "no answer", 0), (2, 3, "10.0.0.2", "Echo Reply", 2)]
     # Two requests a host, stopped in the middle; addresses that do not follow from the range are not made up.
     assert rows(sweep("10.0.0.2", "10.0.0.3") + answer(1) + totals(4, 1))[-1] == (2, 3, "10.0.0.3", "no line", 0)
     assert rows(sweep("10.0.0.1", "10.0.0.9") + answer(2) + totals(9, 1))[0] == (0, 1, "", "no line", 0)
@@ -153,12 +151,10 @@ def test_sweeps_and_traces_name_hosts_and_the_silent_ones(read, tmp_path, capsys
 
 def test_ctrl_c_ends_the_pipe_and_shows_what_came():
     command = ["env", "--default-signal=INT", PLOT / "vorn-plot", "--text", "-"]
-    with contextlib.closing(Program(command, stdin=subprocess.PIPE)) as run:
+    with contextlib.closing(Program(command, stdin=subprocess.PIPE, bufsize=0)) as run:
         run.process.stdin.write((answer(0) * 2000).encode())  # more than a pipe holds: some of it has been read
-        run.process.stdin.flush()
         run.signal(signal.SIGINT)
         assert "answers" in run.finish().out and run.status == 0
-        run.process.stdin.close()
 
 
 def test_stray_values_do_not_set_the_scale():
@@ -171,10 +167,10 @@ def test_stray_values_do_not_set_the_scale():
 # Cut anywhere, a file has a beginning of its items or is refused. Of lines that are missing, foreign, cut or in another
 # order come no items but those of whole lines.
 @pytest.mark.parametrize("seed", range(4))
-def test_damaged_input_is_refused_or_read_right(read, seed):
+def test_damaged_input_is_refused_or_read_right(tmp_path, seed):
     def items(text):
         try:
-            return [item for each in read(text).items for item in getattr(each, "items", [each])]
+            return [item for each in read(tmp_path, text).items for item in getattr(each, "items", [each])]
         except words.Unreadable:
             return []
     chance = random.Random(seed)

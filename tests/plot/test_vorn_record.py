@@ -2,22 +2,23 @@
 import contextlib, json, signal, sqlite3, subprocess, time, types
 
 import pytest
-from companions import BANNER, ERROR, HOST, PLOT, TO_HOST, answer, batch, printing, script, timed_out, totals
+from companions import BANNER, ERROR, HOST, PLOT, answer, batch, printing, script, timed_out, totals
 from lab import Lab, Program, eventually
 from vornplot import record, store
 from vornplot.records import REPLY, Batch, Echo
 
+UNSENT = "Err- could not send 8 bytes, sent -1 bytes"
 PRINTS = printing(
     BANNER + answer(0, 0.000120) + timed_out(1) + answer(2, 3.000001, ERROR, "10.0.0.9") + batch(1, 94.1, "*", 48)
     + "Running Bitrate:   0.176 Megabits/s,   98.9 fps,      3 tx,      2 rx,      1 missing,      0 late,      1 lost,"
-    " 33.33% lost\nErr- could not send 8 bytes, sent -1 bytes\nan unknown line\n" + totals(3, 2)
-    + "Min =  0.000120, Max =  3.000001, Avg =  1.500060, \n", f"echo {TO_HOST.rstrip()} >&2")
+    " 33.33% lost\nan unknown line\n" + totals(3, 2) + "Min =  0.000120, Max =  3.000001, Avg =  1.500060, \n",
+    f"echo '{UNSENT}' >&2")
 
 # Ends by the signal after its summary, as vorn does; a second one would show.
 WAITS = f"""#!/bin/sh
 trap 'trap "echo Flushed 2 frames" TERM; echo "{totals(1, 1).rstrip()}"
   kill $! 2>/dev/null; trap - TERM; kill $$' TERM
-echo '{(TO_HOST + answer(0, 0.000120)).rstrip()}'
+echo '{(BANNER + answer(0, 0.000120)).rstrip()}'
 sleep 60 >/dev/null 2>&1 & wait
 """
 
@@ -38,21 +39,19 @@ def rows(path, query):
 
 def test_every_kind_of_line_is_kept_with_its_run(start, tmp_path):
     before = time.time() * 1e6
-    run = start(PRINTS, "--label", "lab", "--count", "2", "--", "-e3", "host.example").finish()
+    run = start(PRINTS, "--label", "lab", "--count", "2", "--", "-e3", "example").finish()
     assert run.status == 0 and "6 requests, 2 without an answer; 2 batches, 2 bad; in vorn.db" in run.err
-    assert run.err.count("not understood: an unknown line") == 2 and run.err.count("Err- could not send") == 2
+    assert run.err.count("not understood: an unknown line") == 2 and run.err.count(UNSENT) == 2
     opened = store.open_to_read(str(tmp_path / "vorn.db"))
     first, second = store.runs(opened)
-    assert (first.label, first.command[1:], first.asked, first.target) == ("lab", ["-e3", "host.example"],
-                                                                           "host.example", HOST)
+    assert (first.label, first.command[1:], first.asked, first.target) == ("lab", ["-e3", "example"], "example", HOST)
     assert (first.status, first.sent, first.received, first.max_usec) == (0, 3, 2, 3000001)
     assert before < first.start_usec < first.end_usec <= second.start_usec
     names = store.name_texts(opened)
     echoes = [(rtt, run, names[host]) for _, rtt, run, host in store.echo_rows(opened)]
     assert echoes == [(rtt, run, HOST) for run in (1, 2) for rtt in (120, -1, -1)]  # an error is no answer
     assert [row[1:] for row in store.batch_rows(opened)] == [(94100, 1500, 1, 48, 50, 1), (94100, 1500, 1, 48, 50, 2)]
-    assert [text for _, text in store.messages(opened, 2)] == ["Err- could not send 8 bytes, sent -1 bytes",
-                                                               "not understood: an unknown line"]
+    assert [text for _, text in store.messages(opened, 2)] == ["not understood: an unknown line", UNSENT]
     assert rows(tmp_path / "vorn.db", "SELECT rate_kbps, missing FROM rate") == [(176, 1)] * 2
 
 
@@ -90,8 +89,7 @@ def test_json_lines_come_live_and_a_closed_pipe_ends_the_program(start):
     ("not a program", "-- x", 1, "Exec format error"),
     (PRINTS, "x", 2, "behind --"),
     (PRINTS, "--every -1 -- x", 2, "positive number"),
-    (PRINTS, "-o vorn -- x", 1, "not a database"),
-    (PRINTS, "-o no/where.db -- x", 1, "unable to open")])
+    (PRINTS, "-o vorn -- x", 1, "not a database")])
 def test_what_goes_wrong_is_said(start, program, arguments, status, complaint):
     run = start(program, *arguments.split()).finish()
     assert run.status == status and complaint in run.err and "Traceback" not in run.err
@@ -112,8 +110,7 @@ def test_a_full_disk_costs_no_earlier_record_and_is_tried_again(tmp_path, capsys
                            for n in range(500)])
         assert sink.commit()
     assert sink.trouble and "trying again" in capsys.readouterr().err
-    kept = len(rows(path, "SELECT * FROM echo"))
-    assert kept % 500 == 0 and kept < 2500  # whole transactions
+    assert len(rows(path, "SELECT * FROM echo")) in range(0, 2500, 500)  # whole transactions
     limit_pages(sink, 10**6)
     assert sink.commit() and "nothing is missing" in capsys.readouterr().err
     assert [row[0] for row in rows(path, "SELECT sequence FROM echo ORDER BY time_usec")] == list(range(2500))
