@@ -19,7 +19,7 @@
 namespace {
 
 constexpr std::int32_t process_id = 70000;
-constexpr int longest_run = 400;    // calls on sockets and yields; then a signal ends it
+constexpr int longest_run = 400;    // calls on sockets, yields and writes of the peer; then a signal ends it
 constexpr int end_signal = SIGHUP;  // any other stop signal is meant for the fuzz target
 
 struct fuzzed_run {
@@ -62,6 +62,7 @@ int new_socket(int type) {
 
 // False when the socket is full or gone. An empty datagram is sent too.
 bool write_to(int socket, const byte_vector& bytes) {
+  count_call();
   return syscall(SYS_sendto, socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL, nullptr, 0) >= 0;
 }
 
