@@ -38,8 +38,7 @@ def test_results_rows_are_read_whatever_their_ends(tmp_path):
     whole = RESULTS + row(RATES, tag="a") + "\n" + row(RATES)
     first, second = read(tmp_path, whole.replace(",", "\t").replace("\n", "\r\n")).items
     assert (first.bad_samples, first.lost, first.lost_in_bad, first.batches, first.delay_usec) == (3, 12, 140, 100, 1)
-    shares = (0.0, 50.0, 99.0, 99.1, 100.0)
-    assert [figures.rate_at(second, share) for share in shares] == [100.0, 75.0, 50.5, 50.0, 45.5]
+    assert [figures.rate_at(second, share) for share in (0, 50, 99, 99.1, 100)] == [100.0, 75.0, 50.5, 50.0, 45.5]
     # No header, separators in the name and the tag, spreadsheet padding, and a row that was cut after 50 %.
     ragged = row(RATES, "udp,1/r.csv", "east, 2") + row(RATES)[:-1] + ",,,\n" + row(RATES[:51])
     found = [(each.tag, each.values) for each in read(tmp_path, ragged).items]
@@ -115,14 +114,15 @@ def test_command_line_without_matplotlib(tmp_path, arguments, status, complaint)
 
 
 MANY = "".join(row([rate + n for rate in RATES], tag=f"_$site {n}$", day=n + 1) for n in range(20))
+LONG = "".join(timed_out(n) if n % 999 == 0 else answer(n, n / 1000) for n in range(4000))
 
 
-@pytest.mark.parametrize("figure, texts", [  # of one, of many and of nothing
-    ("rate", (row(RATES), MANY, row([0.0] * 110))),
-    ("trend", (row(RATES), MANY, row([0.0] * 110))),
-    ("histogram", (row([0, 100]), HISTOGRAM + row([0] * 9000 + [100]) * 20, row([], bad=50, batches=50))),
-    ("batches", (batch(1), batch(1) * 20, silent_batch(1))),
-    ("echo", (answer(0), (answer(0) + timed_out(1) + answer(2, 9.0)) * 20, timed_out(1)))])
+@pytest.mark.parametrize("figure, texts", [  # of one, of nothing and of many
+    ("rate", (row(RATES), row([0.0] * 110), MANY)),
+    ("trend", (row(RATES), row([0.0] * 110), MANY)),
+    ("histogram", (row([0, 100]), row([], bad=50, batches=50), HISTOGRAM + row([0] * 9000 + [100]) * 20)),
+    ("batches", (batch(1), silent_batch(1), batch(1) * 20)),
+    ("echo", (answer(0), timed_out(1), (answer(0) + timed_out(1) + answer(2, 9.0)) * 20, LONG))])
 @pytest.mark.filterwarnings("error")
 def test_pictures_draw_without_warning(tmp_path, figure, texts):
     for text in texts:
