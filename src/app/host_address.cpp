@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "app/live_output.h"
+#include "base/live_output.h"
 
 bool resolve_host(const char* text, std::uint32_t* address) {
   const in_addr_t dotted = inet_addr(text);

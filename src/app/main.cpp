@@ -1,5 +1,5 @@
-#include "app/cleanup_exit.h"
 #include "app/program.h"
+#include "base/cleanup_exit.h"
 
 int main(int argc, char** argv) {
   cleanup_exit(run_program(argc, argv));

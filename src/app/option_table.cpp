@@ -7,13 +7,13 @@
 #include <array>
 #include <cstdio>
 
-#include "app/cleanup_exit.h"
 #include "app/host_address.h"
-#include "app/live_output.h"
 #include "app/presets.h"
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "net/address_text.h"
+#include "base/address_text.h"
+#include "base/cleanup_exit.h"
+#include "base/clock.h"
+#include "base/live_output.h"
+#include "base/settings.h"
 #include "report/results_files.h"
 #include "report/results_table.h"
 #include "wire/packet_sizes.h"

@@ -9,7 +9,7 @@
 
 #include "app/host_address.h"
 #include "app/option_table.h"
-#include "app/test_settings.h"
+#include "base/settings.h"
 
 namespace {
 

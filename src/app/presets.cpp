@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/test_settings.h"
+#include "base/settings.h"
 
 namespace {
 

@@ -2,15 +2,15 @@
 
 #include <cstdio>
 
-#include "app/cleanup_exit.h"
-#include "app/live_output.h"
 #include "app/options.h"
-#include "app/privileges.h"
-#include "app/signals.h"
-#include "app/test_settings.h"
 #include "app/usage.h"
-#include "app/version.h"
-#include "engine/run_records.h"
+#include "base/cleanup_exit.h"
+#include "base/live_output.h"
+#include "base/privileges.h"
+#include "base/run_records.h"
+#include "base/settings.h"
+#include "base/signals.h"
+#include "base/version.h"
 #include "engine/test_loop.h"
 #include "net/host_losses.h"
 #include "net/socket_wait.h"

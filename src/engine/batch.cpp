@@ -2,8 +2,8 @@
 
 #include <limits>
 
-#include "app/test_settings.h"
-#include "engine/run_records.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "app/test_settings.h"
-#include "engine/clock.h"
+#include "base/address_text.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "engine/pacing.h"
-#include "engine/run_records.h"
-#include "net/address_text.h"
 #include "report/running_bitrate.h"
 #include "wire/icmp_echo.h"
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <limits>
 
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 
 namespace {
 

@@ -4,12 +4,12 @@
 
 #include <algorithm>
 
-#include "app/signals.h"
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/duration.h"
+#include "base/clock.h"
+#include "base/duration.h"
+#include "base/run_records.h"
+#include "base/settings.h"
+#include "base/signals.h"
 #include "engine/pacing.h"
-#include "engine/run_records.h"
 #include "net/burst.h"
 #include "net/socket_wait.h"
 #include "net/tcp_connection.h"

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "engine/clock.h"
+#include "base/clock.h"
 
 void ask_for_arrival_stamps(int socket) {
   const int on = 1;

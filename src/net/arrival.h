@@ -5,7 +5,7 @@
 
 struct msghdr;
 
-// What is known of one frame's arrival. Times are ticks (engine/clock.h).
+// What is known of one frame's arrival. Times are ticks (base/clock.h).
 struct frame_arrival {
   std::int64_t stamp;    // taken by the kernel when the frame came (SO_TIMESTAMP in socket(7)); 0 = none
   std::int64_t reading;  // of the clock, taken when the frame is handled: hours later on a stopped process

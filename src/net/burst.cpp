@@ -9,9 +9,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "net/datagram_send.h"
 #include "net/test_frame.h"
 #include "wire/packet_sizes.h"

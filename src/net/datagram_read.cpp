@@ -7,7 +7,7 @@
 #include <array>
 #include <cerrno>
 
-#include "engine/clock.h"
+#include "base/clock.h"
 #include "wire/packet_sizes.h"
 
 namespace {

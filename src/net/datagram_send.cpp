@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/duration.h"
-#include "engine/run_records.h"
+#include "base/clock.h"
+#include "base/duration.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "net/socket_options.h"
 #include "net/socket_wait.h"
 

@@ -12,8 +12,8 @@
 #include <string_view>
 #include <system_error>
 
-#include "app/test_settings.h"
-#include "engine/run_records.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 
 namespace {
 

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
-#include "net/address_text.h"
+#include "base/address_text.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "net/arrival.h"
 #include "net/stream_packet.h"
 #include "wire/checksum.h"

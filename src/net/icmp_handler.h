@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "engine/frame_result.h"
+#include "base/frame_result.h"
 
 struct frame_arrival;
 struct run_state;

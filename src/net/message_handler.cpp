@@ -7,12 +7,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/test_settings.h"
+#include "base/address_text.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "engine/batch.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
 #include "engine/test_loop.h"  // the one call back into the loop: run_remote_command below
-#include "net/address_text.h"
 #include "net/arrival.h"
 #include "net/datagram_send.h"
 #include "net/socket_options.h"

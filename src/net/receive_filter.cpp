@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <span>
 
-#include "app/test_settings.h"
-#include "engine/run_records.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "wire/icmp_echo.h"
 #include "wire/packet_sizes.h"
 

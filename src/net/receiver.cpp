@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "app/signals.h"
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
+#include "base/signals.h"
 #include "net/arrival.h"
 #include "net/datagram_read.h"
 #include "net/icmp_handler.h"

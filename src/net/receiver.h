@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "engine/frame_result.h"
+#include "base/frame_result.h"
 
 struct run_state;
 struct test_settings;

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "app/live_output.h"
-#include "app/signals.h"
-#include "engine/clock.h"
+#include "base/clock.h"
+#include "base/live_output.h"
+#include "base/signals.h"
 
 namespace {
 

@@ -13,7 +13,7 @@ enum class socket_event : std::uint8_t { readable, writable };
 enum class wait_result : std::uint8_t {
   ready,    // the socket can be read or written
   elapsed,  // the time is over
-  stopped,  // SIGINT, SIGTERM or SIGHUP was noted (app/signals.h); *left_usec says what is left
+  stopped,  // SIGINT, SIGTERM or SIGHUP was noted (base/signals.h); *left_usec says what is left
   failed,   // the wait itself failed
 };
 

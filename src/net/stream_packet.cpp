@@ -1,8 +1,8 @@
 #include "net/stream_packet.h"
 
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "net/arrival.h"
 
 // In 16 bits, since ICMP carries no more and no batch is longer: a stream goes on across the wrap from 65535 to 0.

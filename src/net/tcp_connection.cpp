@@ -10,11 +10,11 @@
 #include <csignal>
 #include <cstdio>
 
-#include "app/cleanup_exit.h"
-#include "app/signals.h"
-#include "app/test_settings.h"
-#include "engine/run_records.h"
-#include "net/address_text.h"
+#include "base/address_text.h"
+#include "base/cleanup_exit.h"
+#include "base/run_records.h"
+#include "base/settings.h"
+#include "base/signals.h"
 #include "net/socket_options.h"
 #include "net/socket_wait.h"
 

@@ -2,9 +2,9 @@
 
 #include <cstdio>
 
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "wire/icmp_echo.h"
 #include "wire/remote_command.h"
 #include "wire/test_message.h"

@@ -6,11 +6,11 @@
 
 #include <cstdio>
 
-#include "app/cleanup_exit.h"
-#include "app/privileges.h"
-#include "app/test_settings.h"
-#include "engine/run_records.h"
-#include "net/address_text.h"
+#include "base/address_text.h"
+#include "base/cleanup_exit.h"
+#include "base/privileges.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "net/arrival.h"
 #include "net/socket_options.h"
 #include "net/tcp_connection.h"

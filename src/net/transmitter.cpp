@@ -8,10 +8,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/test_settings.h"
+#include "base/duration.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "engine/batch.h"
-#include "engine/duration.h"
-#include "engine/run_records.h"
 #include "net/datagram_send.h"
 #include "net/tcp_connection.h"
 #include "net/test_frame.h"

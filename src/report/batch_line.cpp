@@ -3,11 +3,11 @@
 #include <array>
 #include <cstdio>
 
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
+#include "base/units.h"
 #include "report/sample_list.h"
-#include "report/units.h"
 
 namespace {
 

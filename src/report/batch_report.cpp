@@ -4,14 +4,14 @@
 #include <cstdint>
 #include <limits>
 
-#include "app/test_settings.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
+#include "base/units.h"
 #include "engine/batch.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
 #include "report/batch_line.h"
 #include "report/buffer_consumption.h"
 #include "report/sample_list.h"
-#include "report/units.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Command mode after every wait: judge a batch when its stream is over, and say whether to go on.
 #pragma once
 
-#include "engine/frame_result.h"
+#include "base/frame_result.h"
 
 struct run_state;
 struct test_settings;

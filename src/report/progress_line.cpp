@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "app/test_settings.h"
-#include "engine/run_records.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 
 namespace {
 

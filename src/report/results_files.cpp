@@ -8,13 +8,13 @@
 #include <string_view>
 #include <utility>
 
-#include "app/test_settings.h"
-#include "app/version.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
+#include "base/units.h"
+#include "base/version.h"
 #include "report/results_table.h"
 #include "report/sample_list.h"
-#include "report/units.h"
 
 const char* results_filename = nullptr;
 const char* results_tag = nullptr;

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "app/cleanup_exit.h"
+#include "base/cleanup_exit.h"
 
 namespace {
 

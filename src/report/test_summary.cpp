@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
-#include "report/units.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
+#include "base/units.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "app/test_settings.h"
+#include "base/settings.h"
 #include "wire/test_message.h"
 
 // A byte image of a test_settings record, field for field, thirteen of its 32-bit fields in network byte order and all

@@ -9,9 +9,9 @@
 #include <csetjmp>
 #include <csignal>
 
-#include "app/cleanup_exit.h"
 #include "app/program.h"
-#include "app/signals.h"
+#include "base/cleanup_exit.h"
+#include "base/signals.h"
 #include "fuzz/sealed_host.h"
 #include "net/socket_wait.h"
 #include "support/workbench.h"

@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "app/options.h"
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
 #include "net/arrival.h"
 #include "net/datagram_read.h"
 #include "net/transmitter.h"

@@ -1,6 +1,6 @@
 #include "engine/pacing.h"
 
-#include "engine/duration.h"
+#include "base/duration.h"
 #include "support/expect.h"
 
 // What the pacing releases `elapsed` usec after its last release.

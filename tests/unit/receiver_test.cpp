@@ -1,6 +1,6 @@
 #include "net/receiver.h"
 
-#include "app/signals.h"
+#include "base/signals.h"
 #include "support/expect.h"
 
 // What the first 25 of the 40 bytes of a message come to, and after how long, when the rest follows in so many pieces,

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "app/signals.h"
+#include "base/signals.h"
 #include "engine/test_loop.h"
 #include "net/message_handler.h"
 #include "net/receiver.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <csignal>
 
-#include "app/signals.h"
+#include "base/signals.h"
 #include "net/socket_wait.h"
 #include "report/progress_line.h"
 #include "support/expect.h"

@@ -1,6 +1,6 @@
 // The records that describe one run besides its settings.
 //
-// Times are clock ticks (engine/clock.h), addresses IPv4 in network byte order, sequence numbers unsigned 32-bit.
+// Times are clock ticks (base/clock.h), addresses IPv4 in network byte order, sequence numbers unsigned 32-bit.
 #pragma once
 
 #include <cstdint>

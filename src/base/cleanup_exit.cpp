@@ -1,10 +1,10 @@
-#include "app/cleanup_exit.h"
+#include "base/cleanup_exit.h"
 
 #include <cstdio>
 #include <cstdlib>
 
-#include "app/live_output.h"
-#include "app/signals.h"
+#include "base/live_output.h"
+#include "base/signals.h"
 
 namespace {
 

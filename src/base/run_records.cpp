@@ -1,7 +1,7 @@
-#include "engine/run_records.h"
+#include "base/run_records.h"
 
-#include "app/test_settings.h"
-#include "engine/clock.h"
+#include "base/clock.h"
+#include "base/settings.h"
 
 run_state* current_run_state = nullptr;
 

@@ -1,4 +1,4 @@
-#include "net/address_text.h"
+#include "base/address_text.h"
 
 #include <arpa/inet.h>
 

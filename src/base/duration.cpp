@@ -1,12 +1,12 @@
-#include "engine/duration.h"
+#include "base/duration.h"
 
 #include <algorithm>
 #include <limits>
 
-#include "app/signals.h"
-#include "app/test_settings.h"
-#include "engine/clock.h"
-#include "engine/run_records.h"
+#include "base/clock.h"
+#include "base/run_records.h"
+#include "base/settings.h"
+#include "base/signals.h"
 
 bool duration_is_over(const test_settings* settings, const test_stats* stats, std::int64_t now) {
   if (settings->duration_sec == 0) return false;

@@ -1,4 +1,4 @@
-#include "app/signals.h"
+#include "base/signals.h"
 
 #include <sys/eventfd.h>
 #include <sys/select.h>

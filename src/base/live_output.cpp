@@ -1,4 +1,4 @@
-#include "app/live_output.h"
+#include "base/live_output.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "app/privileges.h"
+#include "base/privileges.h"
 
 #include <linux/capability.h>
 #include <sys/prctl.h>
@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "app/cleanup_exit.h"
+#include "base/cleanup_exit.h"
 
 namespace {
 
