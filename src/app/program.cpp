@@ -11,11 +11,11 @@
 #include "base/settings.h"
 #include "base/signals.h"
 #include "base/version.h"
-#include "engine/test_loop.h"
+#include "engine/loop.h"
 #include "net/host_losses.h"
 #include "net/socket_wait.h"
+#include "net/sockets.h"
 #include "net/tcp_connection.h"
-#include "net/test_socket.h"
 #include "wire/remote_command.h"
 
 namespace {

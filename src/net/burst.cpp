@@ -13,7 +13,7 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "net/datagram_send.h"
-#include "net/test_frame.h"
+#include "net/packet.h"
 #include "wire/packet_sizes.h"
 
 namespace {

@@ -12,15 +12,15 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "engine/batch.h"
-#include "engine/test_loop.h"  // the one call back into the loop: run_remote_command below
+#include "engine/loop.h"  // the one call back into the loop: run_remote_command below
 #include "net/arrival.h"
 #include "net/datagram_send.h"
 #include "net/socket_options.h"
 #include "net/stream_packet.h"
 #include "net/tcp_connection.h"
 #include "wire/icmp_echo.h"
+#include "wire/messages.h"
 #include "wire/remote_command.h"
-#include "wire/test_message.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "net/icmp_handler.h"
 #include "net/message_handler.h"
 #include "net/socket_wait.h"
-#include "wire/test_message.h"
+#include "wire/messages.h"
 
 namespace {
 

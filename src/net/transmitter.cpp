@@ -13,8 +13,8 @@
 #include "base/settings.h"
 #include "engine/batch.h"
 #include "net/datagram_send.h"
+#include "net/packet.h"
 #include "net/tcp_connection.h"
-#include "net/test_frame.h"
 #include "wire/remote_command.h"
 
 std::array<std::uint8_t, message_buffer_bytes> transmit_buffer = {};

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "base/settings.h"
-#include "wire/test_message.h"
+#include "wire/messages.h"
 
 // A byte image of a test_settings record, field for field, thirteen of its 32-bit fields in network byte order and all
 // others as they lie in memory.

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <functional>
 
-#include "engine/test_loop.h"
+#include "engine/loop.h"
 #include "support/expect.h"
 #include "wire/bytes.h"
 

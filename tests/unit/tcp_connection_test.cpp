@@ -3,7 +3,7 @@
 #include <cerrno>
 
 #include "base/signals.h"
-#include "engine/test_loop.h"
+#include "engine/loop.h"
 #include "net/message_handler.h"
 #include "net/receiver.h"
 #include "support/expect.h"

@@ -1,8 +1,8 @@
 #include "support/expect.h"
 #include "wire/checksum.h"
 #include "wire/icmp_echo.h"
+#include "wire/messages.h"
 #include "wire/packet_sizes.h"
-#include "wire/test_message.h"
 
 TEST(Checksum, AgreesWithTheByteWiseSumAtEveryLengthAndAlignment) {
   for (std::size_t length = 0; length <= 65535; length += length < 70 ? 1 : 65465) {

@@ -1,4 +1,4 @@
-#include "wire/test_message.h"
+#include "wire/messages.h"
 
 #include <cstring>
 

@@ -1,4 +1,4 @@
-#include "net/test_frame.h"
+#include "net/packet.h"
 
 #include <cstdio>
 
@@ -6,8 +6,8 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "wire/icmp_echo.h"
+#include "wire/messages.h"
 #include "wire/remote_command.h"
-#include "wire/test_message.h"
 
 namespace {
 

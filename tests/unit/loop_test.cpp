@@ -1,4 +1,4 @@
-#include "engine/test_loop.h"
+#include "engine/loop.h"
 
 #include <algorithm>
 #include <csignal>

@@ -1,4 +1,4 @@
-#include "report/test_summary.h"
+#include "report/summary.h"
 
 #include <cstdint>
 #include <cstdio>

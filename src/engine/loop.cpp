@@ -1,4 +1,4 @@
-#include "engine/test_loop.h"
+#include "engine/loop.h"
 
 #include <arpa/inet.h>
 #include <sys/mman.h>
@@ -26,7 +26,7 @@
 #include "report/batch_report.h"
 #include "report/progress_line.h"
 #include "report/results_files.h"
-#include "report/test_summary.h"
+#include "report/summary.h"
 #include "wire/packet_sizes.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "net/test_socket.h"
+#include "net/sockets.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
