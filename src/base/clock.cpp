@@ -3,23 +3,96 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <limits>
 
 std::int64_t ticks_per_second = 0;
 
-std::int64_t clock_now() {
+namespace {
+
+constexpr std::int64_t nsec_per_usec = 1000;
+constexpr std::int64_t nsec_per_second = 1000000000;
+
+constexpr std::int64_t reading_noise_nsec = 1000;    // between two readings that nothing came between
+constexpr std::int64_t smallest_set_nsec = 1000000;  // less may come between them: this process lost the processor
+constexpr int most_attempts = 5;
+
+// Where our clock started.
+struct clock_start {
+  std::int64_t ticks;           // 0 = not yet
+  std::int64_t monotonic_nsec;  // CLOCK_MONOTONIC then
+};
+
+clock_start start = {};
+std::int64_t known_lead_nsec = 0;
+
+std::int64_t as_nsec(const timespec* time) {
+  return static_cast<std::int64_t>(time->tv_sec) * nsec_per_second + static_cast<std::int64_t>(time->tv_nsec);
+}
+
+std::int64_t nsec_of(clockid_t clock) {
+  timespec now = {};
+  clock_gettime(clock, &now);
+  return as_nsec(&now);
+}
+
+// The processor may be taken away between two readings: of some attempts the one that took least time counts.
+std::int64_t measure_lead_nsec() {
+  std::int64_t lead = 0;
+  std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
+  for (int attempt = 0; attempt < most_attempts && shortest > reading_noise_nsec; ++attempt) {
+    const std::int64_t before = nsec_of(CLOCK_MONOTONIC);
+    const std::int64_t date = nsec_of(CLOCK_REALTIME);
+    const std::int64_t took = nsec_of(CLOCK_MONOTONIC) - before;
+    if (took >= shortest) continue;
+    shortest = took;
+    lead = date - before - took / 2;
+  }
+  return lead;
+}
+
+void start_clock() {
+  timeval date = {};
+  gettimeofday(&date, nullptr);
+  start.monotonic_nsec = nsec_of(CLOCK_MONOTONIC);
+  start.ticks = static_cast<std::int64_t>(date.tv_sec) * usec_per_second + static_cast<std::int64_t>(date.tv_usec);
+  known_lead_nsec = measure_lead_nsec();
+}
+
+std::int64_t monotonic_to_ticks(std::int64_t nsec) {
   ticks_per_second = usec_per_second;
-  timeval now = {};
-  gettimeofday(&now, nullptr);
-  return timeval_to_ticks(&now);
+  if (start.ticks == 0) start_clock();
+  return start.ticks + (nsec - start.monotonic_nsec) / nsec_per_usec;
 }
 
-std::int64_t timeval_to_ticks(const timeval* time) {
-  return static_cast<std::int64_t>(time->tv_sec) * usec_per_second + static_cast<std::int64_t>(time->tv_usec);
+}  // namespace
+
+std::int64_t clock_now() {
+  if (start.ticks == 0) start_clock();
+  return monotonic_to_ticks(nsec_of(CLOCK_MONOTONIC));
 }
 
-// Whole seconds and the rest apart: a device that boots in 1970 and then learns the date steps by more ticks than can
-// be multiplied by a million.
+// Both clocks follow the same adjustments of their rate, so the lead is known but for noise until the date is set.
+clock_reading read_both_clocks() {
+  const std::int64_t monotonic = nsec_of(CLOCK_MONOTONIC);
+  const std::int64_t lead = nsec_of(CLOCK_REALTIME) - monotonic;
+  clock_reading reading = {
+      .now = monotonic_to_ticks(monotonic), .date_lead_nsec = known_lead_nsec, .date_was_set = false};
+  if (std::abs(lead - known_lead_nsec) <= reading_noise_nsec) return reading;
+  const std::int64_t measured = measure_lead_nsec();
+  if (std::abs(measured - known_lead_nsec) <= reading_noise_nsec) return reading;
+  reading.date_lead_nsec = measured;
+  reading.date_was_set = std::abs(measured - known_lead_nsec) > smallest_set_nsec;
+  known_lead_nsec = measured;
+  return reading;
+}
+
+std::int64_t stamp_to_ticks(const timespec* stamp, const clock_reading* reading) {
+  if (reading->date_was_set) return 0;
+  return monotonic_to_ticks(as_nsec(stamp) - reading->date_lead_nsec);
+}
+
+// Whole seconds and the rest apart: a run of 106 days has more ticks than can be multiplied by a million.
 std::int64_t ticks_to_usec(std::int64_t ticks) {
   const std::int64_t seconds = ticks / ticks_per_second;
   return seconds * usec_per_second + (ticks % ticks_per_second) * usec_per_second / ticks_per_second;
@@ -30,7 +103,7 @@ std::int64_t usec_to_ticks(std::int64_t usec) {
 }
 
 std::int64_t usec_between(std::int64_t earlier, std::int64_t later) {
-  return std::max<std::int64_t>(ticks_to_usec(later - earlier), 0);
+  return ticks_to_usec(later - earlier);
 }
 
 int usec_as_int(std::int64_t usec) {

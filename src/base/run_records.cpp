@@ -13,6 +13,13 @@ packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::
   slot->outstanding = 1;
   slot->responder = 0;
   slot->destination = settings->start_host;
+  slot->stamp_lag_usec = 0;
   slot->tx_time = clock_now();
   return slot;
+}
+
+void settle_answered(packet_slot* slot, std::uint8_t response_type, std::uint32_t responder, std::int64_t time) {
+  const std::int64_t stamped = slot->tx_time + usec_to_ticks(slot->stamp_lag_usec);
+  if (stamped <= time) slot->tx_time = stamped;
+  settle_slot(slot, response_type, responder, time);
 }

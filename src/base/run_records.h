@@ -8,18 +8,20 @@
 struct test_settings;
 
 inline constexpr std::uint32_t packet_table_slots = 65536;  // a power of two: a slot is found by masking
+inline constexpr std::int64_t longest_stamp_lag_usec = (1 << 24) - 1;
 
 // One request in flight; the slot of sequence number n is n & (packet_table_size - 1).
 struct packet_slot {
-  std::uint32_t outstanding;   // 1 while the request awaits its answer
-  std::uint32_t sequence;      // run_state.current_tx__packet when it was sent
-  std::uint16_t slot_index;    // its own index in the table
-  std::uint16_t process_id;    // low 16 bits of test_settings.process_id at send
-  std::uint32_t responder;     // who answered: address; 0 = nobody yet
-  std::uint32_t destination;   // address
-  std::uint8_t response_type;  // ICMP type of the answer
-  std::int64_t tx_time;        // ticks
-  std::int64_t rx_time;        // ticks; also when the request was settled as lost
+  std::uint32_t outstanding;          // 1 while the request awaits its answer
+  std::uint32_t sequence;             // run_state.current_tx__packet when it was sent
+  std::uint16_t slot_index;           // its own index in the table
+  std::uint16_t process_id;           // low 16 bits of test_settings.process_id at send
+  std::uint32_t responder;            // who answered: address; 0 = nobody yet
+  std::uint32_t destination;          // address
+  std::uint32_t response_type : 8;    // ICMP type of the answer
+  std::uint32_t stamp_lag_usec : 24;  // usec from tx_time to the kernel's stamp of the send; 0 = none
+  std::int64_t tx_time;               // ticks
+  std::int64_t rx_time;               // ticks; also when the request was settled as lost
 };
 
 struct run_state {
@@ -30,7 +32,6 @@ struct run_state {
   std::int64_t last_rx_time;           // ticks; arrival of the last stream packet, 0 = none yet
   std::int64_t last_tx_time;           // ticks; the last pacing decision that released packets
   std::int64_t next_tx_time;           // ticks; when the next release is due, by the schedule
-  std::int64_t latest_time;            // ticks; the last reading that the clock was followed by
   std::int64_t pacing_remainder_usec;  // elapsed time not yet turned into packets
   packet_slot* packet_table;           // owned by the test loop
   std::uint32_t packet_table_size;     // slots
@@ -42,6 +43,8 @@ struct run_state {
   std::uint32_t connection_is_gone;    // flag: a commander's TCP connection has ended, and the test with it
   std::uint32_t segmentation_refused;  // flag: the kernel does not cut our datagrams, so they go out one by one
   std::uint32_t refusal_reported;      // flag: the line of a refused packet was printed
+  std::uint32_t stamps_sends;          // flag: the kernel stamps what is sent (net/send_stamps.h)
+  std::uint32_t stamped_from;          // sequence number of the packet whose stamp has number 0
 };
 
 struct test_stats {
@@ -80,6 +83,9 @@ inline void settle_slot(packet_slot* slot, std::uint8_t response_type, std::uint
   slot->responder = responder;
   slot->rx_time = time;
 }
+
+// Settles an answered request. It was sent when the kernel's stamp says, unless that follows the answer.
+void settle_answered(packet_slot* slot, std::uint8_t response_type, std::uint32_t responder, std::int64_t time);
 
 // Adds a round trip, or the gap between two stream packets, in usec to the smallest, largest and sum.
 inline void add_latency(test_stats* stats, std::int64_t latency_usec) {

@@ -77,7 +77,6 @@ void start_run(test_settings* settings, run_state* run, test_stats* stats) {
   settings->total_requests = hosts_of_test(settings) * settings->echo_count;
   stats->start_time = clock_now();
   run->last_tx_time = clock_now();
-  run->latest_time = run->last_tx_time;
 }
 
 bool test_goes_on(const test_settings* settings, const run_state* run) {
@@ -101,11 +100,6 @@ void await_first_sender(test_settings* settings) {
   settings->start_host = inet_addr("127.0.0.1");
 }
 
-bool keep_receiving_echoes(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
-  if (status <= frame_none) follow_clock_set_back(clock_now(), run, stats);
-  return echo_progress(settings, run, stats) != 0;
-}
-
 // What is still queued after a silence belongs to no batch that is measured.
 bool keep_receiving_batch(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
   if (status == frame_none) flush_pending_frames(run->data_socket);
@@ -115,7 +109,7 @@ bool keep_receiving_batch(test_settings* settings, run_state* run, test_stats* s
 bool keep_receiving(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
   if (settings->command_mode != 0) return keep_receiving_batch(settings, run, stats, status);
   if (settings->partner_mode != 0) return true;
-  return keep_receiving_echoes(settings, run, stats, status);
+  return echo_progress(settings, run, stats) != 0;
 }
 
 // A TCP monitor takes its next connection. A commander has none to wait for: its test is over.
@@ -143,13 +137,10 @@ void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, run
   }
 }
 
-// The order of the steps: the clock is followed first, as all that comes after compares stored times with it. A monitor
-// forgets its identifier only after its own echo went out with it. A batch is opened after its command, which took its
-// place and its number from the same fields.
+// The order of the steps: a monitor forgets its identifier only after its own echo went out with it. A batch is opened
+// after its command, which took its place and its number from the same fields.
 void run_one_pass(test_settings* settings, run_state* run, test_stats* stats, const command_body* command) {
-  const std::int64_t now = clock_now();
-  follow_clock_set_back(now, run, stats);
-  if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
+  if (duration_is_over(settings, stats, clock_now())) run->stop_requested = 1;
   const std::uint32_t due = packets_due(settings, run);
   const release_end released = release_packets(due, settings, run, stats, command);
   if (settings->ignore_responses != 0) {
@@ -167,7 +158,7 @@ void settle_outstanding(test_settings* settings, run_state* run, test_stats* sta
     const std::int64_t wait_usec = time_until_timeout(settings, run);
     const frame_result status = receive_one_frame(settings, run, stats, wait_usec);
     if (status < frame_none && settings->tcp != 0) close_data_socket(run);
-    keep_receiving_echoes(settings, run, stats, frame_none);
+    (void)echo_progress(settings, run, stats);
   }
 }
 
@@ -188,7 +179,6 @@ void finish_run(test_settings* settings, run_state* run, test_stats* stats) {
   const bool waits_for_answers = is_echo_mode(settings) && settings->ignore_responses == 0;
   if (stop_signal() != 0 && waits_for_answers) settle_outstanding(settings, run, stats);
   stats->end_time = clock_now();
-  follow_clock_set_back(stats->end_time, run, stats);
   free_packet_table(run);
   if (settings->remote_run == 0) answer_progress_with(nullptr, nullptr, nullptr, nullptr);
   report_end(settings, run, stats);

@@ -31,8 +31,8 @@ std::uint32_t credit_in_packets(const test_settings* settings, const run_state* 
 }
 
 // One delay after the release of now was due, for every period of credit that it spends. A release that is late for
-// another reason than the end of its wait (a full window, a stalled or stopped process, a clock that was set) begins
-// the schedule anew, and none is planned further ahead than one delay.
+// another reason than the end of its wait (a full window, a stalled or stopped process) begins the schedule anew, and
+// none is planned further ahead than one delay.
 std::int64_t plan_next_release(const test_settings* settings, const run_state* run, std::int64_t now,
                                std::uint32_t periods) {
   const std::int64_t delay = usec_to_ticks(settings->delay_usec);
@@ -53,12 +53,6 @@ std::int64_t usec_until_timeout(const test_settings* settings, const run_state* 
   const packet_slot* oldest = slot_of(run, run->oldest_outstanding);
   const std::int64_t timeout = settings->timeout_usec;
   return oldest->outstanding != 0 ? timeout - usec_between(oldest->tx_time, now) : timeout;
-}
-
-// An answer may have come before the step or after it; what lies in the future came before.
-void move_slot_back(packet_slot* slot, std::int64_t step, std::int64_t now) {
-  if (slot->outstanding != 0 || slot->tx_time > now) slot->tx_time -= step;
-  if (slot->rx_time > now) slot->rx_time -= step;
 }
 
 }  // namespace
@@ -108,17 +102,4 @@ std::int64_t time_until_next_release(const test_settings* settings, const run_st
 
 bool release_is_due(const run_state* run, std::int64_t now) {
   return now > run->next_tx_time;
-}
-
-void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats) {
-  const std::int64_t step = run->latest_time - now;
-  run->latest_time = now;
-  if (step <= 0) return;
-  stats->start_time -= step;
-  run->last_tx_time -= step;
-  run->next_tx_time -= step;
-  const std::uint32_t unreported = run->current_tx__packet - run->oldest_outstanding;
-  const std::uint32_t slots = std::min(unreported, run->packet_table_size);
-  for (std::uint32_t back = 1; back <= slots; ++back)
-    move_slot_back(slot_of(run, run->current_tx__packet - back), step, now);
 }

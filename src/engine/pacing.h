@@ -29,8 +29,3 @@ struct test_stats;
 
 // True when the next release is due at `now` (ticks), were there anything left to send.
 [[nodiscard]] bool release_is_due(const run_state* run, std::int64_t now);
-
-// To be called with every new reading `now` (ticks). When it shows that the clock was set back since the last one,
-// moves the stored times of the run back with it: the start, the releases, the requests not yet reported. Otherwise
-// nothing would be due, and nothing time out, until the clock has caught up again.
-void follow_clock_set_back(std::int64_t now, run_state* run, test_stats* stats);

@@ -9,7 +9,6 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/signals.h"
-#include "engine/pacing.h"
 #include "net/burst.h"
 #include "net/socket_wait.h"
 #include "net/tcp_connection.h"
@@ -46,8 +45,7 @@ std::uint32_t send_some(std::uint32_t due, test_settings* settings, run_state* r
 
 }  // namespace
 
-// A release may be long: it follows the clock as a pass does, and ends by itself once the duration is over or a stop
-// signal came.
+// A release may be long: it ends by itself once the duration is over or a stop signal came.
 release_end release_packets(std::uint32_t due, test_settings* settings, run_state* run, test_stats* stats,
                             const command_body* command) {
   while (due != 0 && stop_signal() == 0) {
@@ -55,7 +53,6 @@ release_end release_packets(std::uint32_t due, test_settings* settings, run_stat
     const std::uint32_t sent = send_some(due, settings, run, stats, command);
     answer_progress_request();
     const std::int64_t now = sent != 0 ? slot_of(run, run->current_tx__packet - 1)->tx_time : clock_now();
-    follow_clock_set_back(now, run, stats);
     if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
     if (sent == 0 || run->stop_requested != 0) break;
     due -= sent;

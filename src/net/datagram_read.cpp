@@ -13,7 +13,7 @@
 namespace {
 
 constexpr std::uint32_t longest_read_run = 16;
-constexpr std::size_t control_bytes = 64;  // what comes with a datagram: its stamp
+constexpr std::size_t control_bytes = 128;  // what comes with a datagram: its stamp, in two formats (net/send_stamps.h)
 
 struct stored_datagram {
   alignas(cmsghdr) std::array<std::uint8_t, control_bytes> control;
@@ -29,6 +29,7 @@ std::array<iovec, longest_read_run> parts = {};
 std::uint32_t prepared_count = 0;  // of the messages, those that were ever prepared
 std::uint32_t stored_count = 0;    // in the store
 std::uint32_t next_stored = 0;     // of these, the first that was not handed on
+clock_reading read_at = {};        // behind the call that read them
 
 void prepare_message(std::uint32_t index) {
   stored_datagram* place = &store[index];
@@ -63,7 +64,7 @@ void hand_on(std::uint32_t index, received_datagram* datagram) {
                .failed = false,
                .source = from->source.sin_addr.s_addr,
                .source_port = from->source.sin_port,
-               .arrival = {.stamp = arrival_stamp_of(&message->msg_hdr), .reading = clock_now()}};
+               .arrival = {.stamp = stamp_of(&message->msg_hdr, &read_at), .reading = read_at.now}};
 }
 
 }  // namespace
@@ -79,6 +80,7 @@ read_result read_datagram(int socket, std::uint32_t most, received_datagram* dat
     datagram->failed = got < 0;
     if (got <= 0) return got < 0 ? read_result::datagram : read_result::nothing_there;
     stored_count = static_cast<std::uint32_t>(got);
+    read_at = read_both_clocks();
   }
   hand_on(next_stored++, datagram);
   return read_result::datagram;

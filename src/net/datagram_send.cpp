@@ -46,20 +46,21 @@ bool wait_for_buffer(const test_settings* settings, const run_state* run, const 
   return !test_was_ended(settings, stats);
 }
 
-ssize_t send_datagram(const test_settings* settings, const run_state* run, const test_stats* stats,
-                      const sockaddr_in* destination, std::span<const std::uint8_t> bytes, std::int64_t* sent_at) {
-  if (refuses_destination(settings, destination)) return -1;
+datagram_sent send_datagram(const test_settings* settings, const run_state* run, const test_stats* stats,
+                            const sockaddr_in* destination, std::span<const std::uint8_t> bytes) {
+  if (refuses_destination(settings, destination)) return {.result = -1, .sent_at = clock_now(), .at_once = false};
+  datagram_sent sent = {};
   const auto* address = reinterpret_cast<const sockaddr*>(destination);
-  for (;;) {
-    *sent_at = clock_now();
-    const ssize_t sent =
-        sendto(run->data_socket, bytes.data(), bytes.size(), MSG_DONTWAIT, address, sizeof *destination);
-    if (sent < 0 && errno == EINTR) continue;
-    if (outcome_of(sent) != send_outcome::full) return sent;
+  for (bool first = true;; first = false) {
+    sent.sent_at = clock_now();
+    sent.result = sendto(run->data_socket, bytes.data(), bytes.size(), MSG_DONTWAIT, address, sizeof *destination);
+    if (sent.result < 0 && errno == EINTR) continue;
+    sent.at_once = first && sent.result >= 0;
+    if (outcome_of(sent.result) != send_outcome::full) return sent;
     if (!wait_for_buffer(settings, run, stats)) break;
   }
   errno = EAGAIN;
-  return -1;
+  return sent;
 }
 
 void report_refused_packet(const test_settings* settings, run_state* run, std::uint32_t length, ssize_t result) {

@@ -32,12 +32,17 @@ enum class send_outcome : std::uint8_t {
 // stop signal end it. True when it is worth trying again, false when the test is over.
 [[nodiscard]] bool wait_for_buffer(const test_settings* settings, const run_state* run, const test_stats* stats);
 
-// Sends one datagram and waits while there is no room for it; *sent_at (ticks) is the time just before the call that
-// did it, with nothing between the two. Returns what sendto(2) returned last; its outcome is `full` only when the test
-// is over.
-[[nodiscard]] ssize_t send_datagram(const test_settings* settings, const run_state* run, const test_stats* stats,
-                                    const sockaddr_in* destination, std::span<const std::uint8_t> bytes,
-                                    std::int64_t* sent_at);
+// What became of a datagram.
+struct datagram_sent {
+  ssize_t result;        // of the last call of sendto(2)
+  std::int64_t sent_at;  // ticks, just before that call, with nothing between the two
+  bool at_once;          // the first call took it
+};
+
+// Sends one datagram and waits while there is no room for it. The outcome of the result is `full` only when the test is
+// over.
+[[nodiscard]] datagram_sent send_datagram(const test_settings* settings, const run_state* run, const test_stats* stats,
+                                          const sockaddr_in* destination, std::span<const std::uint8_t> bytes);
 
 // The error line, on standard output, of a packet of `length` bytes whose send came to `result`. A command run prints
 // it once, a monitor and its command runs never for a destination that they may not send to.

@@ -43,7 +43,7 @@ frame_result settle_echo_reply(const icmp_echo* echo, std::uint32_t source, cons
     ++stats->late_responses;
     return frame_none;
   }
-  settle_slot(slot, echo->type, source, arrival_time(arrival, slot->tx_time));
+  settle_answered(slot, echo->type, source, arrival_of_answer(arrival, slot->tx_time));
   ++stats->rx_packets;
   declare_overtaken_lost(settings, run, stats, slot);
   return frame_counted;
@@ -58,7 +58,7 @@ frame_result settle_quoted_request(const icmp_datagram* parts, const frame_arriv
   packet_slot* slot = slot_of(run, quoted.sequence);
   if (slot->outstanding == 0) return frame_none;
   ++stats->rx_packets;
-  settle_slot(slot, parts->icmp[0], parts->source, arrival_time(arrival, slot->tx_time));
+  settle_answered(slot, parts->icmp[0], parts->source, arrival_of_answer(arrival, slot->tx_time));
   return frame_counted;
 }
 

@@ -70,8 +70,7 @@ void send_echo_reply(const test_header* request, sender_address sender, std::siz
     return;
   }
   const sockaddr_in destination = socket_address(sender.address, sender.port);
-  std::int64_t sent_at = 0;
-  (void)send_datagram(settings, run, stats, &destination, {reply_buffer.data(), length}, &sent_at);
+  (void)send_datagram(settings, run, stats, &destination, {reply_buffer.data(), length});
 }
 
 // Echo mode: a duplicate, or an answer to a request that timed out, is passed over in silence.
@@ -79,7 +78,7 @@ void settle_answered_request(const test_header* header, std::uint32_t source, co
                              const run_state* run, test_stats* stats) {
   packet_slot* slot = slot_of(run, header->sequence);
   if (slot->outstanding == 0) return;
-  settle_slot(slot, icmp_echo_reply, source, arrival_time(arrival, slot->tx_time));
+  settle_answered(slot, icmp_echo_reply, source, arrival_of_answer(arrival, slot->tx_time));
   ++stats->rx_packets;
 }
 

@@ -14,6 +14,7 @@
 #include "net/datagram_read.h"
 #include "net/icmp_handler.h"
 #include "net/message_handler.h"
+#include "net/send_stamps.h"
 #include "net/socket_wait.h"
 #include "wire/messages.h"
 
@@ -60,6 +61,7 @@ frame_result receive_datagram(test_settings* settings, run_state* run, test_stat
     const std::uint32_t most = datagrams_to_expect(settings, run);
     const read_result read =
         read_is_due ? read_datagram(run->data_socket, most, &datagram) : read_result::nothing_there;
+    take_send_stamps(run);
     if (read == read_result::datagram) return handle_datagram(&datagram, settings, run, stats);
     if (read == read_result::no_socket) return report_failed_wait(settings);
     if (wait_usec == 0) return frame_none;

@@ -12,6 +12,7 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "net/arrival.h"
+#include "net/send_stamps.h"
 #include "net/socket_options.h"
 #include "net/tcp_connection.h"
 
@@ -93,5 +94,6 @@ void open_test_socket(const test_settings* settings, run_state* run) {
     run->data_socket = open_icmp_socket(settings);
   }
   if (settings->tcp == 0 && settings->ignore_responses == 0) ask_for_arrival_stamps(run->data_socket);
+  ask_for_send_stamps(settings, run);
   set_type_of_service(settings, run);
 }

@@ -9,7 +9,7 @@
 stream_packet judge_stream_packet(const test_settings* settings, const run_state* run, std::uint32_t sequence,
                                   const frame_arrival* arrival) {
   stream_packet packet = {};
-  packet.time = arrival_time(arrival, run->last_rx_time);
+  packet.time = arrival_in_stream(arrival, run->last_rx_time);
   packet.sequence = sequence & 0xFFFFU;
   packet.is_first = run->last_rx_time == 0;
   if (packet.is_first) return packet;

@@ -9,7 +9,7 @@ struct test_settings;
 
 struct stream_packet {
   std::int64_t time;       // ticks; of its arrival
-  std::int64_t gap_usec;   // since the packet before it; 0 for the first, and where the clock was set back
+  std::int64_t gap_usec;   // since the packet before it; 0 for the first
   std::uint32_t sequence;  // 16 bits
   std::uint32_t skipped;   // its number less the one after the last, modulo 2^32; the low 16 bits are what was lost
   bool is_first;           // of its stream: there is nothing to judge it against

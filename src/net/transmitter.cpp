@@ -14,6 +14,7 @@
 #include "engine/batch.h"
 #include "net/datagram_send.h"
 #include "net/packet.h"
+#include "net/send_stamps.h"
 #include "net/tcp_connection.h"
 #include "wire/remote_command.h"
 
@@ -63,10 +64,12 @@ int send_on_connection(const test_settings* settings, const run_state* run, cons
 int send_as_datagram(const test_settings* settings, run_state* run, const test_stats* stats, packet_slot* slot,
                      std::uint32_t length) {
   const sockaddr_in destination = current_destination(settings);
-  const ssize_t sent =
-      send_datagram(settings, run, stats, &destination, {transmit_buffer.data(), length}, &slot->tx_time);
-  if (outcome_of(sent) == send_outcome::full) return 1;
-  if (sent != static_cast<ssize_t>(length)) report_refused_packet(settings, run, length, sent);
+  const datagram_sent sent = send_datagram(settings, run, stats, &destination, {transmit_buffer.data(), length});
+  slot->tx_time = sent.sent_at;
+  if (outcome_of(sent.result) == send_outcome::full) return 1;
+  if (sent.result != static_cast<ssize_t>(length)) report_refused_packet(settings, run, length, sent.result);
+  if (!sent.at_once) renumber_send_stamps(run->current_tx__packet + 1, run);
+  take_send_stamps(run);
   return 0;
 }
 

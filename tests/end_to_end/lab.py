@@ -11,6 +11,7 @@ sys.path.insert(0, LABORATORY)
 from network import LIBC, End, Host, Link, chain, standing
 
 VORN = os.path.abspath(os.environ.get("VORN", Path(__file__).parents[2] / "build/debug/vorn"))
+SET_DATE = os.environ.get("SET_DATE", "")  # the library that shows a program a date that is set
 PATIENCE = 60  # seconds that only a hanging program exceeds
 HOST, LOOPBACK = "10.9.0.2", "127.0.0.1"  # the first stands behind the TUN device, as does all of 10.9.0.0/16
 LOCAL_PORT, REMOTE_PORT = 8003, 8004  # a commander's; a monitor swaps them

@@ -107,6 +107,7 @@ void let_something_happen() {
       return;
     case 1:
       world.set_by += input.PickValueInArray(clock_steps);
+      world.send_stamps.emplace_back(static_cast<std::uint32_t>(world.sent - 1), world.now);
       return;
     case 2:
       return send_signal(input.PickValueInArray({SIGQUIT, end_signal}));
@@ -137,11 +138,11 @@ void complete(msghdr* message) {
   static_cast<sockaddr_in*>(message->msg_name)->sin_addr.s_addr = inet_addr("10.0.0.7");
   const std::int64_t age = run.calls->PickValueInArray({0, 30, 5000000, -30});
   if (age == 0) return;
-  const std::int64_t time = clock_now() - age;
-  const timeval stamp = {.tv_sec = time / 1000000, .tv_usec = time % 1000000};
+  const std::int64_t time = world.now + world.set_by - age;
+  const timespec stamp = {.tv_sec = time / 1000000, .tv_nsec = time % 1000000 * 1000};
   message->msg_controllen = CMSG_SPACE(sizeof stamp);
   cmsghdr* part = CMSG_FIRSTHDR(message);
-  *part = {.cmsg_len = CMSG_LEN(sizeof stamp), .cmsg_level = SOL_SOCKET, .cmsg_type = SO_TIMESTAMP};
+  *part = {.cmsg_len = CMSG_LEN(sizeof stamp), .cmsg_level = SOL_SOCKET, .cmsg_type = SO_TIMESTAMPNS};
   std::memcpy(CMSG_DATA(part), &stamp, sizeof stamp);
 }
 

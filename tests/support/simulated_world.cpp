@@ -1,5 +1,7 @@
 #include "support/simulated_world.h"
 
+#include <linux/errqueue.h>
+#include <netinet/in.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -21,6 +23,10 @@ timeval as_timeval(std::int64_t usec) {
   return {.tv_sec = static_cast<time_t>(usec / 1000000), .tv_usec = static_cast<suseconds_t>(usec % 1000000)};
 }
 
+timespec as_timespec(std::int64_t usec) {
+  return {.tv_sec = static_cast<time_t>(usec / 1000000), .tv_nsec = static_cast<long>(usec % 1000000 * 1000)};
+}
+
 // Lets time pass up to the next event or by `usec`, whichever is sooner. Returns what is left of `usec`.
 std::int64_t pass_time(std::int64_t usec) {
   const auto next = world.events.begin();
@@ -38,9 +44,16 @@ std::int64_t pass_time(std::int64_t usec) {
 
 }  // namespace
 
-extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
   if (++world.readings % readings_in_a_usec == 0) ++world.now;
-  *now = as_timeval(world.now + world.set_by);
+  *now = as_timespec(world.now + (clock == CLOCK_REALTIME ? world.set_by : 0));
+  return 0;
+}
+
+extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
+  timespec date = {};
+  clock_gettime(CLOCK_REALTIME, &date);
+  *now = {.tv_sec = date.tv_sec, .tv_usec = date.tv_nsec / 1000};
   return 0;
 }
 
@@ -103,6 +116,26 @@ extern "C" ssize_t sendto(int /*socket*/, const void* bytes, size_t length, int 
   message.msg_iovlen = 1;
   take_datagram(&message);
   return static_cast<ssize_t>(length);
+}
+
+// Of the error queue alone: a stamp and the number of the datagram that it belongs to.
+extern "C" ssize_t recvmsg(int /*socket*/, msghdr* message, int flags) {
+  errno = EAGAIN;
+  if ((flags & MSG_ERRQUEUE) == 0 || world.send_stamps.empty()) return -1;
+  const auto [number, date] = world.send_stamps.front();
+  world.send_stamps.pop_front();
+  const timespec stamp = as_timespec(date);
+  sock_extended_err origin = {};
+  origin.ee_origin = SO_EE_ORIGIN_TIMESTAMPING;
+  origin.ee_data = number;
+  message->msg_controllen = CMSG_SPACE(sizeof stamp) + CMSG_SPACE(sizeof origin);
+  cmsghdr* part = CMSG_FIRSTHDR(message);
+  *part = {.cmsg_len = CMSG_LEN(sizeof stamp), .cmsg_level = SOL_SOCKET, .cmsg_type = SO_TIMESTAMPNS};
+  std::memcpy(CMSG_DATA(part), &stamp, sizeof stamp);
+  part = CMSG_NXTHDR(message, part);
+  *part = {.cmsg_len = CMSG_LEN(sizeof origin), .cmsg_level = IPPROTO_IP, .cmsg_type = IP_RECVERR};
+  std::memcpy(CMSG_DATA(part), &origin, sizeof origin);
+  return 0;
 }
 
 // Weak: a program that fakes all of its sockets has one of its own.

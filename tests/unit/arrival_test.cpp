@@ -2,6 +2,7 @@
 
 #include "net/icmp_handler.h"
 #include "net/message_handler.h"
+#include "net/send_stamps.h"
 #include "support/expect.h"
 
 // Request 5, or packet 4 of a stream, is 9 ms old. How long ago did the answer, or packet 5, arrive that is handled now
@@ -30,9 +31,68 @@ TEST(Arrival, IsTheKernelsStampWhereThatCanBeTrue) {
   for (const std::string carrier : {"", "-u"}) {
     for (const bool in_a_stream : {false, true}) {
       for (const std::int64_t age : {8000, 9000, 1, 0}) EXPECT_EQ(age_of_arrival(carrier, in_a_stream, age), age);
-      // From the future, before what it answers or follows, by a clock that was set, none.
-      for (const std::int64_t age : list{-1, 9001, 3600000000, -3600000000, since_the_epoch})
+      // From the future, long before what it answers or follows, by a date that was set, none.
+      for (const std::int64_t age : list{-1, 10001, 3600000000, -3600000000, since_the_epoch})
         EXPECT_EQ(age_of_arrival(carrier, in_a_stream, age), 0) << carrier << in_a_stream << " " << age;
     }
+    // A packet that overtook another of the stream came with it; no answer comes before its request.
+    for (const std::int64_t age : {9001, 10000}) {
+      EXPECT_EQ(age_of_arrival(carrier, true, age), 9000);
+      EXPECT_EQ(age_of_arrival(carrier, false, age), 0);
+    }
   }
+}
+
+// How long before now, by our clock, the kernel stamped what the date shows as `age` usec ago.
+static std::int64_t age_of_stamp(std::int64_t age) {
+  const std::int64_t date = world.now + world.set_by - age;
+  const timespec stamp = {.tv_sec = date / 1000000, .tv_nsec = date % 1000000 * 1000};
+  const clock_reading reading = read_both_clocks();
+  const std::int64_t time = stamp_to_ticks(&stamp, &reading);
+  return time == 0 ? -1 : reading.now - time;
+}
+
+TEST(Stamp, IsBroughtToOurTimeUnlessTheDateWasJustSet) {
+  const workbench b;
+  for (const std::int64_t step : list{2, -200000, 900, 5000000, -3600000000}) {
+    EXPECT_EQ(age_of_stamp(30), 30);
+    world.set_by += step;
+    EXPECT_EQ(age_of_stamp(30), std::abs(step) > 1000 ? -1 : 30) << step;
+    EXPECT_EQ(age_of_stamp(30), 30) << step;
+  }
+}
+
+// A request was sent, and stamped `lag` usec later; its answer came after `trip` usec and is handled 1 ms after the
+// send.
+static std::int64_t printed_trip(std::int64_t lag, std::int64_t trip) {
+  workbench b;
+  b.run.stamps_sends = 1;
+  b.request(0);
+  const std::int64_t sent = world.now;
+  world.now += 1000;
+  world.send_stamps.emplace_back(0, sent + lag);
+  take_send_stamps(&b.run);
+  settle_answered(&b.slot(0), 0, 1, sent + trip);
+  return b.slot(0).rx_time - b.slot(0).tx_time;
+}
+
+TEST(Stamp, OfASendIsTakenWhereItCanBeTrue) {
+  EXPECT_EQ(printed_trip(40, 500), 460);
+  EXPECT_EQ(printed_trip(500, 500), 0);
+  for (const std::int64_t lag : list{-1, 501, 1001, -3600000000, 3600000000}) EXPECT_EQ(printed_trip(lag, 500), 500);
+}
+
+// Whether a send that was refused took a number depends on the kernel: they are counted anew behind it.
+TEST(Stamp, BelongsToThePacketOfItsNumber) {
+  workbench b("-e9 -a9");
+  b.run.stamps_sends = 1;
+  for (const bool refused : {false, true, false, false}) {
+    world.send_error = [refused](bool) { return refused ? EPERM : 0; };
+    said([&] { (void)send_test_packet(&b.settings, &b.run, &b.stats, nullptr); });
+  }
+  world.now += 100;
+  for (const std::uint32_t number : {1U, 0U, 4000000000U})
+    world.send_stamps.emplace_back(number, world.now - 60 - number);
+  take_send_stamps(&b.run);
+  EXPECT_EQ(numbers(b.slot(0).stamp_lag_usec, b.slot(2).stamp_lag_usec, b.slot(3).stamp_lag_usec), (list{0, 40, 39}));
 }

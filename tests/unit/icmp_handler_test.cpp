@@ -52,8 +52,7 @@ TEST(IcmpMonitor, LocksOnTheFirstForeignSenderAndMeasuresItsStream) {
   std::string text = handled(&b, 0, reply(0, 1234, "127.0.0.1"));
   text += handled(&b, 0, reply(0, 1234));  // locks, and is not counted
   text += handled(&b, 0, reply(7, 4321, "192.168.1.6"));
-  for (const list& each :
-       {list{0, 65534}, {1500, 65535}, {200000, 0}, {200001, 1}, {7, 7}, {-3600000000, 6}, {7200000000, 7}}) {
+  for (const list& each : {list{0, 65534}, {1500, 65535}, {200000, 0}, {200001, 1}, {7, 7}, {0, 6}, {7200000000, 7}}) {
     world.now += each[0];
     text += handled(&b, 1, reply(each[1], 1234));
   }

@@ -39,8 +39,7 @@ TEST(Stream, IsTrackedPacketByPacket) {
   workbench b("-c -E50");
   for (int i = 0; i < 50; ++i) b.request(i);
   // Usec since the packet before, the last more than 32 bits hold; sequence.
-  const list cases[] = {{9, 0},       {200000, 0x10001}, {250000, 5},     {10, 48},
-                        {250000, 49}, {-3600000000, 50}, {4295000000, 51}};
+  const list cases[] = {{9, 0}, {200000, 0x10001}, {250000, 5}, {10, 48}, {250000, 49}, {0, 50}, {4295000000, 51}};
   std::string text;
   for (const list& each : cases) {
     world.now += each[0];

@@ -22,9 +22,9 @@ TEST(Summary, OfManyRequestsOfOneAndOfNoTime) {
                                          "    2.500 tx/s,     1.500 rx/s\n"
                                          "IP data rate     5.888KB/s,    47.104Kb/s\n" +
                                          latencies);
-  EXPECT_EQ(summary("-e5", -1), "In  0.000000" + counts +
-                                    "    0.000 tx/s,     0.000 rx/s\n"
-                                    "IP data rate     0.000KB/s,     0.000Kb/s\n" +
-                                    latencies);
+  EXPECT_EQ(summary("-e5", 0), "In  0.000000" + counts +
+                                   "    0.000 tx/s,     0.000 rx/s\n"
+                                   "IP data rate     0.000KB/s,     0.000Kb/s\n" +
+                                   latencies);
   EXPECT_EQ(summary("-e1", 2000000), latencies);
 }
