@@ -1,5 +1,5 @@
 # What an installation holds and where it goes: component `vorn` is the program and what belongs to it, `plot` its
-# companion for the workstation.
+# companions.
 
 # zsh looks for completions of Debian's packages in vendor-completions, for all others in site-functions.
 set(VORN_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING "Where zsh finds completion functions")
@@ -26,22 +26,9 @@ install(FILES service/vorn.ufw DESTINATION ${configuration_dir}/ufw/applications
 install(FILES service/vorn.nft service/90-vorn.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT vorn)
 install(FILES README.md LICENSE CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT vorn)
 install(FILES man/vorn.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT vorn)
-# The commands of the companion look for their modules in ../share/vorn-plot.
-set(plot_commands vorn-check vorn-mesh vorn-plot vorn-record)
-foreach(command IN LISTS plot_commands)
-  install(PROGRAMS plot/${command} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT plot)
-  install(FILES man/${command}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT plot)
-  install(FILES completions/${command}.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-          RENAME ${command} COMPONENT plot)
-  install(FILES completions/_${command} DESTINATION ${VORN_ZSH_DIR} COMPONENT plot)
-endforeach()
-install(DIRECTORY plot/vornplot DESTINATION share/vorn-plot COMPONENT plot FILES_MATCHING PATTERN "*.py"
-        PATTERN __pycache__ EXCLUDE)
-install(FILES mesh/mesh.yml mesh/round.yml mesh/turn.yml DESTINATION share/vorn-plot/mesh COMPONENT plot)
-install(FILES mesh/filter_plugins/mesh.py DESTINATION share/vorn-plot/mesh/filter_plugins COMPONENT plot)
-install(PROGRAMS mesh/keep DESTINATION share/vorn-plot/mesh COMPONENT plot)
 if(VORN_STATIC)
   install(FILES packaging/INSTALL DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT vorn)
 endif()
 
+include(cmake/companions.cmake)
 include(cmake/packages.cmake)

@@ -1,0 +1,2 @@
+# SPDX-License-Identifier: MIT
+"""What the program prints and writes, as records."""

@@ -1,0 +1,2 @@
+# SPDX-License-Identifier: MIT
+"""The file of records, which vorn-record appends to."""
