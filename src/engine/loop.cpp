@@ -65,7 +65,7 @@ std::uint32_t hosts_of_test(const test_settings* settings) {
   return ntohl(settings->end_host) - ntohl(settings->start_host) + 1;
 }
 
-// The filter needs the identifier. The clock starts last, so that nothing of this is measured.
+// The clock starts last, so that nothing of this is measured.
 void start_run(test_settings* settings, run_state* run, test_stats* stats) {
   *stats = {};
   print_host_range(settings);

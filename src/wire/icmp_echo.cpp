@@ -9,6 +9,7 @@
 namespace {
 
 constexpr std::size_t checksum_offset = 2;
+constexpr std::size_t identifier_offset = 4;
 constexpr std::size_t sequence_offset = 6;
 
 constexpr std::size_t ipv4_protocol_offset = 9;
@@ -43,7 +44,7 @@ void write_icmp_echo(const icmp_echo* echo, std::uint8_t* frame) {
   frame[0] = echo->type;
   frame[1] = 0;
   write_raw16(frame + checksum_offset, 0);
-  write_raw16(frame + icmp_identifier_offset, echo->identifier);
+  write_raw16(frame + identifier_offset, echo->identifier);
   write_be16(frame + sequence_offset, echo->sequence);
   const auto sum = internet_checksum(frame, icmp_header_bytes);
   write_raw16(frame + checksum_offset, static_cast<std::uint16_t>(~sum));
@@ -61,7 +62,7 @@ bool locate_icmp(std::span<const std::uint8_t> datagram, icmp_datagram* parts) {
 icmp_echo read_icmp_echo(std::span<const std::uint8_t> icmp) {
   return {
       .type = icmp[0],
-      .identifier = read_raw16(icmp.data() + icmp_identifier_offset),
+      .identifier = read_raw16(icmp.data() + identifier_offset),
       .sequence = read_be16(icmp.data() + sequence_offset),
   };
 }

@@ -30,8 +30,6 @@ enum icmp_type : std::uint8_t {
 // Display names, indexed by type.
 extern const std::array<const char*, 19> icmp_type_names;
 
-inline constexpr std::uint32_t icmp_identifier_offset = 4;
-
 struct icmp_echo {
   std::uint8_t type;
   std::uint16_t identifier;  // as it lies in memory: compared, never converted
