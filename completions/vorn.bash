@@ -33,10 +33,12 @@ _vorn_count_hosts() {
 
 _vorn() {
   local current=${COMP_WORDS[COMP_CWORD]}
+  # made by completions/make
   local presets='--server --client --blast --discover --trace --lots --voice'
   local flags='-b -B -c -D -i -m -M -Q -s -t -U -v'
   local with_value='-a -A -d -E -f -F -l -n -q -r -R -S -T'
   local with_optional_value='-e -p -u'
+  # end
   local letter=${current:0:2} value=${current:2}
 
   COMPREPLY=()

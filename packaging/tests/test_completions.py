@@ -1,6 +1,6 @@
 # The completions in real shells on a pseudo-terminal: what is typed, completed with TAB, reaches the command as what? In
 # each shell the commands are functions that note their arguments, so a test compares what a program would be given.
-import os, re
+import os, re, shlex, subprocess
 from pathlib import Path
 
 import pexpect
@@ -8,6 +8,7 @@ import pytest
 
 TOP = Path(__file__).parents[2]
 COMPLETIONS = TOP / "completions"
+QUOTED = shlex.quote(str(COMPLETIONS))
 HOSTS = ("gauge-one.example", "gauge-two.example", "solo.example")
 FUNCTIONS = r"""
     note() { printf '%s\n' "$@" >.arguments; echo noted; }
@@ -19,25 +20,30 @@ SHELLS = {
         unset HISTFILE; bind 'set enable-bracketed-paste off'; bind 'set bell-style none'
         bind 'set page-completions off'; bind 'set show-all-if-ambiguous on'; bind 'set completion-query-items 0'
         . /usr/share/bash-completion/bash_completion
-        for file in {COMPLETIONS}/*.bash; do . "$file"; done
+        for file in {QUOTED}/*.bash; do . "$file"; done
     """,
     "zsh -f -i": f"""
         unset HISTFILE zle_bracketed_paste; unsetopt beep prompt_cr prompt_sp; LISTMAX=1000
-        fpath=({COMPLETIONS} $fpath); autoload -Uz compinit; compinit -u -d .dump
+        fpath=({QUOTED} $fpath); autoload -Uz compinit; compinit -u -d .dump
         zstyle ':completion:*:hosts' hosts {' '.join(HOSTS)}
     """,
 }
 
 
-# A shell in a directory of its own, with files and known hosts to complete.
+# Files and known hosts to complete.
+def make_home(home):
+    for directory in (".ssh", "reports"):
+        (home / directory).mkdir()
+    for file in ("night run.csv", "reports/monday.txt"):
+        (home / file).touch()
+    (home / ".ssh/known_hosts").write_text("".join(f"{host} ssh-ed25519 AAAA\n" for host in HOSTS))
+
+
+# A shell in a directory of its own.
 class Terminal(pexpect.spawn):
     def __init__(self, command, home):
         self.home = home
-        for directory in (".ssh", "reports"):
-            (home / directory).mkdir()
-        for file in ("night run.csv", "reports/monday.txt"):
-            (home / file).touch()
-        (home / ".ssh/known_hosts").write_text("".join(f"{host} ssh-ed25519 AAAA\n" for host in HOSTS))
+        make_home(home)
         (home / ".setup").write_text(SHELLS[command] + FUNCTIONS)
         environment = {"HOME": str(home), "PATH": os.environ["PATH"], "TERM": "dumb", "PS1": "> ", "LC_ALL": "C"}
         super().__init__(command, cwd=home, env=environment, dimensions=(200, 200), timeout=30, encoding="utf-8")
@@ -93,14 +99,41 @@ def test_words_reach_the_command_as_it_reads_them(terminal):
         assert terminal.arguments(typed) == arguments, typed
 
 
-def test_lists_offer_every_option_of_the_usage_text(terminal):
+# What the usage text has, as a user would type it.
+def options_of_the_usage_text():
     usage = (TOP / "src/app/usage.cpp").read_text()
     letters = set(re.findall(r'^ *" +(-[A-Za-z])[ #<]', usage, re.MULTILINE))
     presets = set(re.findall(r'^ *" +(--[a-z]+) ', usage, re.MULTILINE))
     assert len(letters) == 28 and len(presets) == 7
+    return letters | presets
+
+
+def test_lists_offer_every_option_of_the_usage_text(terminal):
     listed = terminal.choices("vorn -", "-v") | terminal.choices("vorn --", "--voice")
-    assert letters | presets <= listed, (letters | presets) - listed
+    assert options_of_the_usage_text() <= listed, options_of_the_usage_text() - listed
 
 
 def test_hosts_are_those_already_known(terminal):
     assert {"gauge-one.example", "gauge-two.example"} <= terminal.choices("vorn gauge", "gauge-two.example")
+
+
+def test_fish_offers_whole_words(tmp_path):
+    make_home(tmp_path)
+
+    def offered(typed):
+        script = f"source {QUOTED}/vorn.fish; complete -C {shlex.quote(typed)}"
+        shown = subprocess.run(["fish", "-c", script], cwd=tmp_path, env={"HOME": str(tmp_path), "PATH": os.environ["PATH"]},
+                               stdout=subprocess.PIPE, text=True, check=True).stdout
+        return {line.partition("\t")[0] for line in shown.splitlines()}
+
+    assert offered("vorn -") == options_of_the_usage_text()
+    assert offered("vorn --cl") == {"--client"}
+    assert offered("vorn -d") == set()  # the value follows, without a blank
+    assert offered("vorn -fni") == {"-fnight run.csv"}
+    assert offered("vorn -Rsol") == {"-Rsolo.example"}
+    assert offered("vorn -S10 solo.example gauge") == {"gauge-one.example", "gauge-two.example"}
+    assert offered("vorn 1.2.3.4 5.6.7.8 sol") == set()
+
+
+def test_the_files_are_what_the_table_makes():
+    subprocess.run([COMPLETIONS / "make", "--check"], check=True)
