@@ -13,7 +13,8 @@
 namespace {
 
 constexpr std::uint32_t longest_read_run = 16;
-constexpr std::size_t control_bytes = 128;  // what comes with a datagram: its stamp, in two formats (net/send_stamps.h)
+constexpr std::size_t control_bytes =
+    128;  // what comes with a datagram: its stamp, in two formats (net/kernel_stamps.h)
 
 struct stored_datagram {
   alignas(cmsghdr) std::array<std::uint8_t, control_bytes> control;

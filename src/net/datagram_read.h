@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <span>
 
-#include "net/arrival.h"
+#include "net/kernel_stamps.h"
 
 struct received_datagram {
   std::span<std::uint8_t> bytes;  // stays until the next read

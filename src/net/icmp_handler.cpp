@@ -9,7 +9,7 @@
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
-#include "net/arrival.h"
+#include "net/kernel_stamps.h"
 #include "net/stream_packet.h"
 #include "wire/checksum.h"
 #include "wire/icmp_echo.h"

@@ -11,10 +11,9 @@
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
-#include "engine/batch.h"
 #include "engine/loop.h"  // the one call back into the loop: run_remote_command below
-#include "net/arrival.h"
 #include "net/datagram_send.h"
+#include "net/kernel_stamps.h"
 #include "net/socket_options.h"
 #include "net/stream_packet.h"
 #include "net/tcp_connection.h"

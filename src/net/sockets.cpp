@@ -11,8 +11,7 @@
 #include "base/privileges.h"
 #include "base/run_records.h"
 #include "base/settings.h"
-#include "net/arrival.h"
-#include "net/send_stamps.h"
+#include "net/kernel_stamps.h"
 #include "net/socket_options.h"
 #include "net/tcp_connection.h"
 

@@ -1,6 +1,10 @@
 #include "support/simulated_world.h"
 
-#include <linux/errqueue.h>
+// clang-format off
+#include <ctime>
+#include <linux/errqueue.h>  // takes struct timespec from the one before
+// clang-format on
+
 #include <netinet/in.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -10,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <utility>
 
 simulated_world world;

@@ -1,23 +1,26 @@
-#include "net/send_stamps.h"
+#include "net/kernel_stamps.h"
+
+// clang-format off
+#include <ctime>
+#include <linux/errqueue.h>  // takes struct timespec from the one before
+// clang-format on
 
 #include <linux/net_tstamp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
-#include <ctime>
-
-#include <linux/errqueue.h>  // takes struct timespec from those before it
 
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
-#include "net/arrival.h"
 #include "net/socket_options.h"
 
 namespace {
+
+constexpr std::int64_t same_moment_usec = 1000;
 
 constexpr std::uint32_t shortest_stamped_delay_usec = 200;  // at -d0 stamps would cost 10 to 25 % of the rate
 
@@ -68,6 +71,32 @@ void note_send_stamp(const send_stamp* stamp, const run_state* run) {
 }
 
 }  // namespace
+
+void ask_for_arrival_stamps(int socket) {
+  const int on = 1;
+  setsockopt(socket, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
+}
+
+std::int64_t stamp_of(msghdr* message, const clock_reading* reading) {
+  for (cmsghdr* part = CMSG_FIRSTHDR(message); part != nullptr; part = CMSG_NXTHDR(message, part)) {
+    timespec stamp = {};
+    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SO_TIMESTAMPNS) continue;
+    if (part->cmsg_len < CMSG_LEN(sizeof stamp)) continue;
+    std::memcpy(&stamp, CMSG_DATA(part), sizeof stamp);
+    return stamp_to_ticks(&stamp, reading);
+  }
+  return 0;
+}
+
+std::int64_t arrival_of_answer(const frame_arrival* arrival, std::int64_t sent_at) {
+  const bool can_be_true = arrival->stamp != 0 && arrival->stamp <= arrival->reading && arrival->stamp >= sent_at;
+  return can_be_true ? arrival->stamp : arrival->reading;
+}
+
+std::int64_t arrival_in_stream(const frame_arrival* arrival, std::int64_t last) {
+  const std::int64_t arrived = arrival_of_answer(arrival, last - usec_to_ticks(same_moment_usec));
+  return std::max(arrived, last);
+}
 
 void ask_for_send_stamps(const test_settings* settings, run_state* run) {
   if (!is_echo_mode(settings) || settings->ignore_responses != 0 || settings->tcp != 0) return;

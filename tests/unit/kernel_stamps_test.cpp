@@ -1,8 +1,7 @@
-#include "net/arrival.h"
+#include "net/kernel_stamps.h"
 
 #include "net/icmp_handler.h"
 #include "net/message_handler.h"
-#include "net/send_stamps.h"
 #include "support/expect.h"
 
 // Request 5, or packet 4 of a stream, is 9 ms old. How long ago did the answer, or packet 5, arrive that is handled now
