@@ -16,6 +16,7 @@
 #include "net/socket_wait.h"
 #include "net/sockets.h"
 #include "net/tcp_connection.h"
+#include "report/summary.h"
 #include "wire/remote_command.h"
 
 namespace {
@@ -62,7 +63,8 @@ int run_program(int argc, char** argv) {
 
   const host_counters before = read_host_counters();
   const int status = run_test(&settings, &stats, &run, &command);
-  report_host_losses(&settings, &run, &stats, &before);
+  const host_losses losses = losses_since(&before, &settings, &run, &stats);
+  print_host_losses(&losses);
   close_data_socket(&run);
   return status;
 }

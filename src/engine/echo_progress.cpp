@@ -1,14 +1,13 @@
 #include "engine/echo_progress.h"
 
 #include <cstdint>
-#include <cstdio>
 
-#include "base/address_text.h"
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "engine/pacing.h"
-#include "report/running_bitrate.h"
+#include "report/packet_lines.h"
+#include "report/summary.h"
 #include "wire/icmp_echo.h"
 
 namespace {
@@ -26,14 +25,12 @@ void report_answered(const test_settings* settings, std::uint32_t sequence, cons
   const std::int64_t round_trip_usec = usec_between(slot->tx_time, slot->rx_time);
   add_latency(stats, round_trip_usec);
   if (settings->silent != 0 || settings->remote_run != 0) return;
-  std::fprintf(stdout, "%12d: Received %s in %9.6fs from %s\n", low32(sequence), icmp_type_names[slot->response_type],
-               usec_to_seconds(round_trip_usec), address_text(slot->responder));
+  print_reception(sequence, slot->response_type, round_trip_usec, slot->responder);
 }
 
 void report_lost(const test_settings* settings, std::uint32_t sequence, const packet_slot* slot) {
   if (settings->no_timeout_messages != 0 || settings->remote_run != 0) return;
-  std::fprintf(stdout, "%12d: TIMEOUT in %9.6fs, expected rsp from %s\n", low32(sequence),
-               usec_to_seconds(usec_between(slot->tx_time, slot->rx_time)), address_text(slot->destination));
+  print_timeout(sequence, slot);
 }
 
 void report_request(const test_settings* settings, std::uint32_t sequence, const packet_slot* slot, test_stats* stats) {

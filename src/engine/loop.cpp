@@ -23,7 +23,6 @@
 #include "net/receiver.h"
 #include "net/socket_wait.h"
 #include "net/tcp_connection.h"
-#include "report/progress_line.h"
 #include "report/results_files.h"
 #include "report/summary.h"
 #include "wire/packet_sizes.h"

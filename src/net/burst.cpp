@@ -14,6 +14,7 @@
 #include "base/settings.h"
 #include "net/datagram_send.h"
 #include "net/packet.h"
+#include "report/packet_lines.h"
 #include "wire/packet_sizes.h"
 
 namespace {

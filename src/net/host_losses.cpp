@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstdio>
 #include <string_view>
 #include <system_error>
 
@@ -61,22 +60,14 @@ std::uint64_t cost_of_full_buffer(std::uint64_t dropped, const test_settings* se
   return dropped;
 }
 
-void report_full_receive_buffer(const test_settings* settings, const run_state* run, const test_stats* stats,
-                                const host_counters* before, const host_counters* now) {
+void add_full_receive_buffer(const test_settings* settings, const run_state* run, const test_stats* stats,
+                             const host_counters* before, const host_counters* now, host_losses* losses) {
   std::array<std::uint32_t, SK_MEMINFO_VARS> figures = {};
   socklen_t length = sizeof figures;
   if (settings->tcp != 0 || settings->ignore_responses != 0) return;
   if (getsockopt(run->data_socket, SOL_SOCKET, SO_MEMINFO, figures.data(), &length) != 0) return;
-  const std::uint64_t dropped = cost_of_full_buffer(figures[SK_MEMINFO_DROPS], settings, stats, before, now);
-  if (dropped == 0) return;
-  std::fprintf(stderr, "Note: %d datagrams were dropped by this host's receive buffer (%d bytes)\n", low32(dropped),
-               low32(figures[SK_MEMINFO_RCVBUF]));
-}
-
-void report_discarded_packets(const host_counters* before, const host_counters* now) {
-  if (!now->known || now->discarded_packets == before->discarded_packets) return;
-  std::fprintf(stderr, "Note: this host discarded at least %d outgoing packets during the test\n",
-               low32(now->discarded_packets - before->discarded_packets));
+  losses->dropped_datagrams = cost_of_full_buffer(figures[SK_MEMINFO_DROPS], settings, stats, before, now);
+  losses->buffer_bytes = figures[SK_MEMINFO_RCVBUF];
 }
 
 }  // namespace
@@ -90,10 +81,12 @@ host_counters read_host_counters() {
   return counters;
 }
 
-void report_host_losses(const test_settings* settings, const run_state* run, const test_stats* stats,
-                        const host_counters* before) {
+host_losses losses_since(const host_counters* before, const test_settings* settings, const run_state* run,
+                         const test_stats* stats) {
   host_counters now = read_host_counters();
   now.known = now.known && before->known;
-  report_full_receive_buffer(settings, run, stats, before, &now);
-  report_discarded_packets(before, &now);
+  host_losses losses = {};
+  add_full_receive_buffer(settings, run, stats, before, &now, &losses);
+  if (now.known) losses.discarded_packets = now.discarded_packets - before->discarded_packets;
+  return losses;
 }

@@ -1,7 +1,9 @@
-// What this host itself lost, told at the end of a run so that nobody takes it for the network's loss.
+// What this host itself lost during a run, by its own counters.
 #pragma once
 
 #include <cstdint>
+
+#include "report/summary.h"
 
 struct run_state;
 struct test_settings;
@@ -17,8 +19,7 @@ struct host_counters {
 // As they are now.
 [[nodiscard]] host_counters read_host_counters();
 
-// Says on standard error what a full receive buffer cost a run that reads (SO_MEMINFO in socket(7)) and how large that
-// buffer was, and how many outgoing packets this host discarded since `before`. Nothing of what is 0 or cannot be
-// known.
-void report_host_losses(const test_settings* settings, const run_state* run, const test_stats* stats,
-                        const host_counters* before);
+// What a full receive buffer cost a run that reads (SO_MEMINFO in socket(7)), and how many outgoing packets this host
+// discarded since `before`. What cannot be known is 0.
+[[nodiscard]] host_losses losses_since(const host_counters* before, const test_settings* settings, const run_state* run,
+                                       const test_stats* stats);

@@ -11,6 +11,7 @@
 #include "base/settings.h"
 #include "net/kernel_stamps.h"
 #include "net/stream_packet.h"
+#include "report/packet_lines.h"
 #include "wire/checksum.h"
 #include "wire/icmp_echo.h"
 
@@ -81,8 +82,7 @@ void print_stream_packet(const icmp_echo* echo, std::uint32_t source, const stre
                  low32(packet->sequence), low32(packet->skipped));
   }
   if (settings->silent != 0) return;
-  std::fprintf(stdout, "%12d: Received %s in %9.6fs from %s\n", low32(packet->sequence), icmp_type_names[echo->type],
-               usec_to_seconds(packet->gap_usec), address_text(source));
+  print_reception(packet->sequence, echo->type, packet->gap_usec, source);
 }
 
 void count_stream_packet(const stream_packet* packet, run_state* run, test_stats* stats) {

@@ -1,8 +1,5 @@
 #include "net/packet.h"
 
-#include <cstdio>
-
-#include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "wire/icmp_echo.h"
@@ -42,12 +39,4 @@ std::uint32_t write_frame_header(const test_settings* settings, const run_state*
   };
   write_test_header(&header, frame);
   return test_header_bytes;
-}
-
-void print_debug_line(const test_settings* settings, const run_state* run, const test_stats* stats,
-                      const packet_slot* slot) {
-  if (settings->debug == 0 || settings->remote_run != 0) return;
-  std::fprintf(stdout, "%8.6f: Tx one, process_id = %08x, *current_tx__packet = %d, batch = %d\n",
-               usec_to_seconds(usec_between(stats->start_time, slot->tx_time)), settings->process_id,
-               low32(slot->sequence), low32(run->batch));
 }

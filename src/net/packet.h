@@ -1,12 +1,10 @@
-// One packet of a run: its header bytes and its debug line.
+// One packet of a run: its size and its header bytes.
 #pragma once
 
 #include <cstdint>
 
-struct packet_slot;
 struct run_state;
 struct test_settings;
-struct test_stats;
 
 // Bytes of one whole packet as the socket takes it: a command is always 164 bytes, all else run->transmit_length.
 [[nodiscard]] std::uint32_t frame_bytes(const test_settings* settings, const run_state* run);
@@ -15,7 +13,3 @@ struct test_stats;
 // a packet is zero, but for a command. Returns the bytes written.
 std::uint32_t write_frame_header(const test_settings* settings, const run_state* run, std::uint32_t sequence,
                                  std::uint8_t* frame);
-
-// With -D, the line of the packet in `slot` on standard output.
-void print_debug_line(const test_settings* settings, const run_state* run, const test_stats* stats,
-                      const packet_slot* slot);

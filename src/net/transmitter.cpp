@@ -15,6 +15,7 @@
 #include "net/kernel_stamps.h"
 #include "net/packet.h"
 #include "net/tcp_connection.h"
+#include "report/packet_lines.h"
 #include "wire/remote_command.h"
 
 std::array<std::uint8_t, message_buffer_bytes> transmit_buffer = {};

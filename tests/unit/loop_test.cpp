@@ -5,7 +5,7 @@
 
 #include "base/signals.h"
 #include "net/socket_wait.h"
-#include "report/progress_line.h"
+#include "report/summary.h"
 #include "support/expect.h"
 #include "wire/remote_command.h"
 

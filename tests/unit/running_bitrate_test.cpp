@@ -1,4 +1,4 @@
-#include "report/running_bitrate.h"
+#include "report/summary.h"
 
 #include "support/expect.h"
 
