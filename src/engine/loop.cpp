@@ -15,7 +15,7 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/signals.h"
-#include "engine/batch.h"
+#include "engine/batch_progress.h"
 #include "engine/echo_progress.h"
 #include "engine/pacing.h"
 #include "engine/release.h"
@@ -23,7 +23,6 @@
 #include "net/receiver.h"
 #include "net/socket_wait.h"
 #include "net/tcp_connection.h"
-#include "report/batch_report.h"
 #include "report/progress_line.h"
 #include "report/results_files.h"
 #include "report/summary.h"
@@ -100,14 +99,8 @@ void await_first_sender(test_settings* settings) {
   settings->start_host = inet_addr("127.0.0.1");
 }
 
-// What is still queued after a silence belongs to no batch that is measured.
-bool keep_receiving_batch(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
-  if (status == frame_none) flush_pending_frames(run->data_socket);
-  return batch_report(settings, run, stats, status) != 0;
-}
-
 bool keep_receiving(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
-  if (settings->command_mode != 0) return keep_receiving_batch(settings, run, stats, status);
+  if (settings->command_mode != 0) return batch_report(settings, run, stats, status) != 0;
   if (settings->partner_mode != 0) return true;
   return echo_progress(settings, run, stats) != 0;
 }

@@ -9,6 +9,7 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/signals.h"
+#include "engine/batch_progress.h"
 #include "net/burst.h"
 #include "net/socket_wait.h"
 #include "net/tcp_connection.h"
@@ -40,7 +41,9 @@ std::uint32_t send_some(std::uint32_t due, test_settings* settings, run_state* r
   if (sends_bursts(settings)) return send_burst(settings, run, stats, std::min(due, largest_burst));
   const int result = send_test_packet(settings, run, stats, command);
   if (result < 0) end_sending(settings, run);
-  return result == 0 ? 1 : 0;
+  if (result != 0) return 0;
+  if (settings->command_mode != 0) arm_batch(settings, run);  // behind the send: the command's own slot is one of them
+  return 1;
 }
 
 }  // namespace

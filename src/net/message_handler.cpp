@@ -11,7 +11,6 @@
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
-#include "engine/batch.h"
 #include "engine/loop.h"  // the one call back into the loop: run_remote_command below
 #include "net/arrival.h"
 #include "net/datagram_send.h"

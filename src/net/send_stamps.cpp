@@ -1,5 +1,11 @@
 #include "net/send_stamps.h"
 
+// clang-format off: the second takes struct timespec from the first
+#include <linux/errqueue.h>
+
+#include <ctime>
+// clang-format on
+
 #include <linux/net_tstamp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -7,9 +13,6 @@
 
 #include <array>
 #include <cstring>
-#include <ctime>
-
-#include <linux/errqueue.h>  // takes struct timespec from those before it
 
 #include "base/clock.h"
 #include "base/run_records.h"

@@ -19,3 +19,16 @@ stream_packet judge_stream_packet(const test_settings* settings, const run_state
   packet.late = packet.gap_usec > settings->timeout_usec;
   return packet;
 }
+
+void record_arrival(std::uint32_t sequence, std::uint32_t source, std::int64_t time, run_state* run,
+                    test_stats* stats) {
+  packet_slot* slot = slot_of(run, sequence);
+  slot->rx_time = time;
+  slot->outstanding = 0;
+  slot->responder = source;
+  if (stats->batch_first_seq < 0) stats->batch_first_seq = static_cast<std::int32_t>(sequence);
+  stats->batch_last_seq = static_cast<std::int32_t>(sequence);
+  ++stats->rx_packets;
+  run->last_rx_time = time;
+  run->last_rx_seq = sequence;
+}

@@ -11,7 +11,6 @@
 #include "base/duration.h"
 #include "base/run_records.h"
 #include "base/settings.h"
-#include "engine/batch.h"
 #include "net/datagram_send.h"
 #include "net/packet.h"
 #include "net/send_stamps.h"
@@ -80,8 +79,7 @@ void move_on_in_sweep(test_settings* settings, const run_state* run) {
 
 }  // namespace
 
-// The slot is there before the send, whose time it takes. A batch is armed behind the send of its command, whose own
-// slot is one of the batch's.
+// The slot is there before the send, whose time it takes.
 int send_test_packet(test_settings* settings, run_state* run, test_stats* stats, const command_body* command) {
   const std::uint32_t length = build_frame(settings, run, command);
   packet_slot* slot = arm_slot(settings, run, run->current_tx__packet);
@@ -95,7 +93,6 @@ int send_test_packet(test_settings* settings, run_state* run, test_stats* stats,
   if (result != 0) return result;
 
   ++stats->tx_packets;
-  if (settings->command_mode != 0) arm_batch(settings, run);
   ++run->current_tx__packet;
   move_on_in_sweep(settings, run);
   return 0;

@@ -1,12 +1,14 @@
 #include "report/batch_line.h"
 
 #include <array>
+#include <cstdint>
 #include <cstdio>
 
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/units.h"
+#include "report/batch_judgement.h"
 #include "report/sample_list.h"
 
 namespace {

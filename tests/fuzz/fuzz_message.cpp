@@ -2,7 +2,7 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "net/message_handler.h"
-#include "report/batch_report.h"
+#include "engine/batch_progress.h"
 #include "support/workbench.h"
 
 // Who reads, then the messages.

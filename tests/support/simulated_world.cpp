@@ -1,6 +1,11 @@
 #include "support/simulated_world.h"
 
+// clang-format off: the second takes struct timespec from the first
 #include <linux/errqueue.h>
+
+#include <ctime>
+// clang-format on
+
 #include <netinet/in.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -10,7 +15,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <utility>
 
 simulated_world world;

@@ -1,4 +1,4 @@
-#include "report/batch_report.h"
+#include "report/batch_judgement.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -8,9 +8,6 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/units.h"
-#include "engine/batch.h"
-#include "report/batch_line.h"
-#include "report/buffer_consumption.h"
 #include "report/sample_list.h"
 
 namespace {
@@ -37,6 +34,8 @@ std::int32_t rate_over(std::int64_t span_usec, const run_state* run, const test_
                                  static_cast<double>(span_usec));
 }
 
+}  // namespace
+
 batch_judgement judge_batch(const test_settings* settings, const run_state* run, const test_stats* stats) {
   batch_judgement batch = {};
   batch.span_usec = measured_span_usec(run, stats);
@@ -61,25 +60,4 @@ void count_batch(const batch_judgement* batch, test_stats* stats) {
   sample_list_add(&bandwidth_samples, static_cast<std::uint32_t>(batch->rate_kbps));
   sample_list_add(&buffer_samples, truncated<std::uint32_t>(stats->buffer_consumption_usec));
   stats->lost_packets += lost;
-}
-
-void judge_and_print(test_settings* settings, run_state* run, test_stats* stats) {
-  close_batch(run);
-  compute_buffer_consumption(run, stats, settings);
-  const batch_judgement batch = judge_batch(settings, run, stats);
-  count_batch(&batch, stats);
-  print_batch_line(settings, run, stats, &batch);
-  if (batch.bad) repeat_batch(settings);
-}
-
-bool test_is_over(const test_settings* settings, const run_state* run) {
-  return run->stop_requested != 0 || settings->echo_count == run->batch;
-}
-
-}  // namespace
-
-int batch_report(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
-  const bool batch_is_over = status == frame_none || status == frame_ends_batch;
-  if (batch_is_over) judge_and_print(settings, run, stats);
-  return batch_is_over || test_is_over(settings, run) ? 0 : 1;
 }

@@ -1,4 +1,4 @@
-#include "report/batch_report.h"
+#include "engine/batch_progress.h"
 
 #include "support/expect.h"
 
