@@ -45,11 +45,28 @@ inline int parse(const std::string& arguments, test_settings* settings) {
   return parse_command_line(static_cast<int>(texts.size()), pointers_to(&texts).data(), settings);
 }
 
+// All samples of a list, as a plain one.
+inline std::vector<std::uint32_t> samples_of(const sample_list& samples) {
+  std::vector<std::uint32_t> all;
+  for (std::uint32_t i = 0; i < samples.block_count; ++i)
+    all.insert(all.end(), samples.blocks[i].samples, samples.blocks[i].samples + samples.blocks[i].count);
+  return all;
+}
+
+inline void empty(sample_list* samples) {
+  for (std::uint32_t i = 0; i < samples->block_count; ++i) std::free(samples->blocks[i].samples);
+  std::free(samples->blocks);
+  const std::uint32_t ascending = samples->ascending;
+  *samples = {};
+  samples->ascending = ascending;
+}
+
 // The world and what outlives a run in the code.
 inline void begin_anew() {
   world = {};
   discard_read_ahead();
-  bandwidth_samples.count = buffer_samples.count = 0;
+  empty(&bandwidth_samples);
+  empty(&buffer_samples);
 }
 
 // Reads and forgets all that was sent to this socket.

@@ -2,9 +2,7 @@
 
 #include "support/expect.h"
 
-static list samples_of(const sample_list& from) {
-  return {from.samples, from.samples + from.count};
-}
+using samples = std::vector<std::uint32_t>;
 
 TEST(BatchReport, FirstAndLastPacketMakeASampleGood) {
   // First, last, received; bad, lost: none, one in the middle, two twice, the first, the last, all but one, all.
@@ -28,8 +26,9 @@ TEST(BatchReport, FirstAndLastPacketMakeASampleGood) {
     EXPECT_EQ(numbers(b.stats.bad_samples, b.stats.lost_in_bad_samples, b.stats.lost_packets),
               (list{bad, bad * each[4], (1 - bad) * each[4]}));
     EXPECT_EQ(numbers(b.settings.total_requests, b.settings.echo_count), (list{9 + bad, 9 + bad}));
-    EXPECT_EQ(samples_of(bandwidth_samples), bad != 0 ? list{} : list{1472 * 8 * (each[2] - 1) / 49});
-    EXPECT_EQ(samples_of(buffer_samples), bad != 0 ? list{} : list{0});
+    const auto rate_kbps = static_cast<std::uint32_t>(1472 * 8 * (each[2] - 1) / 49);
+    EXPECT_EQ(samples_of(bandwidth_samples), bad != 0 ? samples{} : samples{rate_kbps});
+    EXPECT_EQ(samples_of(buffer_samples), bad != 0 ? samples{} : samples{0});
   }
 }
 
@@ -48,6 +47,6 @@ TEST(BatchReport, FiguresThatDoNotFitBecomeTheLargest) {  // many duplicates; pa
   b.stats.batch_last_seq = 3;
   b.stats.rx_packets = 100;
   said(0, [&] { return batch_report(&b.settings, &b.run, &b.stats, frame_ends_batch); });
-  EXPECT_EQ(samples_of(bandwidth_samples), (list{0x7FFFFFFF}));
-  EXPECT_EQ(samples_of(buffer_samples), (list{0xFFFFFFFF}));
+  EXPECT_EQ(samples_of(bandwidth_samples), (samples{0x7FFFFFFF}));
+  EXPECT_EQ(samples_of(buffer_samples), (samples{0xFFFFFFFF}));
 }
