@@ -5,12 +5,6 @@
 #include <linux/errqueue.h>  // takes struct timespec from the one before
 // clang-format on
 
-// clang-format off: the second takes struct timespec from the first
-#include <linux/errqueue.h>
-
-#include <ctime>
-// clang-format on
-
 #include <linux/net_tstamp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
