@@ -7,6 +7,7 @@
 
 #include "base/live_output.h"
 
+// inet_addr takes short forms such as 127.1 as well; what it refuses may still be a name.
 bool resolve_host(const char* text, std::uint32_t* address) {
   const in_addr_t dotted = inet_addr(text);
   if (dotted != INADDR_NONE) {

@@ -148,6 +148,8 @@ bool select_preset(const option_argument* argument, test_settings* settings) {
   return apply_preset(argument->text, settings);
 }
 
+constexpr std::uint32_t default_port = 8000;  // of -u and -p without a number
+
 constexpr value_kind none = value_kind::none;
 constexpr value_kind number = value_kind::number;
 constexpr value_kind optional_number = value_kind::optional_number;
@@ -170,7 +172,7 @@ constexpr std::array<option_rule, 30> option_rules = {{
     {'m', none, 1, &test_settings::no_timeout_messages, nullptr},
     {'M', none, 0, nullptr, detach_as_monitor},
     {'n', none, 0, nullptr, set_multicast_interface},
-    {'p', optional_number, 8000, nullptr, use_tcp},
+    {'p', optional_number, default_port, nullptr, use_tcp},
     {'q', number, 0, nullptr, set_tos},
     {'Q', none, 1, &test_settings::quiet, nullptr},
     {'r', number, 0, nullptr, set_rate},
@@ -179,7 +181,7 @@ constexpr std::array<option_rule, 30> option_rules = {{
     {'S', number, 0, nullptr, set_duration},
     {'t', none, 1, &test_settings::traceroute, nullptr},
     {'T', number, 0, &test_settings::timeout_usec, nullptr},
-    {'u', optional_number, 8000, nullptr, use_udp},
+    {'u', optional_number, default_port, nullptr, use_udp},
     {'U', none, 1, &test_settings::unidirectional, nullptr},
     {'v', none, 1, &test_settings::verbose, nullptr},
     {'-', none, 0, nullptr, select_preset},

@@ -13,6 +13,11 @@
 
 namespace {
 
+constexpr std::uint32_t default_echo_count = 3;
+constexpr std::uint32_t default_delay_usec = 100000;
+constexpr std::uint32_t default_timeout_usec = 100000;
+constexpr std::uint32_t value_of_reserved = 36;  // travels in every command, though nothing reads it
+
 constexpr std::uint16_t default_local_port = 8003;
 constexpr std::uint16_t default_remote_port = 8004;
 
@@ -64,10 +69,10 @@ bool take_host(const char* text, test_settings* settings) {
 void set_defaults(test_settings* settings) {
   *settings = {};
   settings->max_outstanding = 1;
-  settings->echo_count = 3;
-  settings->delay_usec = 100000;
-  settings->timeout_usec = 100000;
-  settings->reserved = 36;
+  settings->echo_count = default_echo_count;
+  settings->delay_usec = default_delay_usec;
+  settings->timeout_usec = default_timeout_usec;
+  settings->reserved = value_of_reserved;
   settings->show_bandwidth = 1;
   settings->local_port = htons(default_local_port);
   settings->remote_port = htons(default_remote_port);

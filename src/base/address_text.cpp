@@ -6,9 +6,11 @@
 
 namespace {
 
+// One message may show several addresses, so a text must outlive the calls behind it.
+constexpr std::size_t texts_at_once = 50;
 using text_buffer = std::array<char, 50>;
 
-std::array<text_buffer, 50> texts;
+std::array<text_buffer, texts_at_once> texts;
 std::size_t next_text = 0;
 
 }  // namespace

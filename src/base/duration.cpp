@@ -13,6 +13,7 @@ bool duration_is_over(const test_settings* settings, const test_stats* stats, st
   return usec_between(stats->start_time, now) > settings->duration_sec * usec_per_second;
 }
 
+// Read anew at each call, since a wait lies between.
 std::int64_t time_until_end(const test_settings* settings, const test_stats* stats) {
   if (settings->duration_sec == 0) return std::numeric_limits<std::int64_t>::max();
   const std::int64_t left = settings->duration_sec * usec_per_second - usec_between(stats->start_time, clock_now());

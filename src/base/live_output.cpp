@@ -9,12 +9,14 @@
 
 namespace {
 
+// A file or socket opened later would otherwise take the place of standard output and receive our lines.
 void fill_closed_standard_descriptors() {
   int descriptor = open("/dev/null", O_RDWR);
   while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = open("/dev/null", O_RDWR);
   if (descriptor >= 0) close(descriptor);
 }
 
+// Where both go to one terminal or file, lines must keep their order, which a full buffer of one would break.
 bool both_streams_lead_to_one_place() {
   struct stat out = {};
   struct stat err = {};

@@ -21,6 +21,7 @@ namespace {
 
 constexpr std::int64_t longest_pause_usec = 10000000;  // inside one TCP message
 constexpr std::int64_t stop_grace_usec = 100000;       // for the rest of a message, after a stop signal
+constexpr std::size_t flushed_at_once = 2000;          // bytes
 constexpr std::int64_t flush_silence_usec = 20000;
 constexpr std::int64_t longest_flush_usec = 10000000;
 
@@ -141,7 +142,7 @@ void flush_pending_frames(int socket) {
   if (socket < 0) return;
   const bool stream = is_stream(socket);
   const std::int64_t start = clock_now();
-  std::array<std::uint8_t, 2000> scratch;
+  std::array<std::uint8_t, flushed_at_once> scratch;
   int discarded = discard_read_ahead();
   while (stop_signal() == 0 && usec_between(start, clock_now()) < longest_flush_usec) {
     std::int64_t silence_usec = flush_silence_usec;

@@ -9,13 +9,14 @@
 namespace {
 
 constexpr int buffer_bytes = 1048576;
+constexpr int granted_bytes = 2 * buffer_bytes;  // how the kernel reports it: with its own overhead (socket(7))
 
 // Where the system's limit grants less than was asked, a process that may force it does (socket(7)): a burst of replies
-// must not be lost in our own buffer. The kernel reports twice what it was asked for.
+// must not be lost in our own buffer.
 void force_buffer_size(int socket, int option, int forcing_option) {
   int granted = 0;
   socklen_t length = sizeof granted;
-  if (getsockopt(socket, SOL_SOCKET, option, &granted, &length) != 0 || granted >= 2 * buffer_bytes) return;
+  if (getsockopt(socket, SOL_SOCKET, option, &granted, &length) != 0 || granted >= granted_bytes) return;
   set_socket_option(socket, SOL_SOCKET, forcing_option, buffer_bytes);
 }
 

@@ -34,7 +34,7 @@ void print_blanks(int count) {
 }
 
 void print_labels() {
-  for (const double fraction : display_percentiles) std::fprintf(stdout, "%5.1f ", fraction * 100.0);
+  for (const double fraction : display_percentiles) std::fprintf(stdout, "%5.1f ", fraction * percent);
 }
 
 void print_rates(const sample_list* list) {
@@ -99,7 +99,7 @@ void print_verbose_figures(const test_settings* settings, const run_state* run, 
   const auto span_usec = static_cast<double>(batch->span_usec);
   const auto received = static_cast<double>(stats->rx_packets);
   std::fprintf(stdout, " %3d/%3d %6.2f%% lost, %3d late %7.1f rx/s, %5.1f Mbps D=%5.3f, m/M/a %7.3f/%7.3f/%7.3f, ",
-               batch->lost, low32(settings->remote_echoes), batch->lost * 100.0 / settings->remote_echoes,
+               batch->lost, low32(settings->remote_echoes), batch->lost * percent / settings->remote_echoes,
                low32(stats->late_arrivals), received * usec_per_second / span_usec,
                megabits_per_second(run, stats, batch), usec_to_seconds(batch->span_usec),
                static_cast<double>(stats->latency_min) / usec_per_msec,

@@ -52,8 +52,10 @@ struct row_context {
 
 // The fractions of the percentile columns: by 0.01 up to 0.99, then by 0.001 up to 1. The sums are not exact, and files
 // written so far depend on the samples that they pick.
-constexpr std::array<double, 110> percentile_fractions() {
-  std::array<double, 110> fractions = {};
+constexpr std::size_t percentile_columns = 110;
+
+constexpr std::array<double, percentile_columns> percentile_fractions() {
+  std::array<double, percentile_columns> fractions = {};
   std::size_t next = 0;
   double fraction = 0.0;
   while (fraction < 0.991) {
@@ -68,7 +70,7 @@ constexpr std::array<double, 110> percentile_fractions() {
   return fractions;
 }
 
-constexpr std::array<double, 110> results_percentiles = percentile_fractions();
+constexpr std::array<double, percentile_columns> results_percentiles = percentile_fractions();
 
 void write_common_headers(std::FILE* row, char separator) {
   for (const char* header : common_headers) std::fprintf(row, "%s%c", header, separator);

@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr mode_t mode_before_umask = 0666;
+
 bool is_fifo(const char* name) {
   struct stat state = {};
   return stat(name, &state) == 0 && S_ISFIFO(state.st_mode);
@@ -65,7 +67,8 @@ std::FILE* open_results_table(const char* name, int* is_new) {
   *is_new = probe < 0 ? 1 : 0;
   if (probe >= 0) close(probe);
   const bool fifo = is_fifo(name);
-  const int descriptor = open(name, (fifo ? O_WRONLY : O_RDWR | O_CREAT) | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0666);
+  const int descriptor =
+      open(name, (fifo ? O_WRONLY : O_RDWR | O_CREAT) | O_APPEND | O_NONBLOCK | O_CLOEXEC, mode_before_umask);
   if (descriptor < 0) return nullptr;
   std::FILE* table = fdopen(descriptor, fifo ? "a" : "a+");
   if (table == nullptr) close(descriptor);

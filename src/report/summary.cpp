@@ -95,15 +95,15 @@ void print_running_bitrate(const test_settings* settings, const run_state* run, 
       "Running Bitrate: %7.3f Megabits/s, %6.1f fps, %6d tx, %6d rx, %6d missing, %6d late, %6d lost, %5.2f%% lost\n",
       rates.megabits_per_second, rates.frames_per_second, low32(stats->tx_packets), low32(stats->rx_packets),
       low32(stats->lost_packets - stats->late_responses), low32(stats->late_responses), low32(stats->lost_packets),
-      static_cast<double>(stats->lost_packets) / static_cast<double>(stats->tx_packets) * 100.0);
+      static_cast<double>(stats->lost_packets) / static_cast<double>(stats->tx_packets) * percent);
 }
 
 void print_progress(const test_settings* settings, const run_state* run, const test_stats* stats) {
   const packet_counts so_far = counts_so_far(settings, run, stats);
-  const double percent =
-      so_far.sent == 0 ? 0.0 : static_cast<double>(so_far.lost) * 100.0 / static_cast<double>(so_far.sent);
+  const double lost_percent =
+      so_far.sent == 0 ? 0.0 : static_cast<double>(so_far.lost) * percent / static_cast<double>(so_far.sent);
   std::fprintf(stderr, "So far: %d sent, %d received, %d lost, %.2f%% lost\n", low32(so_far.sent),
-               low32(so_far.received), low32(so_far.lost), percent);
+               low32(so_far.received), low32(so_far.lost), lost_percent);
 }
 
 void print_test_summary(const test_settings* settings, const test_stats* stats) {

@@ -6,6 +6,7 @@
 
 const std::array<const char*, 5> message_type_names = {"INVALID", "Echo Request", " Echo Reply ", "Data", "Operation"};
 
+// Copied as a whole: the message may lie at any address, and only the identifier keeps the order it has in memory.
 void write_test_header(const test_header* header, std::uint8_t* message) {
   test_message wire = {};
   write_be32(wire.type, header->type);
