@@ -47,7 +47,7 @@ set(CPACK_DEBIAN_PLOT_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PLOT_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PLOT_PACKAGE_DEPENDS 
     "python3 (>= 3.11), python3-numpy, python3-matplotlib, python3-nagiosplugin, python3-prometheus-client")
-set(CPACK_DEBIAN_PLOT_PACKAGE_RECOMMENDS ansible-core)
+set(CPACK_DEBIAN_PLOT_PACKAGE_RECOMMENDS "ansible-core, openssh-client")
 set(CPACK_DEBIAN_PLOT_PACKAGE_ENHANCES vorn)
 set(CPACK_DEBIAN_PLOT_PACKAGE_CONTROL_EXTRA ${VORN_DEBIAN_DIR}/plot/postinst ${VORN_DEBIAN_DIR}/plot/prerm)
 set(CPACK_COMPONENT_PLOT_DESCRIPTION "records and pictures of what the network test tool Vorn measured
@@ -58,6 +58,6 @@ and outages over the clock, guaranteed rate, distributions, trends. The same
 figures can be printed as text.
 .
 vorn-check holds one run against limits, for a monitoring system or for
-Prometheus. vorn-mesh measures every pair of many hosts by means of Ansible.")
+Prometheus. vorn-mesh measures every pair of an Ansible inventory over ssh.")
 
 include(CPack)

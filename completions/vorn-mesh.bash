@@ -9,7 +9,7 @@ _vorn_mesh() {
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       ;;
     --hosts | --label | --echo | --stream) ;;
-    *) mapfile -t COMPREPLY < <(compgen -W '-i -o --hosts --label --echo --stream --help --' -- "$current") ;;
+    *) mapfile -t COMPREPLY < <(compgen -W '-i -o --hosts --label --echo --stream --version --help --' -- "$current") ;;
   esac
 }
 

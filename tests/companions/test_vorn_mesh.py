@@ -1,42 +1,26 @@
-# Many hosts: the rounds in which they meet, what is kept of each, the matrix, and the playbook between namespaces.
-import itertools, json, os, re, runpy, shlex, shutil, subprocess, sys, types
+# Many hosts: the rounds in which they meet, the matrix of what is kept, who the hosts are, and meshes over ssh.
+import contextlib, itertools, os, random, re, shutil, signal, subprocess, time, types
+from pathlib import Path
 
 import pytest
-from companions import ROOT, answer, batch, companion, script, timed_out
-from lab import VORN, Lab, Program
+from companions import answer, batch, companion, script, timed_out
+from lab import VORN, End, Host, Lab, Link, Program, eventually, standing
 from vorn_companions.figures import matrix, matrix_pictures, sheet
+from vorn_companions.mesh import inventory, keep
+from vorn_companions.mesh.far_end import Line
+from vorn_companions.mesh.rounds import rounds
+from vorn_companions.store import database as store
 
-MESH = ROOT / "companions/src/vorn_companions/mesh"
-filters = types.SimpleNamespace(**runpy.run_path(MESH / "filter_plugins/mesh.py"))
 ALL = types.SimpleNamespace(since=None, host=None, label=None, title=None)
 
 
 def test_rounds_hold_every_pair_once_and_no_host_twice():
     for count, expected in ((0, 0), (1, 0), (2, 1), (3, 3), (4, 3), (9, 9), (100, 99)):
-        rounds = filters.rounds(range(count))
-        assert [len(pairs) for pairs in rounds] == [count // 2] * expected
-        assert all(len({host for pair in pairs for host in pair}) == 2 * len(pairs) for pairs in rounds)
-        met = [tuple(sorted(pair)) for pairs in rounds for pair in pairs]
+        found = rounds(count)
+        assert [len(pairs) for pairs in found] == [count // 2] * expected
+        assert all(len({host for pair in pairs for host in pair}) == 2 * len(pairs) for pairs in found)
+        met = [tuple(sorted(pair)) for pairs in found for pair in pairs]
         assert sorted(met) == list(itertools.combinations(range(count), 2))
-    assert filters.pair_of([["a", "b"]], "b") == ["a", "b"] and filters.pair_of([["a", "b"]], "c") == []
-
-
-def ran(words, text):
-    return {"rc": 0, "cmd": ["timeout", "--signal=INT", "--kill-after=10", "30", *words], "stdout": text,
-            "stderr": "Err- could not send", "start": "2026-01-05 10:00:00.5", "end": "2026-01-05 10:00:02"}
-
-
-def test_a_round_tells_of_every_test_that_was_made_and_why_others_were_not():
-    found = {"a": {"mesh_time": "100.0", "mesh_echo_result": ran(["vorn", "-u", "2"], "x"),
-                   "mesh_stream_result": ran(["vorn", "--client", "2"], "y")},
-             "b": {"mesh_time": "110.0", "mesh_echo_result": {"msg": "no timeout here"},
-                   "mesh_stream_result": {"skipped": True}},
-             "c": {"mesh_monitor": {"unreachable": True}}, "d": {"mesh_monitor": {"rc": 127}}}
-    runs = filters.results([["a", "b"], ["c", "d"]], found, ["a", "b"], 120.0)
-    assert [(run["from"], run["to"], run["start"], run.get("trouble")) for run in runs] == [
-        ("a", "b", 100.0, None), ("a", "b", 101.5, None), ("b", "a", 110.0, "b: no timeout here"),
-        ("c", "d", 120.0, "c was not reached"), ("d", "c", 120.0, "d has no monitor")]
-    assert (runs[0]["command"], runs[1]["command"]) == (["vorn", "-u", "2"], ["vorn", "--client", "2"])
 
 
 # ---- the matrix ----
@@ -47,12 +31,16 @@ def echoes(milliseconds, lost=0):
 
 
 def run(source, to, start, text, option="-u"):
-    return {"from": source, "to": to, "start": start, "command": ["vorn", option, "x"], "text": text, "status": 0}
+    lines = [Line(start, line) for line in text.splitlines()]
+    return keep.Run(source, to, start, start + 1, ["vorn", option, "x"], 0, lines)
 
 
-def kept(folder, results):
-    subprocess.run([MESH / "keep", folder / "mesh.db", "mesh"], input=json.dumps(results), text=True, check=True)
-    return [str(folder / "mesh.db")]
+def kept(folder, runs):
+    opened = store.open_to_write(str(folder / "mesh.db"))
+    for each in runs:
+        keep.keep(opened, each, "mesh")
+    opened.db.close()
+    return [opened.path]
 
 
 def test_the_matrix_holds_the_last_figures_and_their_direction(tmp_path):
@@ -61,7 +49,7 @@ def test_the_matrix_holds_the_last_figures_and_their_direction(tmp_path):
         run("a", "b", 1, echoes([9] * 9)), run("a", "b", 5, echoes([1, 2, 30], lost=1)), run("b", "a", 6, echoes([4])),
         run("a", "b", 7, stream, "--client"), run("b", "a", 8, batch(1, 50.0, "*"), "--client"),
         run("a", "h10", 9, echoes([], lost=4)), run("a", "h2", 10, echoes([1]), "-t"),
-        {"from": "h10", "to": "a", "start": 9, "trouble": "h10 was not reached"}])
+        keep.Run("h10", "a", 9, 9, trouble="h10 was not reached")])
     found = matrix.matrix(paths, ALL)
     assert found.hosts == ["a", "b", "h10"] and matrix.silent_hosts(found) == ["h10"]
     cells = {way: tuple(cell.shown(name) for name in ("rate", "rtt", "loss")) for way, cell in found.cells.items()}
@@ -86,48 +74,151 @@ def test_pictures_of_few_and_of_many_hosts(tmp_path):
         sheet.print_blocks(matrix.matrix_text(paths, ALL))
 
 
-# ---- the playbook ----
+# ---- who the hosts are ----
 
-ADDRESSES = {"one": "10.9.0.1", "two": "10.9.0.2", "three": "10.9.1.2"}  # of a chain
-DOWN = "10.9.0.9"
-WRAPPER = """#!/bin/sh
-[ "$1" = --server ] && exec {enter} "$@"
+FIELDS = {"name": "a", "connection": "ssh", "reached": "10.0.0.1", "user": "", "port": "", "key": "", "ssh": "ssh",
+          "ssh_arguments": "-F 'my file'", "address": "10.0.0.1", "program": "nice vorn", "echo": "", "stream": "-e1",
+          "bound": ""}
+
+
+def test_hosts_are_taken_as_they_are_set_or_refused():
+    found = inventory.mesh_host({**FIELDS, "user": "me", "port": "2222"}, None, "--client -e9")
+    assert found == inventory.MeshHost("a", "10.0.0.1", ("ssh", "-F", "my file", "-l", "me", "-p", "2222"), "10.0.0.1",
+                                       ("nice", "vorn"), ("-u", "-e100", "-r50"), ("--client", "-e9"), 30)
+    for field, value in (("name", "a b"), ("name", "$(x)"), ("name", "-a"), ("name", ""), ("reached", "-oProxyCommand=x"),
+                         ("address", "1;x"), ("connection", "docker"), ("port", "0"), ("bound", "-1"), ("bound", "9" * 20),
+                         ("program", "'x"), ("echo", "-u -M9"), ("ssh_arguments", '"')):
+        with pytest.raises(inventory.Refused, match="host"):
+            inventory.mesh_host({**FIELDS, field: value}, None, None)
+
+
+# ---- over ssh: a host in the middle, to which others are joined, each with an sshd of its own ----
+
+SSHD = shutil.which("sshd", path="/usr/sbin:/usr/local/sbin")
+NAMES = ["berlin", "oslo", "paris", "rome"]
+MIDDLE = "10.9.0.1"
+QUICK = ["--echo=-u -e5 -r50 -T100000", "--stream=--client -e2 -d200"]
+# Nobody is in two tests at once: each marks both of its hosts as long as it runs.
+MARKING = """#!/bin/sh
+[ "$1" = --server ] && exec {vorn} "$@"
 for host; do :; done
 trap 'rmdir {busy}-{own} {busy}-$host; echo {own} $host >>{log}' EXIT
 mkdir {busy}-{own} {busy}-$host || echo "{own} or $host is in two tests at once" >>{log}
-{enter} "$@"
+{vorn} "$@"
 """
 
 
-@pytest.mark.skipif(os.geteuid() != 0 or not shutil.which("ansible-playbook"), reason="needs root and ansible-core")
-def test_the_playbook_measures_every_pair_and_a_host_that_is_down_costs_its_own_cells(tmp_path):
-    inventory, log, kept = tmp_path / "hosts", tmp_path / "log", str(tmp_path / "m.db")
-    refusing = script(tmp_path / "refusing", "#!/bin/sh\nexit 255\n")  # as ssh does when nobody is there
-    lines = [f"down ansible_connection=ssh ansible_ssh_executable={refusing} mesh_address={DOWN}\n"]
+class Site:
+    """The network, the keys that let into it, and the inventory of all its hosts; `folder` is for one test."""
+
+    def __init__(self, lab, folder):
+        self.folder, self.addresses = folder, {name: f"10.9.{n}.2" for n, name in enumerate(NAMES)}
+        links = [Link(End("middle", [f"10.9.{n}.1/24"]), End(name, [f"10.9.{n}.2/24"])) for n, name in enumerate(NAMES)]
+        routes = {name: Host(routes=[f"default via 10.9.{n}.1"]) for n, name in enumerate(NAMES)}
+        self.places = lab.enter_context(standing({"middle": Host(forwards=True), **routes}, links))
+        self.lab, self.log = lab, folder / "log"
+        for key in ("host", "user"):
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", folder / key], check=True)
+        (folder / "home").mkdir()
+        key = (folder / "host.pub").read_text()
+        (folder / "known").write_text("".join(f"{address} {key}" for address in self.addresses.values()))
+        os.makedirs("/run/sshd", exist_ok=True)  # it will not start without
+        # What the shell of this machine's root does at its start is none of our business: another home.
+        home = f"mount --bind {folder}/home ~ && exec \"$@\""
+        options = ["UsePAM=no", "StrictModes=no", f"AuthorizedKeysFile={folder}/user.pub", "PidFile=none",
+                   "PermitRootLogin=yes"]
+        for name in NAMES:
+            self.places[name].start(["unshare", "--mount", "sh", "-c", home, "sh", SSHD, "-D", "-f", "/dev/null",
+                                     "-h", folder / "host", *(word for each in options for word in ("-o", each))])
+            eventually(lambda: self.places[name].has_port(22, "tcp"), f"sshd of {name}")
+
+    def mesh(self, *arguments, more="", program=lambda name: VORN):
+        way = f"-F /dev/null -o UserKnownHostsFile={self.folder}/known"
+        lines = [f"{name} ansible_host={address} ansible_user=root ansible_ssh_private_key_file={self.folder}/user "
+                 f"ansible_ssh_common_args='{way}' mesh_program={program(name)}\n"
+                 for name, address in self.addresses.items()]
+        (self.folder / "hosts").write_text("".join(lines) + more)
+        command = [*companion("mesh"), "-i", "hosts", *QUICK, *arguments]
+        return self.lab.own(Program(self.places["middle"].command(command), merged=True, cwd=self.folder,
+                                    env={"HOME": str(self.folder)}))
+
+    def running(self):
+        """What runs beside sshd, by host."""
+        found = {}
+        for name, place in self.places.items():
+            for process in place.inhabitants():
+                with contextlib.suppress(OSError):
+                    words = Path(f"/proc/{process}/cmdline").read_bytes().decode().split("\0")
+                    if VORN in words:
+                        found.setdefault(name, []).append(process)
+        return found
+
+    def runs(self):
+        with contextlib.closing(store.open_to_read(str(self.folder / "mesh.db")).db) as database:
+            opened = store.Store("", database)
+            return [(run, [text for _, text in store.messages(opened, run.id)]) for run in store.runs(opened)]
+
+
+@pytest.fixture
+def site(tmp_path):
+    if os.geteuid() != 0 or not SSHD or not shutil.which("ansible-playbook"):
+        pytest.skip("needs root, openssh-server and ansible-core")
     with Lab() as lab:
-        places = dict(zip(ADDRESSES, lab.chain(routers=1)))
-        for name, own in ADDRESSES.items():
-            enter = shlex.join(places[name].command([VORN]))
-            program = script(tmp_path / name, WRAPPER.format(enter=enter, own=own, busy=tmp_path / "busy", log=log))
-            lines.append(f"{name} ansible_connection=local ansible_python_interpreter={sys.executable} "
-                         f"mesh_address={own} mesh_program={program}\n")
-        inventory.write_text("".join(lines))
-        monitor = lab.monitor(at=places["two"])
-        command = [*companion("mesh"), "-i", inventory, "-o", kept, "--echo=-u -e5 -r50 -T100000",
-                   "--stream=--client -e2 -d200"]
-        done = lab.own(Program(command, merged=True, cwd=tmp_path, env={"HOME": str(tmp_path)})).finish(patience=300)
-        assert done.status == 1 and "UNREACHABLE" in done.out and "Keep round 3 of 3" in done.out, done.out
-        # All monitors have ended, but not the one that was there before.
-        assert [place.inhabitants() for place in places.values()] == [[], [monitor.pid], []]
+        yield Site(lab, tmp_path)
 
-    ways = [f"{source} {to}" for source, to in itertools.permutations(ADDRESSES.values(), 2)]
-    ways += ways + [f"{source} {DOWN}" for source in ADDRESSES.values()]  # no stream is asked of who is down
-    assert sorted(log.read_text().splitlines()) == sorted(ways)
 
-    found = matrix.matrix([kept], ALL)
-    assert found.hosts == ["down", "one", "three", "two"] and matrix.silent_hosts(found) == ["down"]
-    for way in itertools.permutations(ADDRESSES, 2):
+def test_every_pair_is_measured_over_ssh_and_hosts_that_cannot_be_cost_their_own_cells(site):
+    label = f'{{{{ lookup("pipe", "touch {site.folder}/executed") }}}} {{{{x'
+    foreign = site.lab.monitor(at=site.places["rome"])
+    marking = {name: script(site.folder / name, MARKING.format(vorn=VORN, own=own, busy=site.folder / "busy", log=site.log))
+               for name, own in {**site.addresses, "here": MIDDLE}.items()}
+    more = (f"here ansible_connection=local mesh_address={MIDDLE} mesh_program={marking['here']}\n"
+            "down ansible_host=10.9.0.99\n")
+    done = site.mesh("--label", label, more=more, program=marking.get).finish()
+    assert done.status == 1 and "rome has a monitor already" in done.out and "down was not reached: ssh: " in done.out
+    assert site.running() == {"rome": [foreign.pid]} and not (site.folder / "executed").exists()
+
+    measured = ["berlin", "here", "oslo", "paris"]
+    addresses = {**site.addresses, "here": MIDDLE}
+    ways = [f"{addresses[source]} {addresses[to]}" for source, to in itertools.permutations(measured, 2)]
+    assert sorted(site.log.read_text().splitlines()) == sorted(ways * 2)
+    assert {run.label for run, _ in site.runs()} == {label}
+    found = matrix.matrix([str(site.folder / "mesh.db")], ALL)
+    assert found.hosts == sorted([*measured, "down", "rome"]) and matrix.silent_hosts(found) == ["down", "rome"]
+    for way in itertools.permutations(measured, 2):
         cell = found.cells[way]
         assert cell.rate > 1 and 0 < cell.rtt < 1000 and cell.loss < 100, (way, cell, done.out)
-    assert all(found.cells[name, "down"].loss == 100 for name in ADDRESSES)
-    assert set(found.troubles.values()) == {"down was not reached"}
+
+
+def test_a_host_that_dies_in_the_middle_is_named_and_the_others_go_on(site):
+    mesh = site.mesh("--echo=-u -e40 -r20")
+    eventually(lambda: "oslo" in site.running(), "a monitor in oslo")
+    site.places["oslo"].ip("link set to-middle down")
+    mesh.finish()
+    assert mesh.status == 1 and re.search("^vorn-mesh: oslo was (lost|not reached)", mesh.out, re.MULTILINE), mesh.out
+    measured = {(run.site, run.asked) for run, messages in site.runs() if not messages}
+    assert measured >= set(itertools.permutations(["berlin", "paris", "rome"], 2))
+    # No requests that were lost because their partner was gone.
+    assert not any(run.asked == "oslo" and run.sent and run.sent - run.received > 20 for run, _ in site.runs())
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGKILL])
+def test_however_it_ends_nothing_runs_on_and_what_was_measured_is_kept(site, number):
+    mesh = site.mesh("--echo=-u -e40 -r20")
+    eventually(site.running, "a monitor")  # so the file is there
+    eventually(lambda: any(run.status == 0 for run, _ in site.runs()), "a run")
+    time.sleep(random.uniform(0, 3))
+    mesh.signal(number)
+    assert mesh.finish().status in (-number, 0) and "Traceback" not in mesh.out
+    eventually(lambda: not site.running(), "the end of all monitors", patience=10)  # their bound is minutes
+    runs = site.runs()
+    assert all(run.sent for run, _ in runs if run.command and run.status is not None and "-u" in run.command)
+
+
+def test_nothing_that_could_be_measured_is_an_error_that_is_kept(site):
+    done = site.mesh(program=lambda name: "/nowhere/vorn").finish()
+    assert done.status == 2 and "paris has no monitor: " in done.out, done.out
+    assert len(site.runs()) == 12 and all("has no monitor" in text for _, (text,) in site.runs())
+    (site.folder / "odd.yml").write_text('all: {hosts: {"a b; touch executed": {}, c: {}}}')
+    refused = site.mesh("-i", "odd.yml").finish()
+    assert refused.status == 2 and "no blanks" in refused.out and not (site.folder / "executed").exists(), refused.out

@@ -1,68 +1,124 @@
 # SPDX-License-Identifier: MIT
-"""vorn-mesh: the playbook that measures every pair of an inventory, and the store that its results go to."""
+"""vorn-mesh: measures every pair of an inventory and keeps what comes of it."""
 
 import argparse
-import json
+import asyncio
+import contextlib
 import os
-import shutil
+import resource
+import signal
 import sqlite3
-import subprocess
 import sys
+import tempfile
+import time
+import types
+from collections.abc import Sequence
 
-from vorn_companions.read import lines
+from vorn_companions.mesh.inventory import ECHO, STREAM, MeshHost, Refused, read_hosts
+from vorn_companions.mesh.keep import Run, as_json, keep
+from vorn_companions.mesh.measure import Member, Mesh, measure
+from vorn_companions.program import STOP_SIGNALS, split_arguments
 from vorn_companions.store import database as store
-from vorn_companions.read.records import Message
 from vorn_companions.words import Unreadable, printable
 
 DEFAULT_FILE = "mesh.db"
-FORKS = 50  # hosts that are served at the same time
+QUIET_SEC = 2.0  # before progress is shown
 
 
-# --- results of a round to the store ---
-
-def keep_run(target, result, label):
-    """One run, or that there was none. Lines carry no time of their own: all get that of the run's start."""
-    start_usec = round(result["start"] * 1e6)
-    number = store.begin_run(target, result.get("command", []), start_usec, result["from"], label)
-    target.db.execute("UPDATE run SET asked = ? WHERE id = ?", (result["to"], number))
-    troubles = {result["trouble"]: 1} if "trouble" in result else {}  # a text that a run repeats is kept once
-    for text in result.get("text", "").splitlines():
-        record = lines.record_of(text.rstrip()) or Message(f"not understood: {printable(text.strip())}", True)
-        if isinstance(record, Message):
-            if record.trouble:
-                troubles[record.text] = troubles.get(record.text, 0) + 1
-        else:
-            store.append(target, number, start_usec, record)
-    for text, count in troubles.items():
-        times = f" ({count} times)" if count > 1 else ""
-        store.append(target, number, start_usec, Message(text + times, True))
-    store.end_run(target, number, start_usec + round(result.get("seconds", 0) * 1e6), result.get("status"))
+class Stopped(Exception):
+    """By this signal, before anything was started."""
 
 
-def keep(path, label):
-    """Appends the results on standard input to the store at `path`; the exit status."""
-    results = json.load(sys.stdin)
-    try:
-        opened = store.open_to_write(path)
-        store.write(opened, lambda target: [keep_run(target, result, label) for result in results])
-        opened.db.close()
-    except (Unreadable, sqlite3.Error) as error:
-        sys.exit(f"vorn-mesh: {error}")
-    return 0
+# --- what the user sees ---
+
+def clear_progress() -> None:
+    if sys.stderr.isatty():
+        print("\r\033[K", end="", file=sys.stderr)
 
 
-# --- the command ---
-
-def playbook():
-    """Where the playbook is: in the package. None: it is missing."""
-    place = os.path.join(os.path.dirname(os.path.dirname(os.path.realpath(__file__))), "mesh", "mesh.yml")
-    return place if os.path.exists(place) else None
+def say(text: str) -> None:
+    clear_progress()
+    lines = [printable(line) for line in text.splitlines()]
+    print("vorn-mesh: " + "\n".join(lines), file=sys.stderr, flush=True)
 
 
-def parse_arguments(arguments):
-    own, rest = arguments, []
-    if "--" in arguments:
-        own, rest = arguments[:arguments.index("--")], arguments[arguments.index("--") + 1:]
+def progress_shown(begin: float, rounds: int, pairs: int, all_pairs: int) -> None:
+    """On a terminal only."""
+    passed = time.monotonic() - begin
+    if sys.stderr.isatty() and passed >= QUIET_SEC and pairs < all_pairs:
+        left = passed / pairs * (all_pairs - pairs) if pairs else 0
+        goes_on = f", about {left:.0f} s left" if pairs else ""
+        clear_progress()
+        print(f"round {rounds}, {pairs} of {all_pairs} pairs{goes_on}", end="", file=sys.stderr, flush=True)
+
+
+# --- the mesh, from the file to the signals ---
+
+def kept_or_printed(mesh_store: store.Store, run: Run, label: str, failed: list[str]) -> bool:
+    """Whether the run is in the file. Once one is not, all that follow are printed."""
+    if not failed:
+        try:
+            keep(mesh_store, run, label)
+            return True
+        except sqlite3.Error as error:
+            failed.append(str(error))
+            say(f"{mesh_store.path}: {error}; what is not kept is printed on standard output, and the mesh ends")
+    print(as_json(run, label), flush=True)
+    return False
+
+
+async def run_mesh(hosts: Sequence[MeshHost], opened: store.Store, label: str, folder: str) -> tuple[Mesh, int, bool]:
+    """Measures; what has come of it, the signal that stopped it (or 0), and whether all is in the file."""
+    loop, task, begin = asyncio.get_running_loop(), asyncio.current_task(), time.monotonic()
+    signals: list[int] = []
+    failed: list[str] = []
+
+    def stop() -> None:
+        if task and not mesh.haste.stopping:
+            mesh.haste.stopping = True
+            task.cancel()
+
+    def on_signal(number: int) -> None:
+        signals.append(number)
+        stop()
+
+    def keep_one(run: Run) -> None:
+        if not kept_or_printed(opened, run, label, failed):
+            stop()
+
+    members = [Member(host, os.path.join(folder, str(number))) for number, host in enumerate(hosts)]
+    mesh = Mesh(members, keep_one, lambda *counts: progress_shown(begin, *counts), say)
+    for each in STOP_SIGNALS:
+        if signal.getsignal(each) != signal.SIG_IGN:
+            loop.add_signal_handler(each, on_signal, each)
+    with contextlib.suppress(asyncio.CancelledError):
+        await measure(mesh)
+    clear_progress()
+    return mesh, signals[0] if signals else 0, not failed
+
+
+def leave_by(number: int) -> int:
+    """Ends this process by the signal, so that shells see it."""
+    signal.signal(number, signal.SIG_DFL)
+    os.kill(os.getpid(), number)
+    return 128 + number
+
+
+def allow_many_files() -> None:
+    """Each host takes up to ten descriptors."""
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+
+
+def summary(mesh: Mesh, path: str) -> str:
+    missing = f", {mesh.failed} not" if mesh.failed else ""
+    return f"{len(mesh.members)} hosts, {mesh.measured} ways measured{missing}; in {path}"
+
+
+# --- command line ---
+
+def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[str]]:
+    own, rest = split_arguments(list(arguments))
     parser = argparse.ArgumentParser(
         prog="vorn-mesh", allow_abbrev=False, usage="%(prog)s -i INVENTORY [options] [-- ANSIBLE-ARGUMENTS]",
         description="Measure every pair of hosts of an Ansible inventory, both ways.",
@@ -71,27 +127,44 @@ def parse_arguments(arguments):
     parser.add_argument("-o", dest="output", metavar="FILE", default=DEFAULT_FILE,
                         help="the file of records that is appended to (%(default)s)")
     parser.add_argument("--hosts", metavar="PATTERN", help="only these hosts of the inventory")
-    parser.add_argument("--label", metavar="NAME", help="a name for these runs, to choose them by (mesh)")
-    parser.add_argument("--echo", metavar="ARGUMENTS", help="of the echo test ('-u -e100 -r50')")
-    parser.add_argument("--stream", metavar="ARGUMENTS", help="of the stream ('--client -e100')")
+    parser.add_argument("--label", metavar="NAME", default="mesh", help="a name for these runs, to choose them by (mesh)")
+    parser.add_argument("--echo", metavar="ARGUMENTS", help=f"of the echo test ('{ECHO}')")
+    parser.add_argument("--stream", metavar="ARGUMENTS", help=f"of the stream ('{STREAM}')")
     return parser.parse_args(own), rest
 
 
-def main(arguments=None):
+def hosts_of(options: argparse.Namespace, rest: Sequence[str]) -> list[MeshHost]:
+    """Raises Refused or Stopped."""
+    def stopped(number: int, _frame: types.FrameType | None) -> None:
+        raise Stopped(number)
+
+    for number in STOP_SIGNALS:
+        if signal.getsignal(number) != signal.SIG_IGN:
+            signal.signal(number, stopped)
+    hosts = read_hosts(options.inventory, options.hosts, rest, options.echo, options.stream)
+    if len(hosts) < 2:
+        raise Refused(f"it takes two hosts to measure between them; the inventory has {len(hosts) or 'none'}")
+    return hosts
+
+
+def main(arguments: Sequence[str] | None = None) -> int:
     options, rest = parse_arguments(sys.argv[1:] if arguments is None else arguments)
-    program, book = shutil.which("ansible-playbook"), playbook()
-    if program is None or book is None:
-        sys.exit("vorn-mesh: " + ("the playbook is missing" if program else "this needs Ansible: ansible-core"))
-    given = {"mesh_store": os.path.abspath(options.output), "mesh_hosts": options.hosts, "mesh_label": options.label,
-             "mesh_echo": options.echo, "mesh_stream": options.stream}
-    given = {name: value for name, value in given.items() if value is not None}
-    # Quiet but for the rounds and for what goes wrong; what the user has set himself stays.
-    quiet = {"ANSIBLE_DISPLAY_OK_HOSTS": "no", "ANSIBLE_DISPLAY_SKIPPED_HOSTS": "no", "ANSIBLE_NOCOWS": "1",
-             "PYTHONDONTWRITEBYTECODE": "1"}
-    status = subprocess.run([program, "-i", options.inventory, "-e", json.dumps(given), "--forks", str(FORKS), book,
-                             *rest], env={**quiet, **os.environ}).returncode
-    return 1 if status else 0
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        hosts = hosts_of(options, rest)
+        opened = store.open_to_write(options.output)
+    except Stopped as stopped:
+        return leave_by(stopped.args[0])
+    except (Refused, Unreadable) as error:
+        say(str(error))
+        return 2
+    allow_many_files()
+    with tempfile.TemporaryDirectory(prefix="vorn-mesh-") as folder:
+        mesh, stopped_by, kept = asyncio.run(run_mesh(hosts, opened, options.label, folder))
+    with contextlib.suppress(sqlite3.Error):
+        opened.db.close()
+    say(summary(mesh, options.output))
+    if stopped_by:
+        return leave_by(stopped_by)
+    if not kept or not mesh.measured:
+        return 2
+    return 1 if mesh.failed else 0
