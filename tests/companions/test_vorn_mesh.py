@@ -1,10 +1,11 @@
 # Many hosts: the rounds in which they meet, the matrix of what is kept, who the hosts are, and meshes over ssh.
-import contextlib, itertools, os, random, re, shutil, signal, subprocess, time, types
+import contextlib, itertools, json, os, random, re, shutil, signal, subprocess, time, types
 from pathlib import Path
 
 import pytest
 from companions import answer, batch, companion, script, timed_out
 from lab import VORN, End, Host, Lab, Link, Program, eventually, standing
+from vorn_companions.commands import mesh
 from vorn_companions.figures import matrix, matrix_pictures, sheet
 from vorn_companions.mesh import inventory, keep
 from vorn_companions.mesh.far_end import Line
@@ -61,6 +62,18 @@ def test_the_matrix_holds_the_last_figures_and_their_direction(tmp_path):
     text = subprocess.check_output([*companion("plot"), "-k", "matrix", "--text", *paths], text=True)
     assert "worst: a to b none, b to a 80.0" in text and "h10 was not reached: h10 towards a" in text
     assert re.search(r"b +80.0 +-$", text, re.MULTILINE), text
+
+
+def test_a_run_that_the_file_does_not_take_is_printed(tmp_path, capsys):
+    opened = store.open_to_write(str(tmp_path / "mesh.db"))
+    opened.db.execute("DROP TABLE echo")
+    failed = []
+    for number, text in enumerate((echoes([1]), "", echoes([2]))):  # the second would fit
+        assert not mesh.kept_or_printed(opened, run("a", "b", number, text), "l", failed)
+    printed = [json.loads(line) for line in capsys.readouterr().out.splitlines()]
+    assert [(each["label"], len(each["lines"])) for each in printed] == [("l", 1), ("l", 0), ("l", 1)]
+    assert len(failed) == 1 and store.runs(opened) == []
+    opened.db.close()
 
 
 def test_pictures_of_few_and_of_many_hosts(tmp_path):
@@ -191,25 +204,26 @@ def test_every_pair_is_measured_over_ssh_and_hosts_that_cannot_be_cost_their_own
 
 
 def test_a_host_that_dies_in_the_middle_is_named_and_the_others_go_on(site):
-    mesh = site.mesh("--echo=-u -e40 -r20")
+    running = site.mesh("--echo=-u -e20 -r20")
     eventually(lambda: "oslo" in site.running(), "a monitor in oslo")
     site.places["oslo"].ip("link set to-middle down")
-    mesh.finish()
-    assert mesh.status == 1 and re.search("^vorn-mesh: oslo was (lost|not reached)", mesh.out, re.MULTILINE), mesh.out
+    done = running.finish()
+    assert done.status == 1 and re.search("^vorn-mesh: oslo was (lost|not reached)", done.out, re.MULTILINE), done.out
     measured = {(run.site, run.asked) for run, messages in site.runs() if not messages}
     assert measured >= set(itertools.permutations(["berlin", "paris", "rome"], 2))
     # No requests that were lost because their partner was gone.
-    assert not any(run.asked == "oslo" and run.sent and run.sent - run.received > 20 for run, _ in site.runs())
+    assert not any(run.asked == "oslo" and run.sent and run.sent - run.received > 10 for run, _ in site.runs())
 
 
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGKILL])
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGKILL])
 def test_however_it_ends_nothing_runs_on_and_what_was_measured_is_kept(site, number):
-    mesh = site.mesh("--echo=-u -e40 -r20")
+    running = site.mesh("--echo=-u -e20 -r20")
     eventually(site.running, "a monitor")  # so the file is there
     eventually(lambda: any(run.status == 0 for run, _ in site.runs()), "a run")
-    time.sleep(random.uniform(0, 3))
-    mesh.signal(number)
-    assert mesh.finish().status in (-number, 0) and "Traceback" not in mesh.out
+    time.sleep(random.uniform(0, 2))
+    running.signal(number)
+    done = running.finish()
+    assert done.status in (-number, 0) and "Traceback" not in done.out, done.out
     eventually(lambda: not site.running(), "the end of all monitors", patience=10)  # their bound is minutes
     runs = site.runs()
     assert all(run.sent for run, _ in runs if run.command and run.status is not None and "-u" in run.command)

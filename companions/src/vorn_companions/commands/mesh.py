@@ -4,6 +4,7 @@
 import argparse
 import asyncio
 import contextlib
+import importlib.metadata
 import os
 import resource
 import signal
@@ -31,25 +32,33 @@ class Stopped(Exception):
 
 # --- what the user sees ---
 
-def clear_progress() -> None:
+def show(text: str) -> None:
+    """What is going on, in one line of a terminal; the next one, or anything else, takes its place."""
     if sys.stderr.isatty():
-        print("\r\033[K", end="", file=sys.stderr)
+        print(f"\r\033[K{text}", end="", file=sys.stderr, flush=True)
 
 
 def say(text: str) -> None:
-    clear_progress()
+    show("")
     lines = [printable(line) for line in text.splitlines()]
     print("vorn-mesh: " + "\n".join(lines), file=sys.stderr, flush=True)
 
 
-def progress_shown(begin: float, rounds: int, pairs: int, all_pairs: int) -> None:
-    """On a terminal only."""
-    passed = time.monotonic() - begin
-    if sys.stderr.isatty() and passed >= QUIET_SEC and pairs < all_pairs:
-        left = passed / pairs * (all_pairs - pairs) if pairs else 0
-        goes_on = f", about {left:.0f} s left" if pairs else ""
-        clear_progress()
-        print(f"round {rounds}, {pairs} of {all_pairs} pairs{goes_on}", end="", file=sys.stderr, flush=True)
+def how_far(mesh: Mesh, passed_sec: float) -> str:
+    if not mesh.round:
+        return f"connecting to {len(mesh.members)} hosts"
+    left = passed_sec / mesh.pairs_done * (mesh.pairs - mesh.pairs_done) if mesh.pairs_done else 0
+    unit = f"{left / 60:.0f} min" if left >= 120 else f"{left:.0f} s"
+    return (f"round {mesh.round} of {mesh.rounds}, {mesh.pairs_done} of {mesh.pairs} pairs"
+            + (f", about {unit} left" if mesh.pairs_done else ""))
+
+
+async def show_progress(mesh: Mesh) -> None:
+    begin = time.monotonic()
+    await asyncio.sleep(QUIET_SEC)
+    while True:
+        show(how_far(mesh, time.monotonic() - begin))
+        await asyncio.sleep(1)
 
 
 # --- the mesh, from the file to the signals ---
@@ -69,7 +78,7 @@ def kept_or_printed(mesh_store: store.Store, run: Run, label: str, failed: list[
 
 async def run_mesh(hosts: Sequence[MeshHost], opened: store.Store, label: str, folder: str) -> tuple[Mesh, int, bool]:
     """Measures; what has come of it, the signal that stopped it (or 0), and whether all is in the file."""
-    loop, task, begin = asyncio.get_running_loop(), asyncio.current_task(), time.monotonic()
+    loop, task = asyncio.get_running_loop(), asyncio.current_task()
     signals: list[int] = []
     failed: list[str] = []
 
@@ -87,13 +96,14 @@ async def run_mesh(hosts: Sequence[MeshHost], opened: store.Store, label: str, f
             stop()
 
     members = [Member(host, os.path.join(folder, str(number))) for number, host in enumerate(hosts)]
-    mesh = Mesh(members, keep_one, lambda *counts: progress_shown(begin, *counts), say)
+    mesh = Mesh(members, keep_one, say)
     for each in STOP_SIGNALS:
         if signal.getsignal(each) != signal.SIG_IGN:
             loop.add_signal_handler(each, on_signal, each)
+    progress = asyncio.create_task(show_progress(mesh))
     with contextlib.suppress(asyncio.CancelledError):
         await measure(mesh)
-    clear_progress()
+    progress.cancel()
     return mesh, signals[0] if signals else 0, not failed
 
 
@@ -117,6 +127,13 @@ def summary(mesh: Mesh, path: str) -> str:
 
 # --- command line ---
 
+def version() -> str:
+    try:
+        return importlib.metadata.version("vorn-companions")
+    except importlib.metadata.PackageNotFoundError:
+        return "of a checkout"
+
+
 def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[str]]:
     own, rest = split_arguments(list(arguments))
     parser = argparse.ArgumentParser(
@@ -130,6 +147,7 @@ def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[
     parser.add_argument("--label", metavar="NAME", default="mesh", help="a name for these runs, to choose them by (mesh)")
     parser.add_argument("--echo", metavar="ARGUMENTS", help=f"of the echo test ('{ECHO}')")
     parser.add_argument("--stream", metavar="ARGUMENTS", help=f"of the stream ('{STREAM}')")
+    parser.add_argument("--version", action="version", version=f"%(prog)s {version()}")
     return parser.parse_args(own), rest
 
 
@@ -141,6 +159,7 @@ def hosts_of(options: argparse.Namespace, rest: Sequence[str]) -> list[MeshHost]
     for number in STOP_SIGNALS:
         if signal.getsignal(number) != signal.SIG_IGN:
             signal.signal(number, stopped)
+    show("reading the inventory")
     hosts = read_hosts(options.inventory, options.hosts, rest, options.echo, options.stream)
     if len(hosts) < 2:
         raise Refused(f"it takes two hosts to measure between them; the inventory has {len(hosts) or 'none'}")
@@ -168,3 +187,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
     if not kept or not mesh.measured:
         return 2
     return 1 if mesh.failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

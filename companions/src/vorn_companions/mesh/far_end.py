@@ -10,10 +10,10 @@ import asyncio
 import contextlib
 import dataclasses
 import shlex
-import time
 from collections.abc import AsyncIterator, Sequence
 
 from vorn_companions.mesh.inventory import MeshHost
+from vorn_companions.program import now_usec
 
 CONNECT_SEC = 10
 KEEP_ALIVE = ("-o", "ServerAliveInterval=2", "-o", "ServerAliveCountMax=3")  # a dead host is noticed after 6 to 8 s
@@ -54,10 +54,6 @@ class Haste:
 
     def ending_sec(self) -> float:
         return HASTY_SEC if self.stopping else ENDING_SEC
-
-
-def now_usec() -> int:
-    return time.time_ns() // 1000
 
 
 async def read_lines(stream: asyncio.StreamReader, lines: list[Line], news: asyncio.Event) -> None:

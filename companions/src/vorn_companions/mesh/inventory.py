@@ -9,7 +9,6 @@ import re
 import shlex
 import shutil
 import subprocess
-import tempfile
 from collections.abc import Callable, Mapping, Sequence
 
 ECHO = "-u -e100 -r50"
@@ -17,6 +16,10 @@ STREAM = "--client -e100"
 BOUND_SEC = 30
 NAME = re.compile(r"[\w:][\w.:%-]*")  # of a host; nothing that a shell or an option could be made of
 CONNECTIONS = {"ssh": False, "smart": False, "local": True}
+# How Ansible prints what it has found: a line for each host that ends with "=> ", and JSON behind it.
+PRINTING = {"ANSIBLE_STDOUT_CALLBACK": "minimal", "ANSIBLE_CALLBACK_RESULT_FORMAT": "json", "ANSIBLE_NOCOLOR": "1"}
+ANSWER = re.compile(r"^.+ \| SUCCESS => (?={)", re.MULTILINE)
+WELL = re.compile(r"^[^\n]+ \| SUCCESS => {$.*?^}\n", re.MULTILINE | re.DOTALL)
 
 
 class Refused(Exception):
@@ -35,22 +38,19 @@ class MeshHost:
     bound_sec: int  # of either test
 
 
-def playbook_answer(inventory: str, limit: str | None, arguments: Sequence[str]) -> object:
-    """What inventory.yml finds. Ansible evaluates templates in the inventory, but not in these arguments."""
+def playbook_answers(inventory: str, limit: str | None, arguments: Sequence[str]) -> list[dict[str, object]]:
+    """What inventory.yml finds, by host. Ansible evaluates templates in the inventory, but not in these arguments."""
     program = shutil.which("ansible-playbook")
     if program is None:
         raise Refused("this needs Ansible: ansible-core")
     limits = [] if limit is None else ["--limit", limit]
-    with (importlib.resources.as_file(importlib.resources.files(__package__) / "inventory.yml") as playbook,
-          tempfile.TemporaryDirectory(prefix="vorn-mesh-") as folder):
-        answer = os.path.join(folder, "hosts.json")
-        command = [program, "-i", inventory, *arguments, *limits, "-e", json.dumps({"mesh_answer": answer}), str(playbook)]
-        done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              text=True, errors="replace", env={"ANSIBLE_NOCOWS": "1", **os.environ})
-        if done.returncode or not os.path.exists(answer):
-            raise Refused(f"Ansible does not understand the inventory:\n{done.stdout.strip()}")
-        with open(answer, encoding="utf-8") as file:
-            return json.load(file)
+    with importlib.resources.as_file(importlib.resources.files(__package__) / "inventory.yml") as playbook:
+        done = subprocess.run([program, "-i", inventory, *arguments, *limits, str(playbook)], text=True, errors="replace",
+                              stdin=subprocess.DEVNULL, capture_output=True, env={**os.environ, **PRINTING})
+    answers = [json.JSONDecoder().raw_decode(done.stdout, found.end())[0] for found in ANSWER.finditer(done.stdout)]
+    if done.returncode or not answers:
+        raise Refused(f"Ansible cannot say who the hosts are:\n{WELL.sub('', done.stdout)}{done.stderr}".rstrip())
+    return [answer["ansible_facts"]["mesh_host"] for answer in answers]
 
 
 def checked_name(what: str, host: str, name: str) -> str:
@@ -111,7 +111,6 @@ def mesh_host(fields: Mapping[str, object], echo: str | None, stream: str | None
 
 def read_hosts(inventory: str, limit: str | None, arguments: Sequence[str], echo: str | None,
                stream: str | None) -> list[MeshHost]:
-    """The hosts, with the arguments of their tests, in the inventory's order. Raises Refused."""
-    found = playbook_answer(inventory, limit, arguments)
-    assert isinstance(found, list)
-    return [mesh_host(fields, echo, stream) for fields in found]
+    """The hosts, with the arguments of their tests, in the order of their names. Raises Refused."""
+    hosts = [mesh_host(fields, echo, stream) for fields in playbook_answers(inventory, limit, arguments)]
+    return sorted(hosts, key=lambda host: host.name)

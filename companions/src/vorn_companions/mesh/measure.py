@@ -7,10 +7,11 @@ import dataclasses
 from collections.abc import AsyncIterator, Callable, Sequence
 
 from vorn_companions.mesh import far_end
-from vorn_companions.mesh.far_end import FarEnd, Haste, now_usec
+from vorn_companions.mesh.far_end import FarEnd, Haste
 from vorn_companions.mesh.inventory import MeshHost
 from vorn_companions.mesh.keep import Run, complaint, found_something, is_complete
 from vorn_companions.mesh.rounds import rounds
+from vorn_companions.program import now_usec
 
 CONNECT_BOUND_SEC = 30  # logging in, too
 CONNECTS_AT_ONCE = 10  # as many as an sshd that all of them pass through lets in
@@ -41,11 +42,14 @@ class Member:
 class Mesh:
     members: list[Member]
     keep: Callable[[Run], None]
-    progress: Callable[[int, int, int], None]  # rounds, pairs done, pairs in all
     say: Callable[[str], None]
     haste: Haste = dataclasses.field(default_factory=Haste)
     connects: asyncio.Semaphore = dataclasses.field(default_factory=lambda: asyncio.Semaphore(CONNECTS_AT_ONCE))
     told: set[str] = dataclasses.field(default_factory=set)
+    rounds: int = 0
+    round: int = 0  # that is measured, from 1; 0: connecting
+    pairs: int = 0
+    pairs_done: int = 0
     measured: int = 0  # ways, of which each pair has two
     failed: int = 0
 
@@ -198,6 +202,7 @@ async def measure_pair(mesh: Mesh, pair: Sequence[Member]) -> None:
             now = now_usec()
             mesh.keep(Run(pair[one].host.name, pair[other].host.name, now, now, trouble=str(trouble)))
             mesh.failed += 1
+    mesh.pairs_done += 1
 
 
 # --- the mesh ---
@@ -210,17 +215,16 @@ async def connect_first(mesh: Mesh, member: Member) -> None:
 async def measure(mesh: Mesh) -> None:
     """All rounds. However it ends, nothing of ours runs anywhere afterwards."""
     plan = rounds(len(mesh.members))
-    pairs_done, pairs_in_all = 0, sum(map(len, plan))
+    mesh.rounds, mesh.pairs = len(plan), sum(map(len, plan))
     try:
         async with asyncio.TaskGroup() as group:
             for member in mesh.members:
                 group.create_task(connect_first(mesh, member))
-        for number, pairs in enumerate(plan, 1):
+        for pairs in plan:
+            mesh.round += 1
             async with asyncio.TaskGroup() as group:
                 for pair in pairs:
                     group.create_task(measure_pair(mesh, [mesh.members[place] for place in pair]))
-            pairs_done += len(pairs)
-            mesh.progress(number, pairs_done, pairs_in_all)
     finally:
         connections = [member.connection for member in mesh.members if member.connection]
         await asyncio.gather(*(far_end.end(connection, mesh.haste.ending_sec()) for connection in connections))
