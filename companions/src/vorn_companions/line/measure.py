@@ -16,11 +16,12 @@ from vorn_companions.line.under_way import NotMeasured, Session, Stopped
 from vorn_companions.read.records import REPLY
 
 OVERLOAD = 1.1  # of the rate found: enough to fill the queue, little enough that it is not loss alone
-GROWTH = 1.6  # where a load filled nothing
+GROWTH = 2.0  # where a load filled nothing
 BATCHES = 4  # with a load that fills the line and those before it
 TRAINS = (50, 500, 5000)
 TRAIN_SPAN_USEC = 20_000  # a train that takes less to arrive is followed by a longer one
 FALLBACK_MBPS = 1.0  # where even the trains said nothing
+LEAST_LOAD_SEC = 0.3
 TRIAL_SEC = 1.0
 SAME_RATE = 0.97  # of the other direction's: what comes back is held up there
 LONGEST_TIMEOUT_USEC = 2_000_000
@@ -123,7 +124,7 @@ def measure_down(session: Session, plan: Plan, line: Line) -> None:
     probes: list[Probe] = []
     met: list[Probe] = []
     left_sec = plan.load_sec
-    while left_sec > runs.SETTLE_SEC:
+    while left_sec > LEAST_LOAD_SEC:
         size = pace.packets_in(left_sec)
         loaded = runs.loaded_stream(session, pace, size)
         probes, met = probes + loaded.probes, met + loaded.met

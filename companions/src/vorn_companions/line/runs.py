@@ -18,12 +18,12 @@ SILENCE_SEC = 0.5  # the end of a batch is lost: before the commander has notice
 MOST_OUTSTANDING = 65534
 MOST_HOPS = 30
 HOP_TIMEOUT_USEC = 250_000
-SETTLE_SEC = 0.3  # until a load has filled the queue
+SETTLED_SHARE = 0.5  # of a load; at a tenth above the rate a queue of 100 msec takes a second to fill
 
 
 @dataclasses.dataclass(slots=True)
 class Loaded:
-    """Probes beside a load; those between `from_usec` and `until_usec` met it in full."""
+    """Probes beside a load that lasted from `from_usec` to `until_usec`."""
 
     probes: list[Probe]
     from_usec: int
@@ -31,7 +31,9 @@ class Loaded:
 
     @property
     def met(self) -> list[Probe]:
-        return [probe for probe in self.probes if self.from_usec <= probe.sent_usec <= self.until_usec]
+        """Those that met the load when it had filled the queue."""
+        settled_usec = self.from_usec + SETTLED_SHARE * (self.until_usec - self.from_usec)
+        return [probe for probe in self.probes if settled_usec <= probe.sent_usec <= self.until_usec]
 
 
 # --- streams towards this host ---
@@ -86,7 +88,7 @@ def loaded_stream(session: Session, pace: Pace, size: int) -> Loaded:
             wait_for(session, probing, longest_sec=2 * PROBE_TIMEOUT_USEC / 1e6)
     span_usec = arrivals_of(run, pace, size).span_usec
     first_usec = first_packet_usec(run) or run.started_usec
-    return Loaded(probes_of(probing), first_usec + round(SETTLE_SEC * 1e6), first_usec + span_usec)
+    return Loaded(probes_of(probing), first_usec, first_usec + span_usec)
 
 
 # --- echoes ---
@@ -140,8 +142,7 @@ def blast(session: Session, pace: Pace, seconds: float) -> Loaded:
         with under_way(session, *probe_options(round(seconds * 1e6) // PROBE_PERIOD_USEC)) as probing:
             wait_for(session, run, longest_sec=seconds + 1)
             wait_for(session, probing, longest_sec=2 * PROBE_TIMEOUT_USEC / 1e6)
-    until_usec = run.ended_usec or run.started_usec
-    return Loaded(probes_of(probing), run.started_usec + round(SETTLE_SEC * 1e6), until_usec)
+    return Loaded(probes_of(probing), run.started_usec, run.ended_usec or run.started_usec)
 
 
 def echoes(session: Session, pace: Pace, size: int, timeout_usec: int) -> Arrivals:
