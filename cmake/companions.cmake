@@ -35,7 +35,7 @@ add_custom_target(companions ALL DEPENDS ${wheel})
 # Debian's Python installs for the administrator, below local/, unless it is told that this is the system's own.
 configure_file(cmake/install_companions.cmake.in install_companions.cmake @ONLY)
 install(SCRIPT ${CMAKE_CURRENT_BINARY_DIR}/install_companions.cmake COMPONENT plot)
-foreach(command vorn-check vorn-mesh vorn-plot vorn-record)
+foreach(command vorn-check vorn-line vorn-mesh vorn-plot vorn-record)
   install(FILES man/${command}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT plot)
   install(FILES completions/${command}.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
           RENAME ${command} COMPONENT plot)

@@ -46,6 +46,7 @@ class End:
     addresses: Sequence[str]  # each with its length
     device: str = ""  # its name; empty: to-OTHER
     rate: str = ""  # of what leaves here, as tc reads it ("100mbit"); empty: as fast as the machine
+    queue: str = "burst 2kb latency 1s"  # before that rate, in the words of tc-tbf(8); one packet: evenly spaced
 
 
 @dataclasses.dataclass(frozen=True)
@@ -207,8 +208,7 @@ def _join(network, left, right):
         network[end.host].ip(*(f"address add {address} dev {device}" for address in end.addresses),
                              f"link set {device} up")
         if end.rate:
-            # A bucket of one packet, so that they leave evenly spaced.
-            queue = ["tbf", "rate", end.rate, "burst", "2kb", "latency", "1s"]
+            queue = ["tbf", "rate", end.rate, *end.queue.split()]
             if network[end.host].run(["tc", "qdisc", "add", "dev", device, "root", *queue]).returncode != 0:
                 print(f"{device} of {end.host} is not slowed: this kernel lacks the queue sch_tbf", file=sys.stderr)
 
