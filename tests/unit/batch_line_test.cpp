@@ -1,3 +1,4 @@
+#include "report/batch_judgement.h"
 #include "report/batch_line.h"
 
 #include "support/expect.h"

@@ -1,4 +1,5 @@
 #include "engine/loop.h"
+#include "engine/release.h"
 
 #include <algorithm>
 #include <csignal>
@@ -96,7 +97,7 @@ TEST(Commander, EveryPacketOfTheStreamGetsItsSlotAndTheCommandLeavesTheBuffer) {
   workbench b("-c -E3");
   command_body command = {};
   command.bytes[7] = 1;
-  EXPECT_EQ(send_test_packet(&b.settings, &b.run, &b.stats, &command), 0);
+  EXPECT_EQ(release_packets(1, &b.settings, &b.run, &b.stats, &command), release_end::complete);
   EXPECT_EQ(numbers(b.slot(0).outstanding, b.slot(2).outstanding, b.slot(3).outstanding), (list{1, 1, 0}));
   EXPECT_EQ(transmit_buffer[20 + 7], 0);
 }
