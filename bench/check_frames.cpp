@@ -2,29 +2,34 @@
 // number from 0 to COUNT - 1 came once, whether what follows the message header is zero, and whether the checksums of
 // IP and UDP are right, so its sender must have finished them. Prints how many it checked, how many found no room in
 // the ring ("unchecked", which are not called missing), and how many sequence numbers are missing, repeated, damaged.
-#include <csignal>
-#include <cstring>
-#include <ctime>
+//
+// The kernel fills the ring with the frames of the device, as packet(7) and its packet_mmap text have it, within the
+// call that carries the frame.
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <sys/mman.h>
+
 #include <vector>
 
-#include "packet_ring.h"
+#include "bare.h"
+#include "wire/bytes.h"
+#include "wire/checksum.h"
 
+static constexpr const char* usage = "DEVICE PORT COUNT";
+static constexpr unsigned block_bytes = 1U << 18U;
 static constexpr unsigned slot_bytes = 2048;
 static constexpr unsigned slots = 1U << 17U;
 static constexpr std::size_t ethernet_bytes = 14;
-static constexpr std::size_t ip_bytes = 20;
-static constexpr std::size_t udp_bytes = 8;
-static constexpr std::size_t message_header_bytes = 20;
-static constexpr std::size_t message_sequence_offset = 12;
+static constexpr std::size_t headers_bytes = ipv4_header_bytes + udp_header_bytes + test_header_bytes;
+static constexpr std::size_t ip_source_offset = 12;
 static constexpr std::uint8_t ipv4_without_options = 0x45;
-static constexpr std::uint8_t udp_protocol = 17;
 static constexpr std::uint16_t right_sum = 0xffff;
 
-static volatile std::sig_atomic_t told_to_end = 0;
-
-static void end_soon(int /*signal*/) {
-  told_to_end = 1;
-}
+struct ring {
+  int socket_fd;
+  std::uint8_t* memory;
+};
 
 struct findings {
   std::vector<bool> seen;
@@ -33,105 +38,104 @@ struct findings {
   std::uint64_t damaged;
 };
 
-static std::uint32_t read_be(const std::uint8_t* bytes, unsigned count) {
-  std::uint32_t value = 0;
-  for (unsigned i = 0; i < count; ++i) value = (value << 8U) | bytes[i];
-  return value;
+static ring open_ring(const char* device) {
+  constexpr int version = TPACKET_V2;
+  constexpr std::size_t bytes = std::size_t{slots} * slot_bytes;
+  tpacket_req request = {block_bytes, bytes / block_bytes, slot_bytes, slots};
+  const int socket_fd = socket(AF_PACKET, SOCK_RAW, 0);  // receives nothing before it is bound
+  if (setsockopt(socket_fd, SOL_PACKET, PACKET_VERSION, &version, sizeof version) != 0) fail("packet socket");
+  if (setsockopt(socket_fd, SOL_PACKET, PACKET_RX_RING, &request, sizeof request) != 0) fail("ring");
+  void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, socket_fd, 0);
+  if (memory == MAP_FAILED) fail("mmap");
+  sockaddr_ll address = {};
+  address.sll_family = AF_PACKET;
+  address.sll_protocol = htons(ETH_P_IP);  // so none that this end sends
+  address.sll_ifindex = static_cast<int>(if_nametoindex(device));
+  if (bind(socket_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) fail("bind");
+  return {socket_fd, static_cast<std::uint8_t*>(memory)};
 }
 
-// The one's complement sum of RFC 1071, in whatever byte order the words lie: right sums are all ones in either.
-static std::uint16_t sum_of(const std::uint8_t* bytes, std::size_t length, std::uint64_t sum) {
-  std::size_t at = 0;
-  for (; at + 4 <= length; at += 4) {
-    std::uint32_t word = 0;
-    std::memcpy(&word, bytes + at, sizeof word);
-    sum += word;
-  }
-  std::uint32_t rest = 0;
-  std::memcpy(&rest, bytes + at, length - at);
-  sum += rest;
-  while ((sum >> 16U) != 0) sum = (sum & 0xffffU) + (sum >> 16U);
-  return static_cast<std::uint16_t>(sum);
+static std::uint16_t sum_of_two(std::uint32_t one, std::uint32_t other) {
+  const std::uint32_t sum = one + other;
+  return static_cast<std::uint16_t>((sum & 0xffffU) + (sum >> 16U));
 }
 
-// The pseudo header of RFC 768: both addresses, the protocol and the length.
-static std::uint64_t pseudo_header_sum(const std::uint8_t* ip, std::uint16_t udp_length) {
-  return std::uint64_t{sum_of(ip + 12, 8, 0)} + htons(udp_protocol) + htons(udp_length);
+// Of RFC 768, with the pseudo header: both addresses, the protocol and the length.
+static std::uint16_t udp_sum(std::span<const std::uint8_t> ip) {
+  const std::uint8_t* udp = ip.data() + ipv4_header_bytes;
+  const std::size_t length = ip.size() - ipv4_header_bytes;
+  std::array<std::uint8_t, 12> pseudo = {};
+  std::memcpy(pseudo.data(), ip.data() + ip_source_offset, 8);
+  pseudo[9] = IPPROTO_UDP;
+  write_be16(&pseudo[10], static_cast<std::uint16_t>(length));
+  return sum_of_two(internet_checksum(pseudo.data(), pseudo.size()), internet_checksum(udp, length));
 }
 
-static bool is_all_zero(const std::uint8_t* bytes, std::size_t length) {
-  return length == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, length - 1) == 0);
+static bool is_all_zero(std::span<const std::uint8_t> bytes) {
+  return bytes.empty() || (bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
-// `length` is the whole IP packet; a UDP checksum of 0 would mean that there is none.
-static bool is_sound(const std::uint8_t* ip, std::size_t length) {
-  const std::uint8_t* udp = ip + ip_bytes;
-  const std::size_t udp_length = length - ip_bytes;
-  if (read_be(ip + 2, 2) != length || read_be(udp + 4, 2) != udp_length || read_be(udp + 6, 2) == 0) return false;
-  if (sum_of(ip, ip_bytes, 0) != right_sum) return false;
-  if (sum_of(udp, udp_length, pseudo_header_sum(ip, static_cast<std::uint16_t>(udp_length))) != right_sum) return false;
-  return is_all_zero(udp + udp_bytes + message_header_bytes, udp_length - udp_bytes - message_header_bytes);
+// A UDP checksum of 0 would mean that there is none.
+static bool is_sound(std::span<const std::uint8_t> ip) {
+  const std::uint8_t* udp = ip.data() + ipv4_header_bytes;
+  if (read_be16(&ip[2]) != ip.size() || read_be16(udp + 4) != ip.size() - ipv4_header_bytes) return false;
+  if (read_be16(udp + 6) == 0 || udp_sum(ip) != right_sum) return false;
+  return internet_checksum(ip.data(), ipv4_header_bytes) == right_sum && is_all_zero(ip.subspan(headers_bytes));
 }
 
-static void look_at(const std::uint8_t* ip, std::size_t length, findings* found) {
-  const std::uint32_t sequence = read_be(ip + ip_bytes + udp_bytes + message_sequence_offset, 4);
+static void look_at(std::span<const std::uint8_t> ip, findings* found) {
+  test_header header = {};
+  const bool sound = read_test_header(ip.subspan(ipv4_header_bytes + udp_header_bytes), &header) && is_sound(ip);
   ++found->checked;
-  if (sequence >= found->seen.size() || !is_sound(ip, length)) {
+  if (!sound || header.sequence >= found->seen.size()) {
     ++found->damaged;
-  } else if (found->seen[sequence]) {
+  } else if (found->seen[header.sequence]) {
     ++found->repeated;
   } else {
-    found->seen[sequence] = true;
+    found->seen[header.sequence] = true;
   }
 }
 
-static bool is_wanted(const tpacket2_hdr* header, std::uint16_t port) {
-  const std::uint8_t* frame = frame_bytes(header);
-  return header->tp_snaplen == header->tp_len && !frame_was_sent(header) &&
-         header->tp_len >= ethernet_bytes + ip_bytes + udp_bytes + message_header_bytes &&
-         read_be(frame + 12, 2) == ETH_P_IP && frame[ethernet_bytes] == ipv4_without_options &&
-         frame[ethernet_bytes + 9] == udp_protocol && read_be(frame + ethernet_bytes + ip_bytes + 2, 2) == port;
+// A UDP packet for the port, as long as a test message at least.
+static bool is_wanted(std::span<const std::uint8_t> frame, std::uint32_t port) {
+  const std::uint8_t* ip = frame.data() + ethernet_bytes;
+  return frame.size() >= ethernet_bytes + headers_bytes && ip[0] == ipv4_without_options && ip[9] == IPPROTO_UDP &&
+         read_be16(ip + ipv4_header_bytes + 2) == port;
 }
 
-// Goes through what is in the ring from `*next` on.
-static void look_at_all(const packet_ring& ring, unsigned* next, std::uint16_t port, findings* found) {
-  for (tpacket2_hdr* header = frame_header(ring, *next); frame_is_there(header); header = frame_header(ring, *next)) {
-    if (is_wanted(header, port)) {
-      look_at(frame_bytes(header) + ethernet_bytes, header->tp_len - ethernet_bytes, found);
+// Goes through what is in the ring from `*next` on, and gives it back.
+static void look_at_all(const ring& frames, unsigned* next, std::uint32_t port, findings* found) {
+  for (;; *next = (*next + 1) % slots) {
+    std::uint8_t* slot = frames.memory + std::size_t{*next} * slot_bytes;
+    auto* header = reinterpret_cast<tpacket2_hdr*>(slot);
+    if ((__atomic_load_n(&header->tp_status, __ATOMIC_ACQUIRE) & TP_STATUS_USER) == 0) return;
+    const std::span<const std::uint8_t> frame = {slot + header->tp_mac, header->tp_snaplen};
+    if (header->tp_snaplen == header->tp_len && is_wanted(frame, port)) {
+      look_at(frame.subspan(ethernet_bytes), found);
     }
-    give_back(header);
-    *next = (*next + 1) % ring.frames;
+    __atomic_store_n(&header->tp_status, std::uint32_t{TP_STATUS_KERNEL}, __ATOMIC_RELEASE);
   }
 }
 
 int main(int argc, char** argv) {
-  if (argc != 4) {
-    std::fprintf(stderr, "usage: %s DEVICE PORT COUNT\n", argv[0]);
-    return 2;
-  }
-  struct sigaction ending = {};
-  ending.sa_handler = end_soon;
-  sigaction(SIGTERM, &ending, nullptr);
-  const auto port = static_cast<std::uint16_t>(std::strtoul(argv[2], nullptr, 10));
   findings found = {};
-  found.seen.resize(std::strtoul(argv[3], nullptr, 10));
-  const packet_ring ring = open_packet_ring(argv[1], slots, slot_bytes);
-  std::printf("ready\n");
-  std::fflush(stdout);
-
+  found.seen.resize(number_argument(argc, argv, 3, usage));
+  const std::uint32_t port = number_argument(argc, argv, 2, usage);
+  const ring frames = open_ring(argv[1]);
+  run_until_told();
   unsigned next = 0;
   while (told_to_end == 0) {
-    look_at_all(ring, &next, port, &found);
+    look_at_all(frames, &next, port, &found);
     const timespec interval = {0, 200000};
     nanosleep(&interval, nullptr);
   }
-  look_at_all(ring, &next, port, &found);
-  const std::uint64_t unchecked = ring_drops(ring);
-  std::uint64_t absent = 0;
-  for (const bool seen : found.seen) absent += seen ? 0 : 1;
-  const std::uint64_t missing = absent > unchecked ? absent - unchecked : 0;
-  std::printf("checked %llu unchecked %llu missing %llu repeated %llu damaged %llu\n",
-              static_cast<unsigned long long>(found.checked), static_cast<unsigned long long>(unchecked),
-              static_cast<unsigned long long>(missing), static_cast<unsigned long long>(found.repeated),
-              static_cast<unsigned long long>(found.damaged));
+  look_at_all(frames, &next, port, &found);
+  tpacket_stats stats = {};
+  socklen_t size = sizeof stats;
+  if (getsockopt(frames.socket_fd, SOL_PACKET, PACKET_STATISTICS, &stats, &size) != 0) fail("statistics");
+  const auto absent = static_cast<std::uint64_t>(std::count(found.seen.begin(), found.seen.end(), false));
+  const std::uint64_t missing = absent > stats.tp_drops ? absent - stats.tp_drops : 0;
+  std::printf("checked %llu unchecked %u missing %llu repeated %llu damaged %llu\n",
+              static_cast<unsigned long long>(found.checked), stats.tp_drops, static_cast<unsigned long long>(missing),
+              static_cast<unsigned long long>(found.repeated), static_cast<unsigned long long>(found.damaged));
 }

@@ -1,98 +1,116 @@
-"""Running one program and finding out what it cost; helpers at the far end."""
+"""Running one program and finding out what it cost; helpers beside it."""
 
+import contextlib
 import dataclasses
 import os
 import pathlib
+import re
+import select
 import signal
 import subprocess
 import tempfile
 import time
 
-from harness import programs
+from harness.lab import FAR_CPU, NEAR_CPU
 
-SENDER_CPU = 0
-FAR_CPU = 1
-PATIENCE_SECONDS = 5
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+TEST_PORT, CLIENT_PORT, IPERF_PORT = 8004, 8003, 5201
+GIVE_UP_SECONDS = 200
+
+
+def bare(name):
+    return str(ROOT / "build" / "bench" / "bench" / name)
 
 
 @dataclasses.dataclass
 class Cost:
     wall: float  # seconds
     cpu: float  # seconds, user and system
-    memory_kb: int  # peak resident
     status: int
 
 
-class Measured:
-    """A program under way in a namespace for the length of a `with`. What it prints goes to files, one for each stream,
-    so that no reader takes processor time from it."""
+@contextlib.contextmanager
+def pinned(cpu):
+    """What is started meanwhile stays on that core."""
+    ours = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, {cpu})
+    try:
+        yield
+    finally:
+        os.sched_setaffinity(0, ours)
 
-    def __init__(self, lab, argv, cpu=SENDER_CPU, runs=1, stop_after=0):
-        self.directory = tempfile.TemporaryDirectory()
-        folder = pathlib.Path(self.directory.name)
-        self.report, self.output, self.errors = folder / "report", folder / "output", folder / "errors"
-        measure = [programs.bare("measure"), str(self.report), str(cpu), str(runs), str(stop_after), *argv]
-        with open(self.output, "wb") as output, open(self.errors, "wb") as errors:
-            self.process = subprocess.Popen(lab.command(lab.near, measure), stdin=subprocess.DEVNULL, stdout=output,
-                                            stderr=errors, start_new_session=True)
+
+class Running:
+    """A program under way on a host for the length of a `with`. What it prints goes to a file, so that no reader takes
+    processor time from it. Started without a copy of this process, it costs what it costs from a shell."""
+
+    def __init__(self, host, argv, cpu=NEAR_CPU):
+        self.output = tempfile.TemporaryFile()
+        streams = [(os.POSIX_SPAWN_OPEN, 0, "/dev/null", os.O_RDONLY, 0),
+                   *((os.POSIX_SPAWN_DUP2, self.output.fileno(), stream) for stream in (1, 2))]
+        with host, pinned(cpu):
+            self.started = time.monotonic()
+            self.process = os.posix_spawnp(argv[0], argv, os.environ, file_actions=streams, setsid=True)
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
-        self._stop()
-        self.directory.cleanup()
+        if self.process:
+            self.signal(signal.SIGKILL)
+            os.waitpid(self.process, 0)
+        self.output.close()
 
-    def finish(self, give_up_after=None):
-        """(costs, output); costs are empty when the program had to be given up."""
-        try:
-            self.process.wait(give_up_after)
-        except subprocess.TimeoutExpired:
-            self._stop()
-            return [], self._printed()
-        costs = [_cost(line) for line in self.report.read_text().splitlines()] if self.report.exists() else []
-        return costs, self._printed()
+    def signal(self, number):
+        os.killpg(self.process, number)
 
-    def _printed(self):
-        return self.output.read_text(errors="replace") + self.errors.read_text(errors="replace")
-
-    def _stop(self):
-        """The launcher passes SIGTERM on and waits for its program. One that does not listen is killed with it: they
-        have a session to themselves."""
-        if self.process.poll() is not None:
-            return
-        self.process.terminate()
-        try:
-            self.process.wait(PATIENCE_SECONDS)
-        except subprocess.TimeoutExpired:
-            os.killpg(self.process.pid, signal.SIGKILL)
-            self.process.wait()
+    def finish(self, give_up_after=GIVE_UP_SECONDS):
+        """(cost, output); the cost is None when the program had to be given up."""
+        descriptor = os.pidfd_open(self.process)
+        in_time = select.select([descriptor], [], [], give_up_after)[0]
+        os.close(descriptor)
+        if not in_time:
+            self.signal(signal.SIGKILL)
+        _, status, used = os.wait4(self.process, 0)
+        cost = Cost(time.monotonic() - self.started, used.ru_utime + used.ru_stime, os.waitstatus_to_exitcode(status))
+        self.process = None
+        self.output.seek(0)
+        return cost if in_time else None, self.output.read().decode(errors="replace")
 
 
-def _cost(line):
-    wall, user, system, memory_kb, status = line.split()
-    return Cost(float(wall), float(user) + float(system), int(memory_kb), int(status))
+def run_measured(host, argv):
+    with Running(host, argv) as running:
+        return running.finish()
 
 
-def run_measured(lab, argv, give_up_after=None, **how):
-    """One run: (cost or None, output)."""
-    with Measured(lab, argv, **how) as measured:
-        costs, text = measured.finish(give_up_after)
-    return (costs[0] if costs else None), text
+# A process that this one started would inherit our own peak; a small one in between does not.
+MEASURE_MEMORY = ["time", "--quiet", "-f", "peak %M kB"]
+
+
+def peak_memory_kb(text):
+    found = re.search(r"^peak (\d+) kB$", text, re.MULTILINE)
+    return int(found.group(1)) if found else None
 
 
 class Helper:
-    """A program at the far end, or in another namespace, for the length of a `with`; `end()` stops it and returns what
-    it printed."""
+    """A program beside the measured one for the length of a `with`; `end()` stops it and returns what it printed. It is
+    ready when it holds `port`, or without one when it has printed a line."""
 
-    def __init__(self, lab, argv, port=None, cpu=FAR_CPU, namespace=None):
-        self.lab, self.port = lab, port
-        self.text = None
-        self.process = subprocess.Popen(lab.command(namespace or lab.far, argv, cpu), stdin=subprocess.DEVNULL,
-                                        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    def __init__(self, host, argv, port=None, cpu=FAR_CPU):
+        self.host, self.argv, self.port, self.cpu, self.text = host, argv, port, cpu, None
 
     def __enter__(self):
-        self._wait_until_ready()
+        with self.host, pinned(self.cpu):
+            self.process = subprocess.Popen(self.argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                            stderr=subprocess.STDOUT, text=True, start_new_session=True)
+        deadline = time.monotonic() + 5
+        if self.port is None:
+            self.process.stdout.readline()
+        while self.port and not any(self.host.has_port(self.port, table) for table in ("udp", "tcp", "tcp6")):
+            if time.monotonic() > deadline:
+                self.end()
+                raise RuntimeError(f"{self.argv[0]} did not start: {self.text}")
+            time.sleep(0.01)
         return self
 
     def __exit__(self, *_):
@@ -104,13 +122,24 @@ class Helper:
             self.text = self.process.communicate()[0]
         return self.text
 
-    def _wait_until_ready(self):
-        """A bare loop says so; of another program we see its port appear."""
-        if self.port is None:
-            self.process.stdout.readline()
-            return
-        for _ in range(200):
-            if self.lab.far_port_is_bound(self.port):
-                return
-            time.sleep(0.01)
-        raise RuntimeError("the far end did not start")
+
+def far_end(host, row):
+    """Who answers the row, or receives what it sends, for the length of a `with`."""
+    if not row.far_end:
+        return contextlib.nullcontext()
+    command, port = {
+        "vorn": ([row.vorn, "--server"], TEST_PORT),
+        "monitor": ([bare("bare_monitor"), str(TEST_PORT), "1000", "1"], None),
+        "segments": ([bare("bare_monitor"), str(TEST_PORT), "1000", "64"], None),
+        "sink": ([bare("bare_receiver"), str(TEST_PORT)], None),
+        "iperf3": (["iperf3", "--server", "--one-off"], IPERF_PORT),
+    }[row.far_end]
+    return Helper(host, command, port)
+
+
+@contextlib.contextmanager
+def busy_cores(host):
+    with contextlib.ExitStack() as stack:
+        for cpu in sorted(os.sched_getaffinity(0)):
+            stack.enter_context(Helper(host, ["sh", "-c", "echo; while :; do :; done"], cpu=cpu))
+        yield

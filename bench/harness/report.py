@@ -1,8 +1,18 @@
 """Results as Markdown, which also reads well on a terminal."""
 
 import datetime
+import json
+import os
+import re
+import statistics
+import subprocess
 
-from harness import figures, programs
+from harness.measuring import ROOT
+
+STORE = ROOT / "build" / "bench" / "results"
+VERSIONS = {"fping": ["fping", "--version"], "ping": ["ping", "-V"], "iperf3": ["iperf3", "--version"],
+            "hping3": ["hping3", "--version"], "g++": ["g++", "-dumpfullversion"]}
+ROLES = ("vorn", "before", "bare", "peer")
 
 
 def grid(titles, lines):
@@ -12,69 +22,72 @@ def grid(titles, lines):
     return "\n".join("| " + " | ".join(cell.ljust(width) for cell, width in zip(row, widths)) + " |" for row in rows)
 
 
-def spread_text(spread, digits, scale=1.0):
-    if spread is None:
+def spread_text(values, column):
+    """The median, and the lowest and the highest round."""
+    if not values:
         return "-"
-    middle, low, high = (f"{value * scale:.{digits}f}" for value in (spread.median, spread.lowest, spread.highest))
+    figures = (statistics.median(values), min(values), max(values))
+    middle, low, high = (f"{value * column.scale:.{column.digits}f}" for value in figures)
     return middle if low == high else f"{middle} ({low}-{high})"
 
 
-def case_grid(results, table, case):
-    lines = [[row.program] + [spread_text(results.spread(case, row, column.figure), column.digits, column.scale)
-                              for column in table.columns] for row in case.rows if results.has(case, row)]
-    return grid(["program"] + [column.title for column in table.columns], lines)
-
-
-COMPARISONS = {"Vorn to the best peer": ("vorn", "peer"), "Vorn to the bare loop": ("vorn", "bare"),
-               "the bare loop to the best peer": ("bare", "peer")}
-
-
-def ratio_grid(results, table, case):
-    """Vorn, and the floor it stands on, against the best peer; paired round by round."""
-    lines = []
+def case_text(results, case):
+    table = results.table
+    lines = [[row.program, *(spread_text(results.values(case, row, column.figure), column)
+                             for column in table.columns)] for row in case.rows]
+    text = [f"### {case.title}", grid(["program", *(column.title for column in table.columns)], lines)]
     for figure, more_is_better in table.compared.items():
-        found = [figures.ratio(results, table, case, figure, *roles) for roles in COMPARISONS.values()]
-        if not any(found):
-            continue
-        title = next(column.title for column in table.columns if column.figure == figure)
-        shown = [f"{spread_text(ratio.spread, 3)} of {ratio.to}" if ratio else "-" for ratio in found]
-        lines.append([title, "more" if more_is_better else "less", *shown])
-    return grid(["ratio of", "better", *COMPARISONS], lines) if lines else ""
+        for row in (row for row in case.rows if row.role == "vorn"):
+            ratios = [results.ratio(case, row, figure, role) for role in ROLES[1:]]
+            shown = ", ".join(f"{ratio[0]:.3f} of {ratio[1]}" for ratio in ratios if ratio)
+            if shown:
+                text.append(f"{row.program}, {table.column(figure).title} "
+                            f"({'more' if more_is_better else 'less'} is better): {shown}")
+    return "\n\n".join(text + [f"**missed:** {goal}" for goal in results.missed(case)[0]])
 
 
-def table_text(results, table):
-    parts = [f"## {table.title}", table.about]
-    for case in table.cases:
-        parts += [f"### {case.title}", case_grid(results, table, case), ratio_grid(results, table, case)]
-    return "\n\n".join(part for part in parts if part)
+def table_text(results):
+    parts = [f"## {results.table.title}", results.table.about]
+    return "\n\n".join([*parts, *(case_text(results, case) for case in results.table.cases)]) + "\n"
 
 
-def verdicts(results, table):
-    return [verdict for case in table.cases for goal in case.goals
-            for verdict in figures.verdicts(results, table, case, goal)]
+# ---- one page of all that was measured last
+
+def page_lines(results):
+    """A line for each case: the table's first figure of Vorn and of what it is held against."""
+    for case in results.table.cases:
+        column = results.table.column(next(iter(results.table.compared)))
+        row = next(row for row in case.rows if row.role == "vorn")
+        cells = []
+        for role in ROLES:
+            other = row if role == "vorn" else results.partners(case, row, column.figure, role)
+            shown = other and spread_text([results.median(case, other, column.figure)], column)
+            cells.append(f"{shown} ({other.program})" if other and role == "peer" else shown or "-")
+        missed, count = results.missed(case)
+        yield [f"{results.table.name}: {case.title}", column.title, *cells,
+               "; ".join(missed) or ("all met" if count else "-")]
 
 
-def verdict_grid(all_results):
-    lines = [[table.name, verdict.case, verdict.asked, verdict.reached, "yes" if verdict.met else "**no**"]
-             for table, results in all_results for verdict in verdicts(results, table)]
-    return grid(["table", "case", "goal", "reached", "met"], lines) if lines else ""
+def keep(results):
+    """For the page: the last measurement of each case counts."""
+    STORE.mkdir(parents=True, exist_ok=True)
+    for line in page_lines(results):
+        (STORE / re.sub(r"\W+", "-", line[0])).with_suffix(".json").write_text(json.dumps(line), encoding="utf-8")
 
 
-def complaints_text(complaints):
-    return "\n".join(f"- {complaint}" for complaint in complaints)
+def page(tables):
+    titles = [f"{table.name}: {case.title}" for table in tables for case in table.cases]
+    files = [(STORE / re.sub(r"\W+", "-", title)).with_suffix(".json") for title in titles]
+    lines = [json.loads(file.read_text(encoding="utf-8")) for file in files if file.exists()]
+    return grid(["case", "figure", "Vorn", "before", "bare loop", "best other tool", "goals"], lines)
 
 
-def document(all_results, machine, rounds, complaints):
-    """The whole of RESULTS.md."""
-    facts = {**machine, **programs.versions(), "date": datetime.date.today().isoformat(), "rounds": str(rounds)}
-    parts = [
-        "# Benchmark results",
-        "Written by `bench/run`. Rows are interleaved round by round; figures are medians, with the lowest and the "
-        "highest round in brackets; ratios are taken within each round.",
-        grid(["what", "value"], [list(item) for item in facts.items()]),
-        "## Goals", verdict_grid(all_results),
-    ]
-    parts += [table_text(results, table) for table, results in all_results]
-    if complaints:
-        parts += ["## Runs without figures", complaints_text(complaints)]
-    return "\n\n".join(parts) + "\n"
+def machine():
+    with open("/proc/cpuinfo", encoding="utf-8") as table:
+        model = re.search(r"model name\s*: (.*)", table.read()).group(1)
+    shown = [f"{model}, {os.cpu_count()} cores, Linux {os.uname().release.split('-')[0]}, "
+             f"load {os.getloadavg()[0]:.2f} at the start, {datetime.date.today()}"]
+    for program, command in VERSIONS.items():
+        told = subprocess.run(command, check=False, capture_output=True, text=True)
+        shown.append(program + " " + re.search(r"\d[\w.-]+", told.stdout + told.stderr).group(0))
+    return ", ".join(shown)

@@ -2,30 +2,32 @@
 alone."""
 
 import dataclasses
-import pathlib
+import os
+import re
+import signal
+import socket
 import struct
 import tempfile
+import time
 
-from harness import programs
-from harness.lab import LINK
+import dpkt
+
+from harness.lab import DEVICE, FAR_ADDRESS, FAR_CPU, NEAR_ADDRESS
 from harness.measuring import Helper
 
-ETHERNET_BYTES, IP_BYTES, UDP_BYTES = 14, 20, 8
-ICMP_PROTOCOL, UDP_PROTOCOL = 1, 17
-RECORD = struct.Struct("=qII64s")  # capture_record of capture.cpp
-ECHO_FIELDS = struct.Struct(">BxxxHH")  # type, identifier, sequence
-MESSAGE_FIELDS = struct.Struct(">IIIII")  # type, process, batch, sequence, length
 ICMP_REPLY, ICMP_REQUEST = 0, 8
 UDP_REQUEST, UDP_REPLY, UDP_DATA = 1, 2, 3
+MESSAGE = struct.Struct(">IIIII")  # type, process, batch, sequence, length
+KEPT_BYTES, RING_KILOBYTES = 96, 98304
 
 
 @dataclasses.dataclass(slots=True, frozen=True)
 class Packet:
-    """A test packet. ICMP has no batch; of other programs' UDP packets only the stamp and the ports mean anything."""
+    """A test packet. ICMP has no batch; of other programs' UDP packets only the stamp and the port mean anything."""
 
     nsec: int
     sent: bool  # by the end where the capture was taken
-    protocol: int
+    udp: bool
     port: int  # destination, UDP only
     kind: int
     batch: int
@@ -33,46 +35,55 @@ class Packet:
 
 
 class Capture:
-    """Takes down what passes the near or the far end's device for the length of a `with`; `packets()` ends it."""
+    """What passes the near or the far end's device for the length of a `with`. tcpdump stands still meanwhile: the
+    kernel fills its ring within the calls that carry the frames, and nobody's processor time is taken."""
 
-    def __init__(self, lab, end, frames):
+    def __init__(self, lab, end):
         self.directory = tempfile.TemporaryDirectory()
-        self.file = pathlib.Path(self.directory.name) / "capture"
-        argv = [programs.bare("capture"), LINK, str(frames), str(self.file)]
-        self.helper = Helper(lab, argv, namespace=lab.near if end == "near" else lab.far)
+        self.file = os.path.join(self.directory.name, "capture")
+        self.address = socket.inet_aton(NEAR_ADDRESS if end == "near" else FAR_ADDRESS)
+        command = ["tcpdump", "-i", DEVICE, "-Z", "root", "--immediate-mode", "--nano", "-s", str(KEPT_BYTES), "-B",
+                   str(RING_KILOBYTES), "-U", "-w", self.file]
+        self.helper = Helper(lab.near if end == "near" else lab.far, command, cpu=FAR_CPU)
 
     def __enter__(self):
         self.helper.__enter__()
+        self.helper.process.send_signal(signal.SIGSTOP)
         return self
 
     def __exit__(self, *_):
+        self.helper.process.send_signal(signal.SIGCONT)
         self.helper.end()
         self.directory.cleanup()
 
     def packets(self):
         """In the order of capture; None when one was missed, as nothing can be judged then."""
-        report = self.helper.end().split()
-        if report[2:] != ["missed", "0"]:
+        self.helper.process.send_signal(signal.SIGCONT)
+        written = -1
+        while written != (written := os.path.getsize(self.file)):  # the ring is not empty yet
+            time.sleep(0.2)
+        report = self.helper.end()
+        captured, received, dropped = (int(number) for number in re.findall(r"^(\d+) packets", report, re.MULTILINE))
+        if dropped or captured != received:
             return None
-        return [packet for record in RECORD.iter_unpack(self.file.read_bytes()) for packet in packets_of(*record)]
+        with open(self.file, "rb") as file:
+            return [packet for stamp, frame in dpkt.pcap.Reader(file)
+                    for packet in packets_of(int(stamp * 1000000000), dpkt.ethernet.Ethernet(frame).data, self.address)]
 
 
-def packets_of(nsec, frame_bytes, sent, data):
+def packets_of(nsec, ip, own_address):
     """The test packets of one frame: none, one, or as many as a sender laid side by side to be split by its device."""
-    ip = data[ETHERNET_BYTES:]
-    if data[12:14] != b"\x08\x00" or ip[0] != 0x45:
+    if not isinstance(ip, dpkt.ip.IP):
         return []
-    payload = ip[IP_BYTES:]
-    if ip[9] == ICMP_PROTOCOL:
-        kind, _, sequence = ECHO_FIELDS.unpack_from(payload)
-        return [Packet(nsec, bool(sent), ICMP_PROTOCOL, 0, kind, 0, sequence)]
-    if ip[9] != UDP_PROTOCOL:
+    sent, carried = ip.src == own_address, ip.data
+    if isinstance(carried, dpkt.icmp.ICMP) and isinstance(carried.data, dpkt.icmp.ICMP.Echo):
+        return [Packet(nsec, sent, False, 0, carried.type, 0, carried.data.seq)]
+    if not isinstance(carried, dpkt.udp.UDP) or len(carried.data) < MESSAGE.size:
         return []
-    port = int.from_bytes(payload[2:4], "big")
-    kind, _, batch, sequence, length = MESSAGE_FIELDS.unpack_from(payload, UDP_BYTES)
-    carried = frame_bytes - ETHERNET_BYTES - IP_BYTES - UDP_BYTES
-    count = carried // length if kind == UDP_DATA and 0 < length < carried else 1
-    return [Packet(nsec, bool(sent), UDP_PROTOCOL, port, kind, batch, sequence + i) for i in range(count)]
+    kind, _, batch, sequence, length = MESSAGE.unpack_from(carried.data)
+    whole = ip.len - ip.hl * 4 - 8
+    count = whole // length if kind in (UDP_REQUEST, UDP_DATA) and 0 < length < whole else 1
+    return [Packet(nsec, sent, True, carried.dport, kind, batch, sequence + i) for i in range(count)]
 
 
 # ---- a batch
@@ -81,7 +92,7 @@ def batches_in(packets):
     """{batch: {sequence: nsec of its first arrival}} of the streams in `packets`."""
     batches = {}
     for packet in packets:
-        if packet.protocol == UDP_PROTOCOL and packet.kind == UDP_DATA:
+        if packet.udp and packet.kind == UDP_DATA:
             batches.setdefault(packet.batch, {}).setdefault(packet.sequence, packet.nsec)
     return batches
 
@@ -117,11 +128,11 @@ def playout_msec(arrivals, delay_usec):
 # ---- round trips
 
 def is_request(packet):
-    return packet.sent and packet.kind == (ICMP_REQUEST if packet.protocol == ICMP_PROTOCOL else UDP_REQUEST)
+    return packet.sent and packet.kind == (UDP_REQUEST if packet.udp else ICMP_REQUEST)
 
 
 def is_reply(packet):
-    return not packet.sent and packet.kind == (ICMP_REPLY if packet.protocol == ICMP_PROTOCOL else UDP_REPLY)
+    return not packet.sent and packet.kind == (UDP_REPLY if packet.udp else ICMP_REPLY)
 
 
 def round_trips_usec(packets):

@@ -1,0 +1,87 @@
+"""Measures Vorn beside the tools a user would take instead, beside bare loops that only make the system calls the job
+needs, and against a capture. Everything is sent over loopback or between two namespaces made for the purpose.
+
+Rounds go through all tables asked for, so that a slow minute of the machine does not fall on one row alone. Figures are
+medians, with the lowest and the highest round in brackets; ratios are taken within each round. --page prints a line for
+each case as it was measured last.
+"""
+
+import argparse
+import os
+import signal
+import sys
+
+from harness import report
+from harness.figures import Results, with_before
+from harness.lab import FAR_CPU, standing_lab
+from harness.tables import TABLES as SPEED_TABLES
+from harness.truth_tables import TRUTH_TABLES
+
+TABLES = {**TRUTH_TABLES, **SPEED_TABLES}
+
+
+class Bench:
+    """What the jobs share: the lab and whether to be quick."""
+
+    def __init__(self, lab, quick):
+        self.lab, self.quick = lab, quick
+
+    def pick(self, full, quick):
+        return quick if self.quick else full
+
+    def complain(self, case, row, text):
+        last_line = next((line for line in reversed(text.splitlines()) if line.strip()), "no output")
+        print(f"no figures: {case.title}, {row.program}: {last_line.strip()[:200]}", file=sys.stderr)
+
+
+def run_round(bench, results, number):
+    """Each round begins with another row, so that none is always first."""
+    for case in results.table.cases:
+        first = number % len(case.rows)
+        bench.lab.answer_from_cpu(FAR_CPU if case.setting.get("answers") == "other core" else None)
+        for row in case.rows[first:] + case.rows[:first]:
+            results.add(case, row, results.table.job(bench, case, row))
+
+
+def read_arguments():
+    parser = argparse.ArgumentParser(prog="bench/run", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("tables", nargs="*", metavar="TABLE", help=f"of {', '.join(TABLES)}; without one, all of them")
+    parser.add_argument("--case", default="", help="only cases whose title contains this")
+    parser.add_argument("--before", default="", metavar="PATH", help="an earlier Vorn, for rows beside those of this")
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--quick", action="store_true", help="shorter runs, to try the benchmark itself")
+    parser.add_argument("--page", action="store_true", help="measure nothing, print the page of all that was")
+    arguments = parser.parse_args()
+    if unknown := set(arguments.tables) - set(TABLES):
+        parser.error(f"no such table: {', '.join(unknown)}")
+    return arguments
+
+
+def main():
+    arguments, vorn = read_arguments(), os.path.abspath(os.environ["VORN"])
+    tables = [TABLES[name](vorn, arguments.quick) for name in arguments.tables or TABLES]
+    if arguments.page:
+        print(report.page(tables))
+        return
+    signal.signal(signal.SIGTERM, signal.default_int_handler)  # by way of every `with`
+    machine = report.machine()
+    for table in tables:
+        table.cases[:] = [with_before(case, vorn, os.path.abspath(arguments.before)) if arguments.before else case
+                          for case in table.cases if arguments.case in case.title]
+    all_results = [Results(table) for table in tables]
+    with standing_lab() as lab:
+        bench = Bench(lab, arguments.quick)
+        for number in range(arguments.rounds):
+            for results in all_results:
+                if number < (results.table.rounds or arguments.rounds):
+                    print(f"round {number + 1}: {results.table.name}", file=sys.stderr, flush=True)
+                    run_round(bench, results, number)
+    print(machine)
+    for results in all_results:
+        report.keep(results)
+        print(report.table_text(results))
+
+
+if __name__ == "__main__":
+    main()
