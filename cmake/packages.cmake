@@ -57,6 +57,7 @@ and saved output of vorn as PNG, SVG or a page for a report: latency, loss
 and outages over the clock, guaranteed rate, distributions, trends. The same
 figures can be printed as text.
 .
+vorn-line measures what a line carries each way and how it feels under load.
 vorn-check holds one run against limits, for a monitoring system or for
 Prometheus. vorn-mesh measures every pair of an Ansible inventory over ssh.")
 

@@ -38,8 +38,8 @@ class Way:
 
     @property
     def end(self) -> dict[str, str]:
-        # A bucket of a millisecond: a timer that comes late must not cost rate.
-        bucket = max(2 * FRAME_BYTES, round(self.mbps * 1000 / 8))
+        # A bucket of five milliseconds: on a busy machine timers come late, and that must not cost rate.
+        bucket = max(2 * FRAME_BYTES, round(self.mbps * 5000 / 8))
         return {"rate": f"{round(self.mbps * 1e6)}bit", "queue": f"burst {bucket} limit {self.queue_bytes}"}
 
 

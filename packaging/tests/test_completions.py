@@ -12,7 +12,7 @@ QUOTED = shlex.quote(str(COMPLETIONS))
 HOSTS = ("gauge-one.example", "gauge-two.example", "solo.example")
 FUNCTIONS = r"""
     note() { printf '%s\n' "$@" >.arguments; echo noted; }
-    for command in vorn vorn-check vorn-mesh vorn-plot vorn-record; do eval "$command() "'{ note "$@"; }'; done
+    for command in vorn vorn-check vorn-line vorn-mesh vorn-plot vorn-record; do eval "$command() "'{ note "$@"; }'; done
 """
 
 SHELLS = {
@@ -93,6 +93,7 @@ def test_words_reach_the_command_as_it_reads_them(terminal):
         "vorn-record --ev\t5 -- -d\t5": ["--every", "5", "--", "-d5"],
         "vorn-record -o rep\tmon\t -- --cl\tsol\t": ["-o", "reports/monday.txt", "--", "--client", "solo.example"],
         "vorn-check --rt\t1:5 --js\t -- --cl\tsol\t": ["--rtt-p95", "1:5", "--json", "--", "--client", "solo.example"],
+        "vorn-line --qu\t--into rep\tmon\t sol\t": ["--quick", "--into", "reports/monday.txt", "solo.example"],
         "vorn-mesh -i rep\tmon\t --str\t-c": ["-i", "reports/monday.txt", "--stream", "-c"],
     }
     for typed, arguments in given.items():

@@ -1,0 +1,23 @@
+# bash completion for vorn-line(1)
+
+_vorn_line() {
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
+  COMPREPLY=()
+  case $previous in
+    -o | --into)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      return
+      ;;
+    --loss | --min-rate | --max-delay | --label) return ;;
+  esac
+  case $current in
+    -*)
+      mapfile -t COMPREPLY < <(compgen -W '--down --up --quick --loss --min-rate --max-delay --json -o --into --label
+        --help' -- "$current")
+      ;;
+    *) declare -F _known_hosts_real >/dev/null && _known_hosts_real -- "$current" ;;
+  esac
+}
+
+complete -F _vorn_line vorn-line
