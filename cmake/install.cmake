@@ -29,7 +29,11 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vorn-server.service DESTINATION lib/sy
 install(FILES service/vorn.ufw DESTINATION ${configuration_dir}/ufw/applications.d RENAME vorn)
 install(FILES service/vorn.nft service/90-vorn.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES README.md LICENSE CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES man/vorn.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 if(VORN_STATIC)
   install(FILES packaging/INSTALL DESTINATION ${CMAKE_INSTALL_DOCDIR})
 endif()
+
+add_custom_target(uninstall COMMAND ${CMAKE_COMMAND} -Dprefix=${CMAKE_INSTALL_PREFIX}
+                  -P ${CMAKE_CURRENT_SOURCE_DIR}/cmake/uninstall.cmake VERBATIM)
