@@ -1,12 +1,13 @@
-# The companions: a wheel, unpacked into companions/ of the build folder, where scripts/lab takes its commands from; and
-# how `cmake --install` installs that wheel. Whoever has no setuptools builds the program alone.
+# The companions: a wheel, unpacked into companions/ of the build folder, where scripts/lab takes its commands from.
+# Whoever has no setuptools builds the program alone.
 #
 # Nothing is written beside the sources: what was built by root would be in the way later.
 
-if(CMAKE_CROSSCOMPILING)  # they are the same for all processors
+option(VORN_COMPANIONS "Build the companions, where this Python can" ON)
+if(NOT VORN_COMPANIONS OR CMAKE_CROSSCOMPILING)  # they are the same for all processors
   return()
 endif()
-set(VORN_PYTHON /usr/bin/python3 CACHE FILEPATH "The Python that the companions are built and installed with")
+set(VORN_PYTHON /usr/bin/python3 CACHE FILEPATH "The Python that the companions are built with")
 execute_process(COMMAND ${VORN_PYTHON} -c "import setuptools, wheel, pip"
                 RESULT_VARIABLE failed OUTPUT_QUIET ERROR_QUIET)
 if(failed)
@@ -31,13 +32,3 @@ add_custom_command(OUTPUT ${wheel}
   COMMENT "Building the companions"
   VERBATIM)
 add_custom_target(companions ALL DEPENDS ${wheel})
-
-# Debian's Python installs for the administrator, below local/, unless it is told that this is the system's own.
-configure_file(cmake/install_companions.cmake.in install_companions.cmake @ONLY)
-install(SCRIPT ${CMAKE_CURRENT_BINARY_DIR}/install_companions.cmake COMPONENT plot)
-foreach(command vorn-check vorn-line vorn-mesh vorn-plot vorn-record)
-  install(FILES man/${command}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT plot)
-  install(FILES completions/${command}.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-          RENAME ${command} COMPONENT plot)
-  install(FILES completions/_${command} DESTINATION ${VORN_ZSH_DIR} COMPONENT plot)
-endforeach()

@@ -1,10 +1,13 @@
-"""The network of the README's tour, for scripts/lab and scripts/examples: user - r1 - r2 - r3 - target.
+"""The network of the documents' examples, for scripts/lab and scripts/examples: user - r1 - r2 - r3 - target.
 
 r1 also stands for three more hosts on the user's link, so that a sweep of it finds 10.77.0.1 to 10.77.0.5.
 """
 
 import contextlib
+import os
+import shutil
 import subprocess
+import sys
 import time
 
 from network import End, Link, chain, standing
@@ -34,3 +37,12 @@ def tour(vorn):
                     raise RuntimeError(f"the monitor on {name} did not start")
                 time.sleep(0.01)
         yield hosts["user"]
+
+
+def become_root(script):
+    """Goes on as root, by sudo where it takes that: namespaces need it."""
+    if os.geteuid() == 0:
+        return
+    if not shutil.which("sudo"):
+        sys.exit("Network namespaces need root: run it as root, or install sudo")
+    os.execvp("sudo", ["sudo", script, *sys.argv[1:]])

@@ -23,8 +23,8 @@ enum class value_kind : std::uint8_t {
 struct option_rule {
   char letter;
   value_kind kind;
-  std::uint32_t value_or_default;       // what a flag sets, or what stands in for a missing number
-  std::uint32_t test_settings::*field;  // where the value or the number goes; null = the action does it
+  std::uint32_t value_or_default;        // what a flag sets, or what stands in for a missing number
+  std::uint32_t test_settings::* field;  // where the value or the number goes; null = the action does it
   option_action action;
 };
 

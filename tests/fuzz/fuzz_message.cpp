@@ -1,8 +1,8 @@
 // The reader of test messages in its three roles, commands and their execution included.
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include "net/message_handler.h"
 #include "engine/batch_progress.h"
+#include "net/message_handler.h"
 #include "support/workbench.h"
 
 // Who reads, then the messages.

@@ -73,8 +73,7 @@ TEST(Burst, GoesOnOneByOneWhereTheKernelDoesNotCut) {
     EXPECT_EQ(refusals, 1) << error;  // it does not ask again
     EXPECT_EQ(run.text.find("Err-"), std::string::npos);
   }
-  blast(
-      "-u -l100 -i -d1 -e1000", [](bool side_by_side) { return side_by_side ? ADD_FAILURE(), 0 : 0; }, true);
+  blast("-u -l100 -i -d1 -e1000", [](bool side_by_side) { return side_by_side ? ADD_FAILURE(), 0 : 0; }, true);
 }
 
 TEST(Burst, RefusedPacketsAreTold) {

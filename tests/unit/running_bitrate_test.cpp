@@ -1,5 +1,4 @@
 #include "report/summary.h"
-
 #include "support/expect.h"
 
 static std::string bitrate(const workbench& b) {
