@@ -1,5 +1,10 @@
 # A monitor: what it streams, and what broken or hostile senders may do to it, after which it still serves.
-from lab import *
+import os, re, signal, socket, struct, time
+
+import pytest
+from lab import (
+    COMMAND, DATA, ECHO_REPLY, ECHO_REQUEST, LOCAL_PORT, LOOPBACK, OPERATION, REMOTE_PORT, command, header, message,
+    shape, udp)
 
 SERVER = (LOOPBACK, REMOTE_PORT)
 
