@@ -1,10 +1,8 @@
 # The laboratory of the end-to-end tests: the networks of lab/network.py, the program in them, a peer that follows a
 # script, and what the program sends and prints. Nothing is left behind, however a test ends.
-import contextlib, fcntl, os, re, select, shutil, signal, socket, struct, subprocess, sys, tempfile, threading, time
+import contextlib, fcntl, os, re, select, socket, struct, subprocess, sys, tempfile, threading, time
 from collections import namedtuple
 from pathlib import Path
-
-import pytest
 
 LABORATORY = str(Path(__file__).parents[2] / "lab")
 sys.path.insert(0, LABORATORY)
@@ -133,17 +131,10 @@ class Lab(contextlib.ExitStack):
             made.connect((to, REMOTE_PORT))
         return made
 
-
     # Sends packets as they are, whoever they claim to come from.
     def raw_socket(self, at):
         with at:
             return self.own(socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW))
-
-
-@pytest.fixture
-def lab():
-    with Lab() as laboratory:
-        yield laboratory
 
 
 # ---- the scripted peer on a TUN device ----

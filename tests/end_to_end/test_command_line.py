@@ -1,5 +1,8 @@
 # Refusals with their words, stream and status, the usage text to the letter, and what ordinary users may do.
-from lab import *
+import os, shutil, signal, socket, subprocess, tempfile
+from pathlib import Path
+
+from lab import LOOPBACK, REMOTE_PORT, VORN, eventually, received, shape, summary
 
 USAGE = (Path(__file__).parent / "usage.txt").read_text().replace("%s", VORN)
 PRESETS = "Sending reporting to 127.0.0.1\n" + "".join(f"Engaging options: {options}\n" for options in (

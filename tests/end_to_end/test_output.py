@@ -1,5 +1,9 @@
 # Where the output goes: live, in order, into odd places, and whole rows only.
-from lab import *
+import os, re, shutil, signal
+
+import pytest
+from lab import (
+    HOST, LOCAL_PORT, LOOPBACK, REMOTE_PORT, TunPeer, error, eventually, received, reply, shape, summary, udp)
 
 CLIENT, END = "Engaging options: -c -u -s -d0 -l1500 -E50 -e1000\n", "Cleanup exit\n"
 SHORT = ("--client", LOOPBACK, "-e2", "-E3", "-d1000", "-T2000000000")

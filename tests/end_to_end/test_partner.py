@@ -1,5 +1,8 @@
 # UDP and TCP: echo against a monitor, the partner protocol of two copies, and partners that behave badly.
-from lab import *
+import re, signal, socket, struct, time
+
+import pytest
+from lab import DATA, LOOPBACK, OPERATION, REMOTE_PORT, header, message, received, shape, summary
 
 CLIENT, TO_HERE = "Engaging options: -c -u -s -d0 -l1500 -E50 -e1000\n", f"Destination IP = {LOOPBACK}\n"
 EMPTY = -1  # a datagram of no bytes, in place of a packet's number

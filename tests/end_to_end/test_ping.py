@@ -1,6 +1,9 @@
 # Echo mode over ICMP: what each kind of answer, or its absence, does to the lines, the counts and the pacing; the
 # sweep, traceroute, and sending without listening.
-from lab import *
+import re, struct
+
+import pytest
+from lab import HOST, LOOPBACK, error, eventually, icmp, received, reply, shape, summary, timed_out, unexpected
 
 SURE, BAD_CHECKSUM = "-T9000000", "Error: Received ICMP message with bad ICMP checksum\n"
 ALL, TTL, UNREACHABLE = "".join(map(received, range(3))) + summary(3, 3), "TTL Exceeded", "Destination Unreachable"

@@ -1,5 +1,10 @@
 # Stop signals in each mode and for the laboratory, and the progress line of SIGQUIT.
-from lab import *
+import contextlib, fcntl, os, re, signal, socket, sys, threading, time
+
+import pytest
+from lab import (
+    DATA, HOST, LABORATORY, LOCAL_PORT, LOOPBACK, OPERATION, REMOTE_PORT, TunPeer, command, eventually, header,
+    message, received, reply, shape, summary, timed_out)
 
 STOPS = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP]
 AT_ONCE = 10  # seconds; every run here would otherwise go on for a minute or more
