@@ -1,6 +1,6 @@
-#include "report/batch_judgement.h"
 #include "report/batch_line.h"
 
+#include "report/batch_judgement.h"
 #include "support/expect.h"
 
 static std::string line_of(const std::string& arguments, std::uint32_t number, bool bad = false) {

@@ -1,10 +1,10 @@
 #include "engine/loop.h"
-#include "engine/release.h"
 
 #include <algorithm>
 #include <csignal>
 
 #include "base/signals.h"
+#include "engine/release.h"
 #include "net/socket_wait.h"
 #include "report/summary.h"
 #include "support/expect.h"
