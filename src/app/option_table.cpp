@@ -10,7 +10,6 @@
 #include "app/host_address.h"
 #include "app/presets.h"
 #include "base/address_text.h"
-#include "base/cleanup_exit.h"
 #include "base/clock.h"
 #include "base/live_output.h"
 #include "base/settings.h"
@@ -58,8 +57,7 @@ bool name_results_file(const option_argument* argument, test_settings* /*setting
     std::fprintf(stderr, "Error: Expecting filename for -f\n");
     return false;
   }
-  close_unused_results_file();
-  call_at_exit(close_unused_results_file);
+  if (results_file != nullptr) std::fclose(results_file);  // of an earlier -f: the file stays
   results_filename = argument->text;
   results_file = open_results_table(results_filename, &results_file_is_new);
   if (results_file != nullptr) return true;

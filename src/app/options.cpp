@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 #include "app/host_address.h"
 #include "app/option_table.h"
@@ -21,11 +22,18 @@ constexpr std::uint32_t value_of_reserved = 36;  // travels in every command, th
 constexpr std::uint16_t default_local_port = 8003;
 constexpr std::uint16_t default_remote_port = 8004;
 
+// A C library of C23 takes 0b for the prefix of a binary number; here 0b11 is a 0 with something behind it, everywhere.
+bool looks_binary(std::string_view text) {
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
+  if (text.starts_with('+') || text.starts_with('-')) text.remove_prefix(1);
+  return text.starts_with("0b") || text.starts_with("0B");
+}
+
 // Decimal, hexadecimal after 0x, octal after 0; what follows the number is ignored. A number beyond 32 bits counts as
 // the largest, on every processor. False when there is no digit.
 bool read_number(const char* text, std::uint32_t* number_read) {
   char* end = nullptr;
-  const unsigned long long value = std::strtoull(text, &end, 0);
+  const unsigned long long value = std::strtoull(text, &end, looks_binary(text) ? 10 : 0);
   if (end == text) return false;
   *number_read = static_cast<std::uint32_t>(std::min<unsigned long long>(value, UINT32_MAX));
   return true;

@@ -16,6 +16,7 @@
 #include "net/socket_wait.h"
 #include "net/sockets.h"
 #include "net/tcp_connection.h"
+#include "report/results_files.h"
 #include "report/summary.h"
 #include "wire/remote_command.h"
 
@@ -31,6 +32,7 @@ void print_banner() {
 // The command carries both flags set; the commander itself waits for what comes back.
 void prepare_command(test_settings* settings, command_body* command) {
   if (settings->command_mode == 0) return;
+  call_at_exit(close_unused_results_file);
   build_remote_command(settings, command);
   settings->ignore_responses = 0;
   settings->unidirectional = 0;

@@ -15,7 +15,8 @@ bool duration_is_over(const test_settings* settings, const test_stats* stats, st
 
 // Read anew at each call, since a wait lies between.
 std::int64_t time_until_end(const test_settings* settings, const test_stats* stats) {
-  if (settings->duration_sec == 0) return std::numeric_limits<std::int64_t>::max();
+  const bool serves_on = is_monitor(settings) && settings->ignore_responses == 0;
+  if (settings->duration_sec == 0 || serves_on) return std::numeric_limits<std::int64_t>::max();
   const std::int64_t left = settings->duration_sec * usec_per_second - usec_between(stats->start_time, clock_now());
   return std::max<std::int64_t>(left, 0);
 }

@@ -3,7 +3,9 @@
 // Times are clock ticks (base/clock.h), addresses IPv4 in network byte order, sequence numbers unsigned 32-bit.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <limits>
 
 struct test_settings;
 
@@ -96,6 +98,11 @@ inline void add_latency(test_stats* stats, std::int64_t latency_usec) {
   if (latency_usec > stats->latency_max) stats->latency_max = latency_usec;
   if (latency_usec < stats->latency_min) stats->latency_min = latency_usec;
   stats->latency_sum += latency_usec;
+}
+
+// A count as the "%d" of a summary or a row prints it: never below 0, and more than it holds becomes the largest.
+constexpr std::int32_t count_as_int(std::int64_t count) {
+  return static_cast<std::int32_t>(std::clamp<std::int64_t>(count, 0, std::numeric_limits<std::int32_t>::max()));
 }
 
 // A 64-bit counter as the signed 32-bit number that "%d" prints.

@@ -63,6 +63,12 @@ std::uint32_t hosts_of_test(const test_settings* settings) {
   return ntohl(settings->end_host) - ntohl(settings->start_host) + 1;
 }
 
+// A monitor that still streams for a run before this one could not take our command, and its packets would be counted
+// as ours: they are read away first, but not for ever. On a connection that run is over with its connection.
+void await_silence(const test_settings* settings, const run_state* run) {
+  if (settings->command_mode != 0 && settings->tcp == 0) flush_pending_frames(run->data_socket);
+}
+
 // The clock starts last, so that nothing of this is measured.
 void start_run(test_settings* settings, run_state* run, test_stats* stats) {
   *stats = {};
@@ -73,6 +79,7 @@ void start_run(test_settings* settings, run_state* run, test_stats* stats) {
   if (settings->process_id == 0) settings->process_id = static_cast<std::uint32_t>(getpid());
   leave_out_own_traffic(settings, run);
   settings->total_requests = hosts_of_test(settings) * settings->echo_count;
+  await_silence(settings, run);
   stats->start_time = clock_now();
   run->last_tx_time = clock_now();
 }
@@ -140,7 +147,10 @@ void run_one_pass(test_settings* settings, run_state* run, test_stats* stats, co
     return;
   }
   if (is_monitor(settings) && uses_icmp(settings)) await_first_sender(settings);
-  if (settings->command_mode != 0) open_batch(run, stats);
+  if (settings->command_mode != 0) {
+    if (run->current_tx__packet == 0) return;  // the test ended before its command could leave
+    open_batch(run, stats);
+  }
   receive_phase(released == release_end::complete ? 0 : full_connection_wait_usec, settings, run, stats);
 }
 

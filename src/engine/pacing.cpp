@@ -81,6 +81,11 @@ std::uint32_t packets_due(const test_settings* settings, run_state* run) {
   return due;
 }
 
+void return_credit(std::uint32_t packets, const test_settings* settings, run_state* run) {
+  if (run->current_tx__packet == 0) return;
+  run->pacing_remainder_usec += std::int64_t{packets} * settings->delay_usec;
+}
+
 std::int64_t time_until_next_event(const test_settings* settings, const run_state* run) {
   if (settings->partner_mode != 0) return partner_wait_usec;
 

@@ -17,6 +17,10 @@ struct test_stats;
 // the result is not 0, and then sets run->next_tx_time.
 [[nodiscard]] std::uint32_t packets_due(const test_settings* settings, run_state* run);
 
+// Gives the credit of `packets` back that were released and could not be sent, so that the mean rate holds. Of a first
+// release nothing was spent as long as nothing of it was sent.
+void return_credit(std::uint32_t packets, const test_settings* settings, run_state* run);
+
 // How long, in usec, the test may wait for a frame before something is due: 0 to 2147483647. A monitor and a commander
 // wait in slices of one second; echo mode until the oldest request times out or the next one may go.
 [[nodiscard]] std::int64_t time_until_next_event(const test_settings* settings, const run_state* run);

@@ -10,6 +10,7 @@
 #include "base/settings.h"
 #include "base/signals.h"
 #include "engine/batch_progress.h"
+#include "engine/pacing.h"
 #include "net/burst.h"
 #include "net/socket_wait.h"
 #include "net/tcp_connection.h"
@@ -41,6 +42,7 @@ std::uint32_t send_some(std::uint32_t due, test_settings* settings, run_state* r
   if (sends_bursts(settings)) return send_burst(settings, run, stats, std::min(due, largest_burst));
   const int result = send_test_packet(settings, run, stats, command);
   if (result < 0) end_sending(settings, run);
+  if (result > 0) run->stop_requested = 1;
   if (result != 0) return 0;
   if (settings->command_mode != 0) arm_batch(settings, run);  // behind the send: the command's own slot is one of them
   return 1;
@@ -52,7 +54,10 @@ std::uint32_t send_some(std::uint32_t due, test_settings* settings, run_state* r
 release_end release_packets(std::uint32_t due, test_settings* settings, run_state* run, test_stats* stats,
                             const command_body* command) {
   while (due != 0 && stop_signal() == 0) {
-    if (must_read_first(settings, run)) return release_end::connection_is_full;
+    if (must_read_first(settings, run)) {
+      return_credit(due, settings, run);
+      return release_end::connection_is_full;
+    }
     const std::uint32_t sent = send_some(due, settings, run, stats, command);
     answer_progress_request();
     const std::int64_t now = sent != 0 ? slot_of(run, run->current_tx__packet - 1)->tx_time : clock_now();

@@ -19,8 +19,8 @@ extern std::array<std::uint8_t, message_buffer_bytes> transmit_buffer;
 // carries `command` (read only there). Records it in its slot with the time just before the send, counts it, and in a
 // sweep moves settings->start_host on to the next host after its last packet; commands all go to the first. Returns
 //   0   it went out, or a datagram was refused (a line is printed, the packet counts as sent);
-//   1   the test ended while a datagram had to wait for room: nothing is counted;
-//   -1  a TCP send failed (a line is printed), or the test ended while it was stalled: nothing is counted and
-//       the caller closes the connection.
+//   1   the test ended while the packet had to wait for room: nothing is counted, and nothing may be sent behind it on
+//       a connection, which may have taken a part of it;
+//   -1  a TCP send failed (a line is printed): nothing is counted and the caller closes the connection.
 [[nodiscard]] int send_test_packet(test_settings* settings, run_state* run, test_stats* stats,
                                    const command_body* command);

@@ -81,9 +81,10 @@ const char* protocol_name(const test_settings* settings) {
   return settings->tcp != 0 ? "tcp" : "icmp";
 }
 
+// A packet of another run can have moved the batch, to a number that is none.
 std::int32_t batches_of_test(const row_context* context) {
-  if (context->settings->duration_sec != 0) return low32(current_run_state->batch);
-  return low32(context->settings->echo_count - context->stats->bad_samples);
+  if (context->settings->duration_sec != 0) return count_as_int(low32(current_run_state->batch));
+  return count_as_int(low32(context->settings->echo_count - context->stats->bad_samples));
 }
 
 void write_common_values(std::FILE* row, const row_context* context) {
@@ -94,8 +95,8 @@ void write_common_values(std::FILE* row, const row_context* context) {
   std::fprintf(row, "%s%c", results_filename, separator);
   std::fprintf(row, "%s%c", protocol_name(settings), separator);
   std::fprintf(row, "%d%c", low32(stats->bad_samples), separator);
-  std::fprintf(row, "%d%c", low32(stats->lost_packets), separator);
-  std::fprintf(row, "%d%c", low32(stats->lost_in_bad_samples), separator);
+  std::fprintf(row, "%d%c", count_as_int(static_cast<std::int64_t>(stats->lost_packets)), separator);
+  std::fprintf(row, "%d%c", count_as_int(static_cast<std::int64_t>(stats->lost_in_bad_samples)), separator);
   std::fprintf(row, "%d%c", batches_of_test(context), separator);
   std::fprintf(row, "%d%c", low32(settings->remote_echoes), separator);
   std::fprintf(row, "%d%c", low32(settings->ip_length), separator);

@@ -17,5 +17,5 @@ extern int results_file_is_new;  // 1 when the file did not exist before, so a h
 // line is printed. Called once a run; it closes the files.
 void write_results_files(const test_settings* settings, const test_stats* stats);
 
-// Closes a results file that no row was written to. When the command line made it, it goes again.
+// Closes the results file of a command-mode test that ends without a row. When this run made it, it goes again.
 void close_unused_results_file();

@@ -1,6 +1,8 @@
 #include "report/results_table.h"
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 namespace {
 
 constexpr mode_t mode_before_umask = 0666;
+constexpr int most_attempts = 100;
 
 bool is_fifo(const char* name) {
   struct stat state = {};
@@ -49,12 +52,28 @@ bool find_name(int descriptor, std::array<char, PATH_MAX>* name) {
   return readlink(link.data(), name->data(), name->size() - 1) > 0;
 }
 
-// Unless it has been replaced by another file or was removed.
-void remove_if_empty(int descriptor) {
+// A run that removes the file has it locked for that moment. Whoever opens it just then would write to a file that
+// nobody finds, and has to open it anew. False then; a file system without locks, or a lock that another program holds
+// for longer, is no hindrance.
+bool lock_as_user(int descriptor) {
+  struct stat state = {};
+  const bool locked = flock(descriptor, LOCK_SH | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+  return locked && fstat(descriptor, &state) == 0 && state.st_nlink != 0;
+}
+
+int open_once(const char* name, bool fifo, int* is_new) {
+  const int probe = open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  *is_new = probe < 0 ? 1 : 0;
+  if (probe >= 0) close(probe);
+  return open(name, (fifo ? O_WRONLY : O_RDWR | O_CREAT) | O_APPEND | O_NONBLOCK | O_CLOEXEC, mode_before_umask);
+}
+
+// Unless it has been replaced by another file or was removed, and unless another run holds it.
+void remove_if_unused(int descriptor) {
   std::array<char, PATH_MAX> name = {};
   struct stat open_file = {};
   struct stat named_file = {};
-  if (!find_name(descriptor, &name)) return;
+  if (flock(descriptor, LOCK_EX | LOCK_NB) != 0 || !find_name(descriptor, &name)) return;
   if (fstat(descriptor, &open_file) != 0 || stat(name.data(), &named_file) != 0) return;
   const bool same = open_file.st_dev == named_file.st_dev && open_file.st_ino == named_file.st_ino;
   if (same && S_ISREG(open_file.st_mode) && open_file.st_size == 0) unlink(name.data());
@@ -63,12 +82,13 @@ void remove_if_empty(int descriptor) {
 }  // namespace
 
 std::FILE* open_results_table(const char* name, int* is_new) {
-  const int probe = open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  *is_new = probe < 0 ? 1 : 0;
-  if (probe >= 0) close(probe);
   const bool fifo = is_fifo(name);
-  const int descriptor =
-      open(name, (fifo ? O_WRONLY : O_RDWR | O_CREAT) | O_APPEND | O_NONBLOCK | O_CLOEXEC, mode_before_umask);
+  int descriptor = open_once(name, fifo, is_new);
+  for (int attempt = 1; descriptor >= 0 && !lock_as_user(descriptor) && attempt < most_attempts; ++attempt) {
+    close(descriptor);
+    sched_yield();
+    descriptor = open_once(name, fifo, is_new);
+  }
   if (descriptor < 0) return nullptr;
   std::FILE* table = fdopen(descriptor, fifo ? "a" : "a+");
   if (table == nullptr) close(descriptor);
@@ -84,6 +104,6 @@ bool append_to_table(std::FILE* table, const char* text, std::size_t length) {
 }
 
 void close_results_table(std::FILE* table, int is_new) {
-  if (is_new != 0) remove_if_empty(fileno(table));
+  if (is_new != 0) remove_if_unused(fileno(table));
   std::fclose(table);
 }

@@ -71,21 +71,21 @@ def test_full_disk_and_odd_results_files(lab, tmp_path):
     assert run.err.endswith(END) and (tmp_path / "whole.csv").read_text().count("\n") == 2 and run.status in (0, 1)
 
 
-def test_a_results_file_without_a_row_goes_again(lab, tmp_path):
-    here = lab.namespace()
+def test_what_becomes_of_a_results_file_without_a_row(lab, tmp_path):
+    here, there = lab.namespace(), lab.namespace()
     (tmp_path / "kept.csv").touch()
     refused = f"Error- could not connect to {LOOPBACK}\n"
-    for options, words in ((("-p", "--client"), refused), (("-e1", "-s", "-U", "-i"), TO_HERE)):
-        for name, there in (("new.csv", False), ("kept.csv", True)):
-            run = lab.run(*options, LOOPBACK, f"-f{name}", at=here, cwd=tmp_path)
-            assert run.err == words + END and (tmp_path / name).exists() == there
-    lab.run("-u", "-fdetached.csv", "-M", at=here, cwd=tmp_path)  # whose working directory is another from then on
-    eventually(lambda: here.has_port(LOCAL_PORT), "the detached monitor")
-    assert (tmp_path / "detached.csv").exists()
-    for monitor in here.inhabitants():
-        os.kill(monitor, signal.SIGTERM)
-    eventually(lambda: not (tmp_path / "detached.csv").exists(), "the end of the detached monitor")
+    for name in ("new.csv", "kept.csv"):
+        run = lab.run("-p", "--client", LOOPBACK, "-fearlier.csv", f"-f{name}", at=here, cwd=tmp_path)
+        assert run.err == refused + END
+    lab.run("-p", "--client", LOOPBACK, "-fdetached.csv", "-M", at=here, cwd=tmp_path)  # it works in / from then on
+    eventually(lambda: not (tmp_path / "detached.csv").exists(), "the end of the detached commander")
+    lab.run("-e1", "-s", "-U", "-i", LOOPBACK, "-fecho.csv", at=here, cwd=tmp_path)
+    lab.run("-frejected.csv", "-x", at=here, cwd=tmp_path)
+    stays = ["earlier.csv", "echo.csv", "kept.csv", "rejected.csv"]
+    assert sorted(os.listdir(tmp_path)) == stays
     lab.monitor(at=here)
+    lab.monitor(at=there)
     no_growth = ["sh", "-c", 'ulimit -f 2; exec "$@"', "sh"]  # a kilobyte: what is printed fits, a row does not
     (tmp_path / "kept.csv").write_text(rows := "a row of a test before\n" * 30)
     could_not = "Error: could not write results file "
@@ -93,7 +93,13 @@ def test_a_results_file_without_a_row_goes_again(lab, tmp_path):
         run = lab.run(*SHORT, f"-f{name}", at=here, cwd=tmp_path, before=no_growth)
         assert run.err == TO_HERE + f"{could_not}{name}\n{could_not}HISTOGRAM_{name}\n" + END and run.status == 0
     assert (tmp_path / "kept.csv").read_text() == rows
-    assert sorted(os.listdir(tmp_path)) == ["kept.csv"]
+    assert sorted(os.listdir(tmp_path)) == stays
+    failing = lab.start(*SHORT, "-d200000", "-fboth.csv", at=here, cwd=tmp_path, before=no_growth)
+    failing.wait_for("Destination")
+    other = lab.start(*SHORT, "-d600000", "-fboth.csv", at=there, cwd=tmp_path)  # has the file open by then
+    other.wait_for("Destination")
+    assert could_not in failing.finish().err and "Error" not in other.finish().err
+    assert (tmp_path / "both.csv").read_text().count("\n") == 1  # the heading is its maker's
 
 
 def test_two_commanders_append_to_one_file(lab, tmp_path):

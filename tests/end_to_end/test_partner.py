@@ -120,7 +120,8 @@ def test_commands_go_to_the_first_host_alone(lab, tmp_path):
     assert (row[3], row[6]) == ("1", "3")  # with a duration all batches count, the bad one too
 
 
-def test_batches_of_a_lost_connection_are_kept(lab, tmp_path):
+@pytest.mark.parametrize("stray, batches", [(b"", "2"), (message(DATA, 0xFFFFFFFC, 0, b"mon2", bytes(80)), "0")])
+def test_batches_of_a_lost_connection_are_kept(lab, tmp_path, stray, batches):
     here = lab.namespace()
     with here:
         server = lab.own(socket.create_server((LOOPBACK, REMOTE_PORT)))
@@ -129,11 +130,12 @@ def test_batches_of_a_lost_connection_are_kept(lab, tmp_path):
     for number in range(2):
         monitor.recv(164, socket.MSG_WAITALL)
         monitor.sendall(b"".join(message(DATA, number, i, b"mon1", bytes(80)) for i in range(2)))
+    monitor.sendall(stray)  # moves the batch to a number that is none
     monitor.close()
     assert run.finish().status == 1
     assert run.body.count("Pkts:   2/2 ") == 2 and "\nTest complete! " in run.body
     assert run.err == TO_HERE + "Err: Could not accept connection\nCleanup exit\n"
-    assert (tmp_path / "lost.csv").read_text().splitlines()[1].split(",")[6] == "2"
+    assert (tmp_path / "lost.csv").read_text().splitlines()[1].split(",")[6] == batches
 
 
 def test_a_connection_that_ends_while_it_is_sent_on(lab):

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <functional>
 
 #include "base/signals.h"
 #include "engine/release.h"
@@ -90,6 +91,59 @@ TEST(TcpRun, WithNothingToSendDoesNotSpin) {
     b.connect(SOCK_STREAM);
     said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
     EXPECT_LT(world.readings, 20000) << arguments;
+  }
+}
+
+// The window is one packet a millisecond; the peer reads nothing for the first 100.
+TEST(TcpRun, KeepsTheCreditOfWhatAFullConnectionCutShort) {
+  workbench b("-p -e300 -a300 -d1000 -l8000 -T900000 -m");
+  b.connect(SOCK_STREAM);
+  const std::function<void()> read_all = [&] {
+    discard_from(b.peer);
+    world.after(1000, read_all);
+  };
+  std::uint32_t sent_until_then = 0;
+  world.after(90000, [&] { sent_until_then = b.run.current_tx__packet; });
+  world.after(100000, read_all);
+  std::uint32_t sent = 0;
+  world.after(310000, [&] { sent = b.run.current_tx__packet; });
+  said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  EXPECT_LT(sent_until_then, 90U);
+  EXPECT_EQ(sent, 300U);
+}
+
+TEST(Commander, ReadsAwayWhatAMonitorStillSendsForAnother) {
+  workbench b("-c -e1 -E2 -s");
+  b.connect(SOCK_DGRAM);
+  for (int i = 0; i < 3; ++i) world.after(15000 * i, [&b, i] { b.write_to_code(message(3, 55, 0, i, 100)); });
+  const std::int64_t start = world.now;
+  world.on_send = [&](const byte_vector&) {
+    EXPECT_EQ(world.now, start + 30000 + 20000);  // behind 20 ms of silence
+    for (int i = 0; i < 2; ++i) world.after(5000 * i, [&b, i] { b.write_to_code(message(3, 55, 0, i, 100)); });
+  };
+  const command_body command = {};
+  const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
+  EXPECT_NE(text.find("Flushed 3 frames\n"), std::string::npos) << text;
+  EXPECT_NE(text.find(" Pkts:   2/2 "), std::string::npos) << text;
+  EXPECT_EQ(b.stats.start_time, start + 50000);
+}
+
+TEST(Commander, OpensNoBatchForACommandThatCouldNotLeave) {
+  for (const char* arguments : {"-c -S1 -E2", "-c -p -S1 -E2"}) {
+    workbench b(arguments);
+    b.connect(b.settings.tcp != 0 ? SOCK_STREAM : SOCK_DGRAM);
+    world.send_error = [](bool) {
+      world.now += 10000;
+      return EAGAIN;
+    };
+    const byte_vector filler(65536);
+    while (b.settings.tcp != 0 && send(b.run.data_socket, filler.data(), filler.size(), MSG_DONTWAIT) > 0) {
+    }
+    const command_body command = {};
+    const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
+    EXPECT_TRUE(text.starts_with("Test complete! Total test time:    1.0")) << text;  // and nothing before it
+    EXPECT_TRUE(text.ends_with("\n[err] Destination IP = 10.0.0.1\n")) << text;
+    EXPECT_EQ(numbers(b.run.batch, b.stats.bad_samples, b.run.connection_is_gone), (list{0, 0, 0}));
   }
 }
 

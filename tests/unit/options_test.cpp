@@ -38,6 +38,7 @@ TEST(Options, LettersNumbersAndPresets) {
       {"-b -B -E65536 -q255 -t", "trace=1 echoes=65536 tos=255 bandwidth=0 buffers=1 "},
       {"-mtext -s -v -Q -i -U -D", "silent=1 hush=1 ignore=1 debug=1 unidirectional=1 verbose=1 quiet=1 "},
       {"-d0x10 -T010", "delay=16 timeout=24 period=16 "},
+      {"-d2 -T0b11", "delay=2 timeout=2 period=2 "},
       {"-d0 -T7 -e0", endless + "8 period=1 "},
       {"-d4294967296 -ex", "count=2147483647 delay=4294967295 timeout=4294967295 period=4294967295 "},
       {"-n192.168.1.2 -u", "udp=1 interface=c0a80102 "},

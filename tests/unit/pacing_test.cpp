@@ -62,6 +62,24 @@ TEST(PacketsDue, WindowAndTotalNearTheWraps) {
   }
 }
 
+TEST(PacketsDue, WhatCouldNotBeSentStaysDue) {
+  workbench b("-p -d1000 -a50 -e9999");
+  EXPECT_EQ(due_after(&b, 0), 10U);
+  return_credit(10, &b.settings, &b.run);  // nothing was sent yet: the first burst is due again, once
+  EXPECT_EQ(due_after(&b, 0), 10U);
+  b.run.current_tx__packet = 3;
+  return_credit(7, &b.settings, &b.run);
+  EXPECT_EQ(due_after(&b, 2000), 9U);
+}
+
+TEST(Duration, DoesNotEndWhatAMonitorServes) {
+  for (const auto& [arguments, over] : {std::pair{"-S1", true}, {"--server -S1", false}, {"--server -i -S1", true}}) {
+    workbench b(arguments);
+    b.stats.start_time -= 2000000;
+    EXPECT_EQ(test_was_ended(&b.settings, &b.stats), over) << arguments;
+  }
+}
+
 TEST(Wait, UntilTheFirstThingIsDueAndNoLonger) {
   const list cases[] = {// ages of the older (-1: answered) and the newer request, the total, the window; the wait
                         {30000, 30000, 2, 2, 170000}, {30000, 30000, 9, 2, 170000}, {30000, 30000, 9, 5, 70000},

@@ -15,6 +15,17 @@ static std::string summary(const std::string& arguments, std::int64_t usec) {
   return said([&] { print_test_summary(&b.settings, &b.stats); });
 }
 
+TEST(Summary, CountsNothingBelowZero) {
+  workbench b("-e5");
+  b.stats.end_time = b.stats.start_time;
+  b.stats.tx_packets = 5;
+  b.stats.rx_packets = 7;
+  const auto printed = [&] { return said([&] { print_test_summary(&b.settings, &b.stats); }); };
+  EXPECT_TRUE(printed().starts_with("In  0.000000s, 5 tx pkts, 7 rx pkts, 0 missing, 0 invalid\n"));
+  b.stats.tx_packets = 5000000000;
+  EXPECT_TRUE(printed().starts_with("In  0.000000s, 2147483647 tx pkts, 7 rx pkts, 2147483647 missing, 0 invalid\n"));
+}
+
 TEST(Summary, OfManyRequestsOfOneAndOfNoTime) {
   const std::string counts = "s, 5 tx pkts, 3 rx pkts, 2 missing, 0 invalid\n";
   const std::string latencies = "Min =  0.001000, Max =  0.004000, Avg =  0.002000, \n\n";
