@@ -3,9 +3,7 @@
 // Times are clock ticks (base/clock.h), addresses IPv4 in network byte order, sequence numbers unsigned 32-bit.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
-#include <limits>
 
 struct test_settings;
 
@@ -100,12 +98,12 @@ inline void add_latency(test_stats* stats, std::int64_t latency_usec) {
   stats->latency_sum += latency_usec;
 }
 
-// A count as the "%d" of a summary or a row prints it: never below 0, and more than it holds becomes the largest.
-constexpr std::int32_t count_as_int(std::int64_t count) {
-  return static_cast<std::int32_t>(std::clamp<std::int64_t>(count, 0, std::numeric_limits<std::int32_t>::max()));
-}
-
 // A 64-bit counter as the signed 32-bit number that "%d" prints.
 constexpr std::int32_t low32(std::uint64_t counter) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(counter));
+}
+
+// The same for what a difference may have brought below 0, of which nothing is left to count.
+constexpr std::int32_t count_as_int(std::int64_t count) {
+  return count < 0 ? 0 : low32(static_cast<std::uint64_t>(count));
 }

@@ -67,8 +67,9 @@ void print_counts_and_rates(const test_settings* settings, const test_stats* sta
   const auto received = static_cast<std::int64_t>(stats->rx_packets);
   const double seconds = usec_to_seconds(usec_between(stats->start_time, stats->end_time));
   std::fprintf(stdout, "In %9.6fs, %d tx pkts, %d rx pkts, %d missing, %d invalid\n%9.3f tx/s, %9.3f rx/s\n", seconds,
-               count_as_int(sent), count_as_int(received), count_as_int(sent - received), low32(stats->bad_samples),
-               per_second(stats->tx_packets, seconds), per_second(stats->rx_packets, seconds));
+               low32(stats->tx_packets), low32(stats->rx_packets), count_as_int(sent - received),
+               low32(stats->bad_samples), per_second(stats->tx_packets, seconds),
+               per_second(stats->rx_packets, seconds));
   const double bytes_per_second = per_second(stats->tx_packets + stats->rx_packets, seconds) * settings->payload_length;
   std::fprintf(stdout, "IP data rate %9.3fKB/s, %9.3fKb/s\n", bytes_per_second / kilo,
                bytes_per_second * bits_per_byte / kilo);

@@ -64,6 +64,7 @@ inline void empty(sample_list* samples) {
 // The world and what outlives a run in the code.
 inline void begin_anew() {
   world = {};
+  (void)read_both_clocks();  // the date of the world before may have been set
   discard_read_ahead();
   empty(&bandwidth_samples);
   empty(&buffer_samples);
