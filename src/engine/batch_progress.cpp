@@ -5,6 +5,7 @@
 
 #include "base/run_records.h"
 #include "base/settings.h"
+#include "base/test_end.h"
 #include "net/receiver.h"
 #include "report/batch_judgement.h"
 #include "report/batch_line.h"
@@ -29,10 +30,6 @@ void close_batch(test_settings* settings, run_state* run, test_stats* stats) {
   count_batch(&batch, stats);
   print_batch_line(settings, run, stats, &batch);
   if (batch.bad) repeat_batch(settings);
-}
-
-bool test_is_over(const test_settings* settings, const run_state* run) {
-  return run->stop_requested != 0 || settings->echo_count == run->batch;
 }
 
 }  // namespace
@@ -60,5 +57,5 @@ int batch_report(test_settings* settings, run_state* run, test_stats* stats, fra
   const bool batch_is_over = status == frame_none || status == frame_ends_batch;
   if (status == frame_none) flush_pending_frames(run->data_socket);
   if (batch_is_over) close_batch(settings, run, stats);
-  return batch_is_over || test_is_over(settings, run) ? 0 : 1;
+  return batch_is_over || end_of_test(settings, run) != test_end::none ? 0 : 1;
 }

@@ -5,6 +5,7 @@
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
+#include "base/test_end.h"
 #include "engine/pacing.h"
 #include "report/packet_lines.h"
 #include "report/summary.h"
@@ -66,16 +67,16 @@ void report_settled_requests(const test_settings* settings, run_state* run, test
 }
 
 bool next_packet_is_due(const test_settings* settings, const run_state* run) {
-  return run->current_tx__packet < settings->total_requests && release_is_due(run, clock_now());
+  return !all_is_sent(settings, run) && release_is_due(run, clock_now());
 }
 
-bool all_is_sent_and_reported(const test_settings* settings, const run_state* run) {
-  return run->oldest_outstanding == run->current_tx__packet && run->current_tx__packet >= settings->total_requests;
+bool all_is_reported(const test_settings* settings, const run_state* run) {
+  return all_is_sent(settings, run) && run->oldest_outstanding == run->current_tx__packet;
 }
 
 }  // namespace
 
 int echo_progress(const test_settings* settings, run_state* run, test_stats* stats) {
   report_settled_requests(settings, run, stats);
-  return next_packet_is_due(settings, run) || all_is_sent_and_reported(settings, run) ? 0 : 1;
+  return next_packet_is_due(settings, run) || all_is_reported(settings, run) ? 0 : 1;
 }

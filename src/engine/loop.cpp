@@ -11,10 +11,9 @@
 #include "base/address_text.h"
 #include "base/cleanup_exit.h"
 #include "base/clock.h"
-#include "base/duration.h"
 #include "base/run_records.h"
 #include "base/settings.h"
-#include "base/signals.h"
+#include "base/test_end.h"
 #include "engine/batch_progress.h"
 #include "engine/echo_progress.h"
 #include "engine/pacing.h"
@@ -84,18 +83,11 @@ void start_run(test_settings* settings, run_state* run, test_stats* stats) {
   run->last_tx_time = clock_now();
 }
 
-bool test_goes_on(const test_settings* settings, const run_state* run) {
-  if (run->stop_requested != 0 || run->connection_is_gone != 0 || stop_signal() != 0) return false;
-  if (is_monitor(settings)) return true;
-  if (run->current_tx__packet >= settings->total_requests) return false;
-  return settings->command_mode == 0 || run->batch < settings->total_requests;
-}
-
 // The pause of a test that never reads, until its next release; a stop signal ends it. A pass that released nothing, as
 // every pass of a TCP monitor, has no release ahead and rests for a whole delay.
 void rest_without_reading(bool released, const test_settings* settings, const run_state* run) {
   std::int64_t left_usec = released ? time_until_next_release(settings, run) : settings->delay_usec;
-  if (settings->delay_usec > 1 && left_usec > 0 && stop_signal() == 0)
+  if (settings->delay_usec > 1 && left_usec > 0 && !was_cut_short(settings, run))
     (void)wait_on_socket(-1, socket_event::readable, &left_usec);
   yield_processor();
 }
@@ -123,15 +115,15 @@ void take_connection(run_state* run) {
 // `shortest_wait_usec` keeps a test that cannot send from asking again without a pause.
 void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, run_state* run, test_stats* stats) {
   bool goes_on = true;
-  while (goes_on && stop_signal() == 0) {
+  while (goes_on && !was_cut_short(settings, run)) {
     if (settings->partner_mode != 0 && run->data_socket == -1) {
       take_connection(run);
-      if (stop_signal() != 0 || run->connection_is_gone != 0) return;
+      if (was_cut_short(settings, run)) return;
     }
     const std::int64_t wait_usec = std::max(time_until_next_event(settings, run), shortest_wait_usec);
     const frame_result status = receive_one_frame(settings, run, stats, wait_usec);
     if (status < frame_none && settings->tcp != 0) close_data_socket(run);
-    if (stop_signal() != 0 && settings->command_mode != 0) return;  // the open batch is dropped, not judged
+    if (was_cut_short(settings, run) && settings->command_mode != 0) return;  // the open batch is dropped, not judged
     goes_on = keep_receiving(settings, run, stats, status);
   }
 }
@@ -139,7 +131,7 @@ void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, run
 // The order of the steps: a monitor forgets its identifier only after its own echo went out with it. A batch is opened
 // after its command, which took its place and its number from the same fields.
 void run_one_pass(test_settings* settings, run_state* run, test_stats* stats, const command_body* command) {
-  if (duration_is_over(settings, stats, clock_now())) run->stop_requested = 1;
+  note_duration(settings, stats, clock_now(), run);
   const std::uint32_t due = packets_due(settings, run);
   const release_end released = release_packets(due, settings, run, stats, command);
   if (settings->ignore_responses != 0) {
@@ -169,9 +161,9 @@ void settle_outstanding(test_settings* settings, run_state* run, test_stats* sta
 void report_end(test_settings* settings, const run_state* run, const test_stats* stats) {
   if (settings->remote_run != 0) return;
   if (settings->command_mode != 0) {
-    if (stop_signal() != 0 || run->connection_is_gone != 0) settings->echo_count = run->batch;
+    if (was_cut_short(settings, run)) settings->echo_count = run->batch;
     write_results_files(settings, stats);
-  } else if (!is_monitor(settings) || stop_signal() == 0) {
+  } else if (!is_monitor(settings) || !was_cut_short(settings, run)) {
     print_test_summary(settings, stats);
   }
 }
@@ -179,19 +171,19 @@ void report_end(test_settings* settings, const run_state* run, const test_stats*
 // Requests are settled while their table lives and before the end is noted: waiting for them belongs to the test.
 void finish_run(test_settings* settings, run_state* run, test_stats* stats) {
   const bool waits_for_answers = is_echo_mode(settings) && settings->ignore_responses == 0;
-  if (stop_signal() != 0 && waits_for_answers) settle_outstanding(settings, run, stats);
+  if (was_cut_short(settings, run) && waits_for_answers) settle_outstanding(settings, run, stats);
   stats->end_time = clock_now();
   free_packet_table(run);
   if (settings->remote_run == 0) answer_progress_with(nullptr, nullptr, nullptr, nullptr);
   report_end(settings, run, stats);
-  if (run->connection_is_gone != 0) end_without_connection();
+  if (end_of_test(settings, run) == test_end::connection_gone) end_without_connection();
 }
 
 }  // namespace
 
 int run_test(test_settings* settings, test_stats* stats, run_state* run, const command_body* command) {
   start_run(settings, run, stats);
-  while (test_goes_on(settings, run)) run_one_pass(settings, run, stats, command);
+  while (end_of_test(settings, run) == test_end::none) run_one_pass(settings, run, stats, command);
   finish_run(settings, run, stats);
   return 0;
 }

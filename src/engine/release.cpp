@@ -5,10 +5,9 @@
 #include <algorithm>
 
 #include "base/clock.h"
-#include "base/duration.h"
 #include "base/run_records.h"
 #include "base/settings.h"
-#include "base/signals.h"
+#include "base/test_end.h"
 #include "engine/batch_progress.h"
 #include "engine/pacing.h"
 #include "net/burst.h"
@@ -53,7 +52,7 @@ std::uint32_t send_some(std::uint32_t due, test_settings* settings, run_state* r
 // A release may be long: it ends by itself once the duration is over or a stop signal came.
 release_end release_packets(std::uint32_t due, test_settings* settings, run_state* run, test_stats* stats,
                             const command_body* command) {
-  while (due != 0 && stop_signal() == 0) {
+  while (due != 0 && !was_cut_short(settings, run)) {
     if (must_read_first(settings, run)) {
       return_credit(due, settings, run);
       return release_end::connection_is_full;
@@ -61,8 +60,8 @@ release_end release_packets(std::uint32_t due, test_settings* settings, run_stat
     const std::uint32_t sent = send_some(due, settings, run, stats, command);
     answer_progress_request();
     const std::int64_t now = sent != 0 ? slot_of(run, run->current_tx__packet - 1)->tx_time : clock_now();
-    if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
-    if (sent == 0 || run->stop_requested != 0) break;
+    note_duration(settings, stats, now, run);
+    if (sent == 0 || end_of_test(settings, run) != test_end::none) break;
     due -= sent;
   }
   return release_end::complete;

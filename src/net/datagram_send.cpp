@@ -7,9 +7,9 @@
 #include <cstdio>
 
 #include "base/clock.h"
-#include "base/duration.h"
 #include "base/run_records.h"
 #include "base/settings.h"
+#include "base/test_end.h"
 #include "net/socket_options.h"
 #include "net/socket_wait.h"
 
@@ -43,7 +43,7 @@ bool refuses_destination(const test_settings* settings, const sockaddr_in* desti
 bool wait_for_buffer(const test_settings* settings, const run_state* run, const test_stats* stats) {
   std::int64_t left_usec = std::min(time_until_end(settings, stats), buffer_slice_usec);
   if (wait_on_socket(run->data_socket, socket_event::writable, &left_usec) == wait_result::failed) return false;
-  return !test_was_ended(settings, stats);
+  return !sending_is_over(settings, stats);
 }
 
 datagram_sent send_datagram(const test_settings* settings, const run_state* run, const test_stats* stats,

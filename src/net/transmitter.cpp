@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/duration.h"
 #include "base/run_records.h"
 #include "base/settings.h"
+#include "base/test_end.h"
 #include "net/datagram_send.h"
 #include "net/kernel_stamps.h"
 #include "net/packet.h"
@@ -55,7 +55,7 @@ int send_on_connection(const test_settings* settings, const run_state* run, cons
   const stream_result result =
       send_all(run->data_socket, {transmit_buffer.data(), length}, rules_of_run(settings, stats));
   if (result.sent == length) return 0;
-  if (result.stalled && test_was_ended(settings, stats)) return 1;
+  if (result.stalled && sending_is_over(settings, stats)) return 1;
   std::fprintf(stdout, "Err- could not send %d bytes. Sent %d bytes\n", static_cast<int>(length - result.sent),
                static_cast<int>(result.sent));
   return -1;

@@ -1,6 +1,6 @@
 #include "engine/pacing.h"
 
-#include "base/duration.h"
+#include "base/test_end.h"
 #include "support/expect.h"
 
 // What the pacing releases `elapsed` usec after its last release.
@@ -76,7 +76,7 @@ TEST(Duration, DoesNotEndWhatAMonitorServes) {
   for (const auto& [arguments, over] : {std::pair{"-S1", true}, {"--server -S1", false}, {"--server -i -S1", true}}) {
     workbench b(arguments);
     b.stats.start_time -= 2000000;
-    EXPECT_EQ(test_was_ended(&b.settings, &b.stats), over) << arguments;
+    EXPECT_EQ(sending_is_over(&b.settings, &b.stats), over) << arguments;
   }
 }
 
@@ -101,6 +101,8 @@ TEST(Wait, UntilTheFirstThingIsDueAndNoLonger) {
   b.settings.partner_mode = 1;
   EXPECT_EQ(time_until_next_event(&b.settings, &b.run), 1000000);
   b.settings.duration_sec = 4295;
-  for (const bool over : {false, true})
-    EXPECT_EQ(duration_is_over(&b.settings, &b.stats, b.stats.start_time + 4295000000 + over), over);
+  for (const bool over : {false, true}) {
+    note_duration(&b.settings, &b.stats, b.stats.start_time + 4295000000 + over, &b.run);
+    EXPECT_EQ(b.run.stop_requested, over);
+  }
 }
