@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "net/receiver.h"
@@ -39,7 +40,10 @@ bool test_is_over(const test_settings* settings, const run_state* run) {
 
 // Slots of another batch would let its packets stand for those that did not come.
 void arm_batch(const test_settings* settings, const run_state* run) {
-  for (std::uint32_t sequence = 0; sequence < settings->remote_echoes; ++sequence) arm_slot(settings, run, sequence);
+  const std::int64_t now = clock_now();
+  for (std::uint32_t sequence = 0; sequence < settings->remote_echoes; ++sequence) {
+    arm_slot(settings, run, sequence, now);
+  }
 }
 
 void open_batch(run_state* run, test_stats* stats) {

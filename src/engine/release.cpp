@@ -39,11 +39,10 @@ bool must_read_first(const test_settings* settings, const run_state* run) {
 std::uint32_t send_some(std::uint32_t due, test_settings* settings, run_state* run, test_stats* stats,
                         const command_body* command) {
   if (sends_bursts(settings)) return send_burst(settings, run, stats, std::min(due, largest_burst));
+  if (settings->command_mode != 0) arm_batch(settings, run);  // its first packets may come before the send returns
   const int result = send_test_packet(settings, run, stats, command);
   if (result < 0) end_sending(settings, run);
-  if (result != 0) return 0;
-  if (settings->command_mode != 0) arm_batch(settings, run);  // behind the send: the command's own slot is one of them
-  return 1;
+  return result == 0 ? 1 : 0;
 }
 
 }  // namespace
