@@ -64,5 +64,6 @@ int batch_report(test_settings* settings, run_state* run, test_stats* stats, fra
   const bool batch_is_over = status == frame_none || status == frame_ends_batch;
   if (status == frame_none) flush_pending_frames(run->data_socket);
   if (batch_is_over) close_batch(settings, run, stats);
+  run->step_time = 0;
   return batch_is_over || test_is_over(settings, run) ? 0 : 1;
 }

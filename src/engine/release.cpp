@@ -54,6 +54,7 @@ release_end release_packets(std::uint32_t due, test_settings* settings, run_stat
     if (must_read_first(settings, run)) return release_end::connection_is_full;
     const std::uint32_t sent = send_some(due, settings, run, stats, command);
     answer_progress_request();
+    run->step_time = 0;
     const std::int64_t now = sent != 0 ? slot_of(run, run->current_tx__packet - 1)->tx_time : clock_now();
     if (duration_is_over(settings, stats, now)) run->stop_requested = 1;
     if (sent == 0 || run->stop_requested != 0) break;
