@@ -92,13 +92,16 @@ std::int64_t stamp_to_ticks(const timespec* stamp, const clock_reading* reading)
   return monotonic_to_ticks(as_nsec(stamp) - reading->date_lead_nsec);
 }
 
-// Whole seconds and the rest apart: a run of 106 days has more ticks than can be multiplied by a million.
+// Whole seconds and the rest apart: a run of 106 days has more ticks than can be multiplied by a million. At the usual
+// rate nothing is left to divide, some ten times a round trip.
 std::int64_t ticks_to_usec(std::int64_t ticks) {
+  if (ticks_per_second == usec_per_second) return ticks;
   const std::int64_t seconds = ticks / ticks_per_second;
   return seconds * usec_per_second + (ticks % ticks_per_second) * usec_per_second / ticks_per_second;
 }
 
 std::int64_t usec_to_ticks(std::int64_t usec) {
+  if (ticks_per_second == usec_per_second) return usec;
   return usec / usec_per_second * ticks_per_second + usec % usec_per_second * ticks_per_second / usec_per_second;
 }
 

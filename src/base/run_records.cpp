@@ -5,7 +5,13 @@
 
 run_state* current_run_state = nullptr;
 
-packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::uint32_t sequence) {
+std::int64_t time_of_step(run_state* run) {
+  if (run->step_time == 0) run->step_time = clock_now();
+  return run->step_time;
+}
+
+packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::uint32_t sequence,
+                      std::int64_t tx_time) {
   packet_slot* slot = slot_of(run, sequence);
   slot->sequence = sequence;
   slot->process_id = static_cast<std::uint16_t>(settings->process_id);
@@ -14,7 +20,7 @@ packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::
   slot->responder = 0;
   slot->destination = settings->start_host;
   slot->stamp_lag_usec = 0;
-  slot->tx_time = clock_now();
+  slot->tx_time = tx_time;
   return slot;
 }
 

@@ -32,6 +32,7 @@ struct run_state {
   std::int64_t last_rx_time;           // ticks; arrival of the last stream packet, 0 = none yet
   std::int64_t last_tx_time;           // ticks; the last pacing decision that released packets
   std::int64_t next_tx_time;           // ticks; when the next release is due, by the schedule
+  std::int64_t step_time;              // ticks; the clock behind the last system call, 0 = to be read (time_of_step)
   std::int64_t pacing_remainder_usec;  // elapsed time not yet turned into packets
   packet_slot* packet_table;           // owned by the test loop
   std::uint32_t packet_table_size;     // slots
@@ -73,8 +74,13 @@ inline packet_slot* slot_of(const run_state* run, std::uint32_t sequence) {
   return &run->packet_table[sequence & (run->packet_table_size - 1)];
 }
 
-// Records packet `sequence` in its slot as sent to the current host now. Returns the slot.
-packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::uint32_t sequence);
+// The time of this step of the test, in ticks. The clock is read at most once behind a system call of the run: every
+// such call sets run->step_time, to a reading behind it or to 0.
+[[nodiscard]] std::int64_t time_of_step(run_state* run);
+
+// Records packet `sequence` in its slot as sent to the current host at `tx_time` (ticks). Returns the slot.
+packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::uint32_t sequence,
+                      std::int64_t tx_time);
 
 // Settles a request: answered by `responder`, or lost when that is 0. `time` is in ticks.
 inline void settle_slot(packet_slot* slot, std::uint8_t response_type, std::uint32_t responder, std::int64_t time) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/test_end.h"
@@ -36,7 +37,10 @@ void close_batch(test_settings* settings, run_state* run, test_stats* stats) {
 
 // Slots of another batch would let its packets stand for those that did not come.
 void arm_batch(const test_settings* settings, const run_state* run) {
-  for (std::uint32_t sequence = 0; sequence < settings->remote_echoes; ++sequence) arm_slot(settings, run, sequence);
+  const std::int64_t now = clock_now();
+  for (std::uint32_t sequence = 0; sequence < settings->remote_echoes; ++sequence) {
+    arm_slot(settings, run, sequence, now);
+  }
 }
 
 void open_batch(run_state* run, test_stats* stats) {
@@ -57,5 +61,6 @@ int batch_report(test_settings* settings, run_state* run, test_stats* stats, fra
   const bool batch_is_over = status == frame_none || status == frame_ends_batch;
   if (status == frame_none) flush_pending_frames(run->data_socket);
   if (batch_is_over) close_batch(settings, run, stats);
+  run->step_time = 0;
   return batch_is_over || end_of_test(settings, run) != test_end::none ? 0 : 1;
 }

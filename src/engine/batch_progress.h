@@ -8,7 +8,7 @@ struct run_state;
 struct test_settings;
 struct test_stats;
 
-// Marks a slot for each packet that the command just sent asks for; they are numbered from 0.
+// Marks a slot for each packet that the next command asks for; they are numbered from 0.
 void arm_batch(const test_settings* settings, const run_state* run);
 
 // Begins the measuring of the batch whose command was just sent: the figures and the stream position of the last one

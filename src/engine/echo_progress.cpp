@@ -13,9 +13,9 @@
 
 namespace {
 
-void settle_if_timed_out(const test_settings* settings, packet_slot* slot, test_stats* stats) {
+void settle_if_timed_out(const test_settings* settings, packet_slot* slot, run_state* run, test_stats* stats) {
   if (slot->outstanding == 0) return;
-  const std::int64_t now = clock_now();
+  const std::int64_t now = time_of_step(run);
   if (usec_between(slot->tx_time, now) < settings->timeout_usec) return;
   settle_slot(slot, icmp_echo_reply, 0, now);
   ++stats->lost_packets;
@@ -56,18 +56,20 @@ void report_settled_requests(const test_settings* settings, run_state* run, test
       run->oldest_outstanding = run->current_tx__packet;
       return;
     }
-    settle_if_timed_out(settings, slot, stats);
+    settle_if_timed_out(settings, slot, run, stats);
     if (slot->outstanding != 0) return;
     if (settings->average_window != 0 && stats->tx_packets % settings->average_window == 0) {
       print_running_bitrate(settings, run, stats);
+      run->step_time = 0;
     }
     report_request(settings, run->oldest_outstanding, slot, stats);
+    if (settings->silent == 0 || slot->responder == 0) run->step_time = 0;  // a line may have waited for its reader
     ++run->oldest_outstanding;
   }
 }
 
-bool next_packet_is_due(const test_settings* settings, const run_state* run) {
-  return !all_is_sent(settings, run) && release_is_due(run, clock_now());
+bool next_packet_is_due(const test_settings* settings, run_state* run) {
+  return !all_is_sent(settings, run) && release_is_due(run, time_of_step(run));
 }
 
 bool all_is_reported(const test_settings* settings, const run_state* run) {

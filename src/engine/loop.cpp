@@ -85,11 +85,12 @@ void start_run(test_settings* settings, run_state* run, test_stats* stats) {
 
 // The pause of a test that never reads, until its next release; a stop signal ends it. A pass that released nothing, as
 // every pass of a TCP monitor, has no release ahead and rests for a whole delay.
-void rest_without_reading(bool released, const test_settings* settings, const run_state* run) {
+void rest_without_reading(bool released, const test_settings* settings, run_state* run) {
   std::int64_t left_usec = released ? time_until_next_release(settings, run) : settings->delay_usec;
   if (settings->delay_usec > 1 && left_usec > 0 && !was_cut_short(settings, run))
     (void)wait_on_socket(-1, socket_event::readable, &left_usec);
   yield_processor();
+  run->step_time = 0;
 }
 
 void await_first_sender(test_settings* settings) {
@@ -131,7 +132,7 @@ void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, run
 // The order of the steps: a monitor forgets its identifier only after its own echo went out with it. A batch is opened
 // after its command, which took its place and its number from the same fields.
 void run_one_pass(test_settings* settings, run_state* run, test_stats* stats, const command_body* command) {
-  note_duration(settings, stats, clock_now(), run);
+  note_duration(settings, stats, time_of_step(run), run);
   const std::uint32_t due = packets_due(settings, run);
   const release_end released = release_packets(due, settings, run, stats, command);
   if (settings->ignore_responses != 0) {

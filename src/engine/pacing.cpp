@@ -60,7 +60,7 @@ std::int64_t usec_until_timeout(const test_settings* settings, const run_state* 
 std::uint32_t packets_due(const test_settings* settings, run_state* run) {
   if (is_monitor(settings) && settings->tcp != 0) return 0;  // a TCP monitor never transmits
 
-  const std::int64_t now = clock_now();
+  const std::int64_t now = time_of_step(run);
   const bool nothing_sent = run->current_tx__packet == 0;
   const std::int64_t elapsed = nothing_sent ? first_burst_usec : usec_between(run->last_tx_time, now);
 
@@ -86,10 +86,10 @@ void return_credit(std::uint32_t packets, const test_settings* settings, run_sta
   run->pacing_remainder_usec += std::int64_t{packets} * settings->delay_usec;
 }
 
-std::int64_t time_until_next_event(const test_settings* settings, const run_state* run) {
+std::int64_t time_until_next_event(const test_settings* settings, run_state* run) {
   if (settings->partner_mode != 0) return partner_wait_usec;
 
-  const std::int64_t now = clock_now();
+  const std::int64_t now = time_of_step(run);
   std::int64_t wait = usec_until_timeout(settings, run, now);
   const bool more_to_send = run->current_tx__packet < settings->total_requests;
   const bool window_has_room = run->current_tx__packet - run->oldest_outstanding < settings->max_outstanding;

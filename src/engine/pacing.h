@@ -13,8 +13,8 @@ struct test_stats;
 
 // How many packets the pacing releases now; 0 = none yet. Elapsed time is a credit: every release spends whole periods
 // of settings->delay_usec (usec) and keeps the remainder in `run`, so rounding never adds up over a stream. The window,
-// unless responses are ignored, and the requests left bound the result. Reads the clock once; changes `run` only when
-// the result is not 0, and then sets run->next_tx_time.
+// unless responses are ignored, and the requests left bound the result. Goes by the time of the step. Unless the result
+// is 0 it sets run->next_tx_time, and what else the pacing keeps in `run`.
 [[nodiscard]] std::uint32_t packets_due(const test_settings* settings, run_state* run);
 
 // Gives the credit of `packets` back that were released and could not be sent, so that the mean rate holds. Of a first
@@ -22,8 +22,9 @@ struct test_stats;
 void return_credit(std::uint32_t packets, const test_settings* settings, run_state* run);
 
 // How long, in usec, the test may wait for a frame before something is due: 0 to 2147483647. A monitor and a commander
-// wait in slices of one second; echo mode until the oldest request times out or the next one may go.
-[[nodiscard]] std::int64_t time_until_next_event(const test_settings* settings, const run_state* run);
+// wait in slices of one second; echo mode, from the time of the step on, until the oldest request times out or the next
+// one may go.
+[[nodiscard]] std::int64_t time_until_next_event(const test_settings* settings, run_state* run);
 
 // The same for a run that sends nothing more: usec until the oldest request times out.
 [[nodiscard]] std::int64_t time_until_timeout(const test_settings* settings, const run_state* run);

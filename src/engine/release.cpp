@@ -39,12 +39,11 @@ bool must_read_first(const test_settings* settings, const run_state* run) {
 std::uint32_t send_some(std::uint32_t due, test_settings* settings, run_state* run, test_stats* stats,
                         const command_body* command) {
   if (sends_bursts(settings)) return send_burst(settings, run, stats, std::min(due, largest_burst));
+  if (settings->command_mode != 0) arm_batch(settings, run);  // its first packets may come before the send returns
   const int result = send_test_packet(settings, run, stats, command);
   if (result < 0) end_sending(settings, run);
   if (result > 0) run->stop_requested = 1;
-  if (result != 0) return 0;
-  if (settings->command_mode != 0) arm_batch(settings, run);  // behind the send: the command's own slot is one of them
-  return 1;
+  return result == 0 ? 1 : 0;
 }
 
 }  // namespace
@@ -59,6 +58,7 @@ release_end release_packets(std::uint32_t due, test_settings* settings, run_stat
     }
     const std::uint32_t sent = send_some(due, settings, run, stats, command);
     answer_progress_request();
+    run->step_time = 0;
     const std::int64_t now = sent != 0 ? slot_of(run, run->current_tx__packet - 1)->tx_time : clock_now();
     note_duration(settings, stats, now, run);
     if (sent == 0 || end_of_test(settings, run) != test_end::none) break;

@@ -21,19 +21,39 @@ namespace {
 
 constexpr std::uint32_t largest_udp_bytes = largest_ip_length - ipv4_header_bytes - udp_header_bytes;
 
-// The headers of a burst, and the zeros that follow each of them in its packet. The parts of a packet are gathered by
-// the kernel, so no payload is ever written.
-std::array<std::array<std::uint8_t, test_header_bytes>, largest_burst> headers = {};
-std::array<std::uint8_t, message_buffer_bytes> zeros = {};
-std::array<std::array<iovec, 2>, largest_burst> parts = {};
+// A packet of a burst is gathered by the kernel: its front, which holds the header and zeros, and for a longer one the
+// zeros that all of them share.
+constexpr std::uint32_t front_bytes = 64;
+constexpr std::size_t most_pieces = 2;
 
-void build_packet(const test_settings* settings, const run_state* run, const test_stats* stats, std::uint32_t index) {
+std::array<std::array<std::uint8_t, front_bytes>, largest_burst> fronts = {};
+std::array<std::uint8_t, message_buffer_bytes> zeros = {};
+std::array<iovec, most_pieces * largest_burst> pieces = {};
+std::array<mmsghdr, largest_burst> messages = {};
+sockaddr_in destination = {};  // of all of them
+
+std::size_t pieces_of_packet(const run_state* run) {
+  return run->transmit_length <= front_bytes ? 1 : most_pieces;
+}
+
+void build_packet(const test_settings* settings, const run_state* run, const test_stats* stats, std::uint32_t index,
+                  std::int64_t now) {
   const std::uint32_t sequence = run->current_tx__packet + index;
-  std::uint8_t* header = headers[index].data();
-  const std::uint32_t header_bytes = write_frame_header(settings, run, sequence, header);
-  parts[index] = {{{.iov_base = header, .iov_len = header_bytes},
-                   {.iov_base = zeros.data(), .iov_len = frame_bytes(settings, run) - header_bytes}}};
-  print_debug_line(settings, run, stats, arm_slot(settings, run, sequence));
+  std::uint8_t* front = fronts[index].data();
+  fronts[index] = {};  // another run of this process may have had a longer header
+  write_frame_header(settings, run, sequence, front);
+
+  const std::size_t piece_count = pieces_of_packet(run);
+  iovec* own_pieces = &pieces[index * piece_count];
+  own_pieces[0] = {.iov_base = front, .iov_len = std::min(run->transmit_length, front_bytes)};
+  if (piece_count > 1) own_pieces[1] = {.iov_base = zeros.data(), .iov_len = run->transmit_length - front_bytes};
+  msghdr* message = &messages[index].msg_hdr;
+  message->msg_name = &destination;
+  message->msg_namelen = sizeof destination;
+  message->msg_iov = own_pieces;
+  message->msg_iovlen = piece_count;
+  arm_slot(settings, run, sequence, now);
+  print_debug_line(settings, run, stats, sequence);
 }
 
 // What a call came to: `packets` of them were taken, or the first was not.
@@ -42,15 +62,11 @@ struct call_result {
   std::uint32_t packets;
 };
 
-call_result send_side_by_side(const run_state* run, sockaddr_in* destination, std::uint32_t first,
-                              std::uint32_t count) {
+call_result send_side_by_side(const run_state* run, std::uint32_t first, std::uint32_t count) {
   const auto segment_bytes = static_cast<std::uint16_t>(run->transmit_length);
   alignas(cmsghdr) std::array<std::uint8_t, CMSG_SPACE(sizeof segment_bytes)> control = {};
-  msghdr message = {};
-  message.msg_name = destination;
-  message.msg_namelen = sizeof *destination;
-  message.msg_iov = parts[first].data();
-  message.msg_iovlen = 2 * std::size_t{count};
+  msghdr message = messages[first].msg_hdr;
+  message.msg_iovlen *= count;
   message.msg_control = control.data();
   message.msg_controllen = control.size();
   cmsghdr* segment = CMSG_FIRSTHDR(&message);
@@ -61,16 +77,8 @@ call_result send_side_by_side(const run_state* run, sockaddr_in* destination, st
   return {outcome_of(sendmsg(run->data_socket, &message, MSG_DONTWAIT)), count};
 }
 
-call_result send_one_by_one(const run_state* run, sockaddr_in* destination, std::uint32_t first, std::uint32_t count) {
-  std::array<mmsghdr, largest_burst> messages = {};
-  for (std::uint32_t i = 0; i < count; ++i) {
-    msghdr* message = &messages[i].msg_hdr;
-    message->msg_name = destination;
-    message->msg_namelen = sizeof *destination;
-    message->msg_iov = parts[first + i].data();
-    message->msg_iovlen = 2;
-  }
-  const int sent = sendmmsg(run->data_socket, messages.data(), count, MSG_DONTWAIT);
+call_result send_one_by_one(const run_state* run, std::uint32_t first, std::uint32_t count) {
+  const int sent = sendmmsg(run->data_socket, &messages[first], count, MSG_DONTWAIT);
   return {outcome_of(sent), static_cast<std::uint32_t>(std::max(sent, 0))};
 }
 
@@ -86,21 +94,21 @@ std::uint32_t segments_of_call(const test_settings* settings, const run_state* r
 }
 
 // Packets `first` and up to `count` more of the burst.
-call_result send_in_one_call(const test_settings* settings, run_state* run, sockaddr_in* destination,
-                             std::uint32_t first, std::uint32_t count) {
-  if (refuses_destination(settings, destination)) return {send_outcome::refused, 0};
+call_result send_in_one_call(const test_settings* settings, run_state* run, std::uint32_t first, std::uint32_t count) {
+  if (refuses_destination(settings, &destination)) return {send_outcome::refused, 0};
   const std::uint32_t segments = segments_of_call(settings, run, count);
   if (segments > 1) {
-    const call_result result = send_side_by_side(run, destination, first, segments);
+    const call_result result = send_side_by_side(run, first, segments);
     if (result.outcome != send_outcome::refused) return result;
     if (will_never_segment(errno)) run->segmentation_refused = 1;
   }
-  return send_one_by_one(run, destination, first, count);  // which tells the packets apart
+  return send_one_by_one(run, first, count);  // which tells the packets apart
 }
 
 // Packets that had to wait leave later than was noted.
 void note_send_times(const run_state* run, std::uint32_t first, std::uint32_t count) {
-  for (std::uint32_t i = first; i < count; ++i) slot_of(run, run->current_tx__packet + i)->tx_time = clock_now();
+  const std::int64_t now = clock_now();
+  for (std::uint32_t i = first; i < count; ++i) slot_of(run, run->current_tx__packet + i)->tx_time = now;
 }
 
 }  // namespace
@@ -110,13 +118,15 @@ bool sends_bursts(const test_settings* settings) {
          settings->traceroute == 0 && settings->total_requests == settings->echo_count;  // one host
 }
 
-// All packets are built and recorded first, so that the calls follow one another; what one call leaves the next takes.
+// All packets are built and recorded first, at one time, so that the calls follow one another; what one call leaves the
+// next takes.
 std::uint32_t send_burst(const test_settings* settings, run_state* run, test_stats* stats, std::uint32_t count) {
-  sockaddr_in destination = current_destination(settings);
-  for (std::uint32_t i = 0; i < count; ++i) build_packet(settings, run, stats, i);
+  destination = current_destination(settings);
+  const std::int64_t now = clock_now();
+  for (std::uint32_t i = 0; i < count; ++i) build_packet(settings, run, stats, i, now);
   std::uint32_t done = 0;
   while (done < count) {
-    const call_result result = send_in_one_call(settings, run, &destination, done, count - done);
+    const call_result result = send_in_one_call(settings, run, done, count - done);
     if (result.outcome == send_outcome::taken) {
       done += result.packets;
     } else if (result.outcome == send_outcome::refused && errno != EINTR) {

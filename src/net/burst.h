@@ -13,8 +13,8 @@ inline constexpr std::uint32_t largest_burst = 64;  // packets; what the kernel 
 // each goes elsewhere or with another TTL, and on a connection.
 [[nodiscard]] bool sends_bursts(const test_settings* settings);
 
-// Sends the next `count` packets of the run, at most largest_burst, over UDP or ICMP: each with its own header, slot,
-// send time and count, in order. UDP frames to one host are handed over side by side for the kernel to cut
+// Sends the next `count` packets of the run, at most largest_burst, over UDP or ICMP: each with its own header, slot
+// and count, in order. UDP frames to one host are handed over side by side for the kernel to cut
 // (UDP_SEGMENT), unless it or the device has refused once, and never in a command run: packets that travel as one
 // arrive as one. All else goes out with sendmmsg(2). A refused packet has its error line and counts as sent. Returns
 // how many were sent or refused: fewer than `count` when the test ended while the send buffer was full.

@@ -45,10 +45,15 @@ void prepare_message(std::uint32_t index) {
   message->msg_controllen = place->control.size();
 }
 
+// Of a message that it filled the kernel has changed the lengths.
+void prepare_again(std::uint32_t index) {
+  messages[index].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+  messages[index].msg_hdr.msg_controllen = control_bytes;
+}
+
 // Reads without waiting: a datagram that select announced may be gone again, dropped for a wrong checksum (select(2)).
-// The kernel has changed the messages that it filled the last time, and no others.
 int read_some(int socket, std::uint32_t most) {
-  for (std::uint32_t i = 0; i < stored_count; ++i) prepare_message(i);
+  for (std::uint32_t i = 0; i < stored_count; ++i) prepare_again(i);
   stored_count = next_stored = 0;
   for (; prepared_count < most; ++prepared_count) prepare_message(prepared_count);
   int got = 0;

@@ -59,8 +59,10 @@ frame_result receive_datagram(test_settings* settings, run_state* run, test_stat
   for (;; read_is_due = true) {
     received_datagram datagram = {};
     const std::uint32_t most = datagrams_to_expect(settings, run);
+    const bool was_read_ahead = has_read_ahead();
     const read_result read =
         read_is_due ? read_datagram(run->data_socket, most, &datagram) : read_result::nothing_there;
+    if (!was_read_ahead) run->step_time = datagram.arrival.reading;
     take_send_stamps(run);
     if (read == read_result::datagram) return handle_datagram(&datagram, settings, run, stats);
     if (read == read_result::no_socket) return report_failed_wait(settings);
@@ -114,10 +116,14 @@ frame_result receive_one_frame(test_settings* settings, run_state* run, test_sta
                  static_cast<long>(wait_usec % usec_per_second));
   }
   if (run->data_socket == -1) {
+    run->step_time = 0;
     (void)wait_on_socket(-1, socket_event::readable, &wait_usec);
     return frame_none;
   }
-  if (settings->tcp != 0) return receive_message(settings, run, stats, wait_usec);
+  if (settings->tcp != 0) {
+    run->step_time = 0;
+    return receive_message(settings, run, stats, wait_usec);
+  }
   return receive_datagram(settings, run, stats, wait_usec);
 }
 

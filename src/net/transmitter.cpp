@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/test_end.h"
@@ -50,8 +51,9 @@ stall_rules rules_of_run(const test_settings* settings, const test_stats* stats)
   return {.longest_usec = time_until_end(settings, stats), .discard_input = settings->ignore_responses != 0};
 }
 
-int send_on_connection(const test_settings* settings, const run_state* run, const test_stats* stats,
+int send_on_connection(const test_settings* settings, const run_state* run, const test_stats* stats, packet_slot* slot,
                        std::uint32_t length) {
+  slot->tx_time = clock_now();
   const stream_result result =
       send_all(run->data_socket, {transmit_buffer.data(), length}, rules_of_run(settings, stats));
   if (result.sent == length) return 0;
@@ -83,12 +85,12 @@ void move_on_in_sweep(test_settings* settings, const run_state* run) {
 // The slot is there before the send, whose time it takes.
 int send_test_packet(test_settings* settings, run_state* run, test_stats* stats, const command_body* command) {
   const std::uint32_t length = build_frame(settings, run, command);
-  packet_slot* slot = arm_slot(settings, run, run->current_tx__packet);
+  packet_slot* slot = arm_slot(settings, run, run->current_tx__packet, run->last_tx_time);
   if (settings->traceroute != 0 && uses_icmp(settings)) set_ttl_of_hop(settings, run);
-  print_debug_line(settings, run, stats, slot);
+  print_debug_line(settings, run, stats, run->current_tx__packet);
 
   const bool on_connection = settings->tcp != 0;
-  const int result = on_connection ? send_on_connection(settings, run, stats, length)
+  const int result = on_connection ? send_on_connection(settings, run, stats, slot, length)
                                    : send_as_datagram(settings, run, stats, slot, length);
   if (settings->command_mode != 0) clear_command_from_buffer();
   if (result != 0) return result;

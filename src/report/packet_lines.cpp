@@ -9,11 +9,11 @@
 #include "wire/icmp_echo.h"
 
 void print_debug_line(const test_settings* settings, const run_state* run, const test_stats* stats,
-                      const packet_slot* slot) {
+                      std::uint32_t sequence) {
   if (settings->debug == 0 || settings->remote_run != 0) return;
   std::fprintf(stdout, "%8.6f: Tx one, process_id = %08x, *current_tx__packet = %d, batch = %d\n",
-               usec_to_seconds(usec_between(stats->start_time, slot->tx_time)), settings->process_id,
-               low32(slot->sequence), low32(run->batch));
+               usec_to_seconds(usec_between(stats->start_time, clock_now())), settings->process_id, low32(sequence),
+               low32(run->batch));
 }
 
 void print_reception(std::uint32_t sequence, std::uint8_t icmp_type, std::int64_t usec, std::uint32_t source) {

@@ -8,9 +8,9 @@ struct run_state;
 struct test_settings;
 struct test_stats;
 
-// With -D, the line of the packet in `slot`, which is about to be sent, on standard output.
+// With -D, the line of packet `sequence`, which is about to be sent, on standard output.
 void print_debug_line(const test_settings* settings, const run_state* run, const test_stats* stats,
-                      const packet_slot* slot);
+                      std::uint32_t sequence);
 
 // The line of an answer, or of a packet of a stream, on standard output: its number, its ICMP type, its round trip or
 // its distance from the packet before it (usec), its source (network byte order).

@@ -4,12 +4,6 @@
 
 namespace {
 
-// Adds with the carry brought round, as one's-complement arithmetic asks.
-std::uint64_t add_with_carry(std::uint64_t sum, std::uint64_t word) {
-  sum += word;
-  return sum + static_cast<std::uint64_t>(sum < word);
-}
-
 std::uint16_t fold_to_16_bits(std::uint64_t sum) {
   while (sum > 0xFFFF) sum = (sum & 0xFFFF) + (sum >> 16U);
   return static_cast<std::uint16_t>(sum);
@@ -18,20 +12,19 @@ std::uint16_t fold_to_16_bits(std::uint64_t sum) {
 }  // namespace
 
 // The sum does not depend on the byte order in which the words are added (RFC 1071, section 2B), so it is taken in
-// wide words as they lie in memory; a short tail is padded with zeros, which add nothing.
+// wider words as they lie in memory, whose carries gather above them; a short tail is padded with zeros, which add
+// nothing.
 std::uint16_t internet_checksum(const std::uint8_t* bytes, std::size_t length) {
   std::uint64_t sum = 0;
-  std::uint64_t word = 0;
-  while (length >= sizeof word) {
+  std::uint32_t word = 0;
+  for (; length >= sizeof word; length -= sizeof word, bytes += sizeof word) {
     std::memcpy(&word, bytes, sizeof word);
-    sum = add_with_carry(sum, word);
-    bytes += sizeof word;
-    length -= sizeof word;
+    sum += word;
   }
   if (length != 0) {
     word = 0;
     std::memcpy(&word, bytes, length);
-    sum = add_with_carry(sum, word);
+    sum += word;
   }
   return fold_to_16_bits(sum);
 }

@@ -3,6 +3,7 @@
 #include "support/expect.h"
 
 static std::string progress(workbench* b, int result) {
+  b->run.step_time = 0;
   return said(result, [&] { return echo_progress(&b->settings, &b->run, &b->stats); });
 }
 

@@ -6,6 +6,7 @@
 // What the pacing releases `elapsed` usec after its last release.
 static std::uint32_t due_after(workbench* b, std::int64_t elapsed) {
   b->run.last_tx_time = world.now - elapsed;
+  b->run.step_time = 0;
   return packets_due(&b->settings, &b->run);
 }
 
