@@ -89,19 +89,19 @@ void set_defaults(test_settings* settings) {
 // What depends on more than one option. False after a message when the combination makes no test.
 bool complete_settings(test_settings* settings) {
   if (settings->end_host == 0) settings->end_host = settings->start_host;
-  if (settings->start_host == 0 && settings->partner_mode == 0) {
+  if (settings->start_host == 0 && !is_partner(settings)) {
     std::fprintf(stderr, "Error- Expecting a host to send traffic to\n");
     return false;
   }
-  if (settings->ignore_responses != 0 && settings->command_mode != 0) {
+  if (settings->ignore_responses != 0 && is_commander(settings)) {
     std::fprintf(stderr, "-c and -i incompatible\n");
     return false;
   }
   settings->delay_usec = std::max(settings->delay_usec, 1U);
   settings->command_period_usec = settings->delay_usec;
-  if (settings->command_mode != 0) settings->command_period_usec *= settings->remote_echoes + 1;
+  if (is_commander(settings)) settings->command_period_usec *= settings->remote_echoes + 1;
   settings->timeout_usec += std::min(settings->delay_usec, UINT32_MAX - settings->timeout_usec);
-  if (settings->udp != 0 && settings->tcp != 0) {
+  if (uses_udp(settings) && uses_tcp(settings)) {
     std::fprintf(stderr, "-u and -p incompatible\n");
     return false;
   }

@@ -21,7 +21,7 @@ struct preset {
 };
 
 void use_udp_unless_tcp(test_settings* settings) {
-  if (settings->tcp == 0) settings->udp = 1;
+  if (!uses_tcp(settings)) settings->udp = 1;
 }
 
 void set_client(test_settings* settings) {

@@ -31,7 +31,7 @@ void print_banner() {
 
 // The command carries both flags set; the commander itself waits for what comes back.
 void prepare_command(test_settings* settings, command_body* command) {
-  if (settings->command_mode == 0) return;
+  if (!is_commander(settings)) return;
   call_at_exit(close_unused_results_file);
   build_remote_command(settings, command);
   settings->ignore_responses = 0;

@@ -65,15 +65,43 @@ static_assert(offsetof(test_settings, command_period_usec) == 108);
 static_assert(offsetof(test_settings, multicast_interface) == 120);
 static_assert(offsetof(test_settings, show_buffers) == 140);
 
-// The modes, each a question to the record. Monitor: serves a commander. Echo: neither of the two partner modes.
+// The modes, each a question to the record. A partner is a monitor, which serves, or a commander, which measures what
+// the monitor sends; an echo test is neither.
+inline bool is_partner(const test_settings* settings) {
+  return settings->partner_mode != 0;
+}
+
+inline bool is_commander(const test_settings* settings) {
+  return settings->command_mode != 0;
+}
+
 inline bool is_monitor(const test_settings* settings) {
-  return settings->partner_mode != 0 && settings->command_mode == 0;
+  return is_partner(settings) && !is_commander(settings);
 }
 
 inline bool is_echo_mode(const test_settings* settings) {
-  return settings->partner_mode == 0 && settings->command_mode == 0;
+  return !is_partner(settings) && !is_commander(settings);
+}
+
+// The test that a monitor runs for a commander, within its own.
+inline bool is_command_run(const test_settings* settings) {
+  return settings->remote_run != 0;
+}
+
+// Whether the run may print: a command run is quiet.
+inline bool speaks(const test_settings* settings) {
+  return !is_command_run(settings);
+}
+
+// The carriers.
+inline bool uses_udp(const test_settings* settings) {
+  return settings->udp != 0;
+}
+
+inline bool uses_tcp(const test_settings* settings) {
+  return settings->tcp != 0;
 }
 
 inline bool uses_icmp(const test_settings* settings) {
-  return settings->udp == 0 && settings->tcp == 0;
+  return !uses_udp(settings) && !uses_tcp(settings);
 }

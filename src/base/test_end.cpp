@@ -14,7 +14,7 @@ test_end end_of_test(const test_settings* settings, const run_state* run) {
   if (stop_signal() != 0) return test_end::stopped;
   if (run->stop_requested != 0) return test_end::duration_over;
   if (is_monitor(settings)) return test_end::none;
-  const bool batches_are_complete = settings->command_mode != 0 && run->batch >= settings->total_requests;
+  const bool batches_are_complete = is_commander(settings) && run->batch >= settings->total_requests;
   return all_is_sent(settings, run) || batches_are_complete ? test_end::all_done : test_end::none;
 }
 

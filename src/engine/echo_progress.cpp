@@ -25,12 +25,12 @@ void report_answered(const test_settings* settings, std::uint32_t sequence, cons
                      test_stats* stats) {
   const std::int64_t round_trip_usec = usec_between(slot->tx_time, slot->rx_time);
   add_latency(stats, round_trip_usec);
-  if (settings->silent != 0 || settings->remote_run != 0) return;
+  if (settings->silent != 0 || !speaks(settings)) return;
   print_reception(sequence, slot->response_type, round_trip_usec, slot->responder);
 }
 
 void report_lost(const test_settings* settings, std::uint32_t sequence, const packet_slot* slot) {
-  if (settings->no_timeout_messages != 0 || settings->remote_run != 0) return;
+  if (settings->no_timeout_messages != 0 || !speaks(settings)) return;
   print_timeout(sequence, slot);
 }
 

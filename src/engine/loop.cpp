@@ -32,7 +32,7 @@ constexpr std::size_t packet_table_bytes = packet_table_slots * sizeof(packet_sl
 constexpr std::int64_t full_connection_wait_usec = 1000;
 
 void derive_sizes(test_settings* settings, run_state* run) {
-  const packet_sizes sizes = sizes_for_carrier(settings->udp != 0, settings->tcp != 0, settings->ip_length);
+  const packet_sizes sizes = sizes_for_carrier(uses_udp(settings), uses_tcp(settings), settings->ip_length);
   settings->ip_length = sizes.ip_length;
   settings->payload_length = sizes.payload_length;
   run->transmit_length = sizes.transmit_length;
@@ -58,21 +58,21 @@ void free_packet_table(run_state* run) {
 
 // Commands all go to the first host.
 std::uint32_t hosts_of_test(const test_settings* settings) {
-  if (settings->command_mode != 0) return 1;
+  if (is_commander(settings)) return 1;
   return ntohl(settings->end_host) - ntohl(settings->start_host) + 1;
 }
 
 // A monitor that still streams for a run before this one could not take our command, and its packets would be counted
 // as ours: they are read away first, but not for ever. On a connection that run is over with its connection.
 void await_silence(const test_settings* settings, const run_state* run) {
-  if (settings->command_mode != 0 && settings->tcp == 0) flush_pending_frames(run->data_socket);
+  if (is_commander(settings) && !uses_tcp(settings)) flush_pending_frames(run->data_socket);
 }
 
 // The clock starts last, so that nothing of this is measured.
 void start_run(test_settings* settings, run_state* run, test_stats* stats) {
   *stats = {};
   print_host_range(settings);
-  if (settings->remote_run == 0) answer_progress_with(print_progress, settings, run, stats);
+  if (speaks(settings)) answer_progress_with(print_progress, settings, run, stats);
   derive_sizes(settings, run);
   allocate_packet_table(run);
   if (settings->process_id == 0) settings->process_id = static_cast<std::uint32_t>(getpid());
@@ -98,9 +98,16 @@ void await_first_sender(test_settings* settings) {
   settings->start_host = inet_addr("127.0.0.1");
 }
 
+// A connection whose read failed has lost its place in the stream, and ends.
+frame_result read_frame(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
+  const frame_result status = receive_one_frame(settings, run, stats, wait_usec);
+  if (status == frame_failed && uses_tcp(settings)) close_data_socket(run);
+  return status;
+}
+
 bool keep_receiving(test_settings* settings, run_state* run, test_stats* stats, frame_result status) {
-  if (settings->command_mode != 0) return batch_report(settings, run, stats, status) != 0;
-  if (settings->partner_mode != 0) return true;
+  if (is_commander(settings)) return batch_report(settings, run, stats, status) != 0;
+  if (is_partner(settings)) return true;
   return echo_progress(settings, run, stats) != 0;
 }
 
@@ -117,14 +124,13 @@ void take_connection(run_state* run) {
 void receive_phase(std::int64_t shortest_wait_usec, test_settings* settings, run_state* run, test_stats* stats) {
   bool goes_on = true;
   while (goes_on && !was_cut_short(settings, run)) {
-    if (settings->partner_mode != 0 && run->data_socket == -1) {
+    if (is_partner(settings) && run->data_socket == -1) {
       take_connection(run);
       if (was_cut_short(settings, run)) return;
     }
     const std::int64_t wait_usec = std::max(time_until_next_event(settings, run), shortest_wait_usec);
-    const frame_result status = receive_one_frame(settings, run, stats, wait_usec);
-    if (status < frame_none && settings->tcp != 0) close_data_socket(run);
-    if (was_cut_short(settings, run) && settings->command_mode != 0) return;  // the open batch is dropped, not judged
+    const frame_result status = read_frame(settings, run, stats, wait_usec);
+    if (was_cut_short(settings, run) && is_commander(settings)) return;  // the open batch is dropped, not judged
     goes_on = keep_receiving(settings, run, stats, status);
   }
 }
@@ -140,7 +146,7 @@ void run_one_pass(test_settings* settings, run_state* run, test_stats* stats, co
     return;
   }
   if (is_monitor(settings) && uses_icmp(settings)) await_first_sender(settings);
-  if (settings->command_mode != 0) {
+  if (is_commander(settings)) {
     if (run->current_tx__packet == 0) return;  // the test ended before its command could leave
     open_batch(run, stats);
   }
@@ -151,8 +157,7 @@ void run_one_pass(test_settings* settings, run_state* run, test_stats* stats, co
 void settle_outstanding(test_settings* settings, run_state* run, test_stats* stats) {
   while (run->oldest_outstanding < run->current_tx__packet) {
     const std::int64_t wait_usec = time_until_timeout(settings, run);
-    const frame_result status = receive_one_frame(settings, run, stats, wait_usec);
-    if (status < frame_none && settings->tcp != 0) close_data_socket(run);
+    (void)read_frame(settings, run, stats, wait_usec);
     (void)echo_progress(settings, run, stats);
   }
 }
@@ -160,8 +165,8 @@ void settle_outstanding(test_settings* settings, run_state* run, test_stats* sta
 // A commander that was cut short asked for no more than it got. A monitor that a stop signal ends has nothing to sum
 // up; one that ends by itself is like any other run.
 void report_end(test_settings* settings, const run_state* run, const test_stats* stats) {
-  if (settings->remote_run != 0) return;
-  if (settings->command_mode != 0) {
+  if (!speaks(settings)) return;
+  if (is_commander(settings)) {
     if (was_cut_short(settings, run)) settings->echo_count = run->batch;
     write_results_files(settings, stats);
   } else if (!is_monitor(settings) || !was_cut_short(settings, run)) {
@@ -175,7 +180,7 @@ void finish_run(test_settings* settings, run_state* run, test_stats* stats) {
   if (was_cut_short(settings, run) && waits_for_answers) settle_outstanding(settings, run, stats);
   stats->end_time = clock_now();
   free_packet_table(run);
-  if (settings->remote_run == 0) answer_progress_with(nullptr, nullptr, nullptr, nullptr);
+  if (speaks(settings)) answer_progress_with(nullptr, nullptr, nullptr, nullptr);
   report_end(settings, run, stats);
   if (end_of_test(settings, run) == test_end::connection_gone) end_without_connection();
 }
@@ -190,7 +195,7 @@ int run_test(test_settings* settings, test_stats* stats, run_state* run, const c
 }
 
 void print_host_range(const test_settings* settings) {
-  if (settings->remote_run != 0) return;
+  if (!speaks(settings)) return;
   if (settings->start_host == settings->end_host) {
     std::fprintf(stderr, "Destination IP = %s\n", address_text(settings->start_host));
     return;

@@ -58,7 +58,7 @@ std::int64_t usec_until_timeout(const test_settings* settings, const run_state* 
 }  // namespace
 
 std::uint32_t packets_due(const test_settings* settings, run_state* run) {
-  if (is_monitor(settings) && settings->tcp != 0) return 0;  // a TCP monitor never transmits
+  if (is_monitor(settings) && uses_tcp(settings)) return 0;  // a TCP monitor never transmits
 
   const std::int64_t now = time_of_step(run);
   const bool nothing_sent = run->current_tx__packet == 0;
@@ -68,7 +68,7 @@ std::uint32_t packets_due(const test_settings* settings, run_state* run) {
   std::uint32_t due = periods;
   if (nothing_sent && due == 0) due = 1;
   due = std::min(due, requests_left(settings, run));
-  if (settings->command_mode != 0) due = 1;
+  if (is_commander(settings)) due = 1;
   if (settings->ignore_responses == 0) {
     due = static_cast<std::uint32_t>(std::min<std::int64_t>(due, window_room(settings, run)));
   }
@@ -87,7 +87,7 @@ void return_credit(std::uint32_t packets, const test_settings* settings, run_sta
 }
 
 std::int64_t time_until_next_event(const test_settings* settings, run_state* run) {
-  if (settings->partner_mode != 0) return partner_wait_usec;
+  if (is_partner(settings)) return partner_wait_usec;
 
   const std::int64_t now = time_of_step(run);
   std::int64_t wait = usec_until_timeout(settings, run, now);

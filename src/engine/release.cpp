@@ -20,7 +20,7 @@ namespace {
 // After a failed send nothing more is due. A command run leaves closing to the monitor that lent the socket, which
 // finds the connection ended at its next read: half a message would shift everything behind it.
 void end_sending(const test_settings* settings, run_state* run) {
-  if (settings->remote_run != 0) {
+  if (is_command_run(settings)) {
     shutdown(run->data_socket, SHUT_RDWR);
   } else {
     close_data_socket(run);
@@ -31,7 +31,7 @@ void end_sending(const test_settings* settings, run_state* run) {
 // In echo mode a TCP connection that takes nothing more ends the release: its answers have to be read first, or both
 // sides would wait for each other to read.
 bool must_read_first(const test_settings* settings, const run_state* run) {
-  return settings->tcp != 0 && is_echo_mode(settings) && settings->ignore_responses == 0 &&
+  return uses_tcp(settings) && is_echo_mode(settings) && settings->ignore_responses == 0 &&
          !has_room_to_send(run->data_socket);
 }
 
@@ -39,7 +39,7 @@ bool must_read_first(const test_settings* settings, const run_state* run) {
 std::uint32_t send_some(std::uint32_t due, test_settings* settings, run_state* run, test_stats* stats,
                         const command_body* command) {
   if (sends_bursts(settings)) return send_burst(settings, run, stats, std::min(due, largest_burst));
-  if (settings->command_mode != 0) arm_batch(settings, run);  // its first packets may come before the send returns
+  if (is_commander(settings)) arm_batch(settings, run);  // its first packets may come before the send returns
   const int result = send_test_packet(settings, run, stats, command);
   if (result < 0) end_sending(settings, run);
   if (result > 0) run->stop_requested = 1;

@@ -89,7 +89,7 @@ bool will_never_segment(int error) {
 
 // Packets of one call side by side; fewer than two: not that way.
 std::uint32_t segments_of_call(const test_settings* settings, const run_state* run, std::uint32_t count) {
-  if (settings->udp == 0 || settings->remote_run != 0 || run->segmentation_refused != 0) return 0;
+  if (!uses_udp(settings) || is_command_run(settings) || run->segmentation_refused != 0) return 0;
   return std::min(count, largest_udp_bytes / run->transmit_length);
 }
 
@@ -114,7 +114,7 @@ void note_send_times(const run_state* run, std::uint32_t first, std::uint32_t co
 }  // namespace
 
 bool sends_bursts(const test_settings* settings) {
-  return settings->ignore_responses != 0 && settings->tcp == 0 && settings->command_mode == 0 &&
+  return settings->ignore_responses != 0 && !uses_tcp(settings) && !is_commander(settings) &&
          settings->traceroute == 0 && settings->total_requests == settings->echo_count;  // one host
 }
 

@@ -20,7 +20,7 @@ namespace {
 constexpr std::int64_t buffer_slice_usec = 10000;
 
 bool serves_others(const test_settings* settings) {
-  return is_monitor(settings) || settings->remote_run != 0;
+  return is_monitor(settings) || is_command_run(settings);
 }
 
 }  // namespace
@@ -65,7 +65,7 @@ datagram_sent send_datagram(const test_settings* settings, const run_state* run,
 
 void report_refused_packet(const test_settings* settings, run_state* run, std::uint32_t length, ssize_t result) {
   if (serves_others(settings) && errno == EACCES) return;
-  if (settings->remote_run != 0 && run->refusal_reported != 0) return;
+  if (is_command_run(settings) && run->refusal_reported != 0) return;
   run->refusal_reported = 1;
   std::fprintf(stdout, "Err- could not send %d bytes, sent %d bytes\n", static_cast<int>(length),
                static_cast<int>(result));

@@ -55,7 +55,7 @@ bool find_counter(std::string_view text, std::string_view protocol, std::string_
 // which the host's count leaves out; in an echo test, at a raw socket, frames that were not for this test.
 std::uint64_t cost_of_full_buffer(std::uint64_t dropped, const test_settings* settings, const test_stats* stats,
                                   const host_counters* before, const host_counters* now) {
-  if (settings->udp != 0 && now->known) dropped = std::min(dropped, now->full_buffers - before->full_buffers);
+  if (uses_udp(settings) && now->known) dropped = std::min(dropped, now->full_buffers - before->full_buffers);
   if (is_echo_mode(settings)) dropped = std::min(dropped, stats->tx_packets - stats->rx_packets);
   return dropped;
 }
@@ -64,7 +64,7 @@ void add_full_receive_buffer(const test_settings* settings, const run_state* run
                              const host_counters* before, const host_counters* now, host_losses* losses) {
   std::array<std::uint32_t, SK_MEMINFO_VARS> figures = {};
   socklen_t length = sizeof figures;
-  if (settings->tcp != 0 || settings->ignore_responses != 0) return;
+  if (uses_tcp(settings) || settings->ignore_responses != 0) return;
   if (getsockopt(run->data_socket, SOL_SOCKET, SO_MEMINFO, figures.data(), &length) != 0) return;
   losses->dropped_datagrams = cost_of_full_buffer(figures[SK_MEMINFO_DROPS], settings, stats, before, now);
   losses->buffer_bytes = figures[SK_MEMINFO_RCVBUF];

@@ -68,7 +68,7 @@ frame_result settle_quoted_request(const icmp_datagram* parts, const frame_arriv
 void lock_monitor(const icmp_echo* echo, std::uint32_t source, test_settings* settings) {
   if (source == inet_addr("127.0.0.1")) return;
   settings->process_id = echo->identifier;
-  if (settings->remote_run != 0) return;
+  if (!speaks(settings)) return;
   std::fprintf(stdout, "Monitor locked on %s, id %d\n", address_text(source), low32(settings->process_id));
 }
 
@@ -97,7 +97,7 @@ void count_stream_packet(const stream_packet* packet, run_state* run, test_stats
 frame_result track_stream_packet(const icmp_echo* echo, std::uint32_t source, const frame_arrival* arrival,
                                  const test_settings* settings, run_state* run, test_stats* stats) {
   const stream_packet packet = judge_stream_packet(settings, run, echo->sequence, arrival);
-  if (!packet.is_first && settings->remote_run == 0) print_stream_packet(echo, source, &packet, settings, run);
+  if (!packet.is_first && speaks(settings)) print_stream_packet(echo, source, &packet, settings, run);
   count_stream_packet(&packet, run, stats);
   return frame_counted;
 }
@@ -106,10 +106,10 @@ frame_result handle_echo_reply(const icmp_datagram* parts, const frame_arrival* 
                                run_state* run, test_stats* stats) {
   const icmp_echo echo = read_icmp_echo(parts->icmp);
   if (echo.identifier == static_cast<std::uint16_t>(settings->process_id)) {
-    if (settings->partner_mode != 0) return track_stream_packet(&echo, parts->source, arrival, settings, run, stats);
+    if (is_partner(settings)) return track_stream_packet(&echo, parts->source, arrival, settings, run, stats);
     return settle_echo_reply(&echo, parts->source, arrival, settings, run, stats);
   }
-  if (settings->partner_mode != 0 && settings->process_id == 0) lock_monitor(&echo, parts->source, settings);
+  if (is_partner(settings) && settings->process_id == 0) lock_monitor(&echo, parts->source, settings);
   return frame_none;
 }
 
@@ -133,7 +133,7 @@ frame_result handle_icmp_response(const std::uint8_t* datagram, int length, cons
   if (length < 0 || !locate_icmp({datagram, static_cast<std::size_t>(length)}, &parts)) return frame_none;
 
   if (internet_checksum(parts.icmp.data(), parts.icmp.size()) != 0xFFFF) {
-    if (settings->remote_run == 0) std::fprintf(stderr, "Error: Received ICMP message with bad ICMP checksum\n");
+    if (speaks(settings)) std::fprintf(stderr, "Error: Received ICMP message with bad ICMP checksum\n");
     return frame_none;
   }
   const std::uint8_t type = parts.icmp[0];
@@ -141,7 +141,7 @@ frame_result handle_icmp_response(const std::uint8_t* datagram, int length, cons
   if (type == icmp_destination_unreachable || type == icmp_time_exceeded) {
     return settle_quoted_request(&parts, arrival, settings, run, stats);
   }
-  if (!is_known_type(type) && settings->remote_run == 0) {
+  if (!is_known_type(type) && speaks(settings)) {
     std::fprintf(stderr, "Error: Inavlid ICMP type received\n");
   }
   return frame_none;

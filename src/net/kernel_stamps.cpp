@@ -99,7 +99,7 @@ std::int64_t arrival_in_stream(const frame_arrival* arrival, std::int64_t last) 
 }
 
 void ask_for_send_stamps(const test_settings* settings, run_state* run) {
-  if (!is_echo_mode(settings) || settings->ignore_responses != 0 || settings->tcp != 0) return;
+  if (!is_echo_mode(settings) || settings->ignore_responses != 0 || uses_tcp(settings)) return;
   if (settings->delay_usec < shortest_stamped_delay_usec) return;
   run->stamps_sends = set_socket_option(run->data_socket, SOL_SOCKET, SO_TIMESTAMPING, wanted_stamps) == 0 ? 1 : 0;
 }

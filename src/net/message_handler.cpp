@@ -64,7 +64,7 @@ void send_echo_reply(const test_header* request, sender_address sender, std::siz
       .length = static_cast<std::uint32_t>(length),
   };
   write_test_header(&reply, reply_buffer.data());
-  if (settings->tcp != 0) {
+  if (uses_tcp(settings)) {
     send_reply_on_connection(run->data_socket, length);
     return;
   }
@@ -107,8 +107,8 @@ void count_gap(const stream_packet* packet, test_stats* stats) {
 frame_result track_stream_packet(const test_header* header, std::uint32_t source, const frame_arrival* arrival,
                                  const test_settings* settings, run_state* run, test_stats* stats) {
   const stream_packet packet = judge_stream_packet(settings, run, header->sequence, arrival);
-  if (settings->silent == 0 && settings->remote_run == 0) print_arrival(header, source, &packet);
-  if (!packet.is_first && settings->remote_run == 0) print_irregularity(header, &packet, run);
+  if (settings->silent == 0 && speaks(settings)) print_arrival(header, source, &packet);
+  if (!packet.is_first && speaks(settings)) print_irregularity(header, &packet, run);
   count_gap(&packet, stats);
   record_arrival(packet.sequence, source, packet.time, run, stats);
   return packet.sequence == settings->remote_echoes - 1 ? frame_ends_batch : frame_counted;
@@ -140,7 +140,7 @@ frame_result handle_test_message(std::uint32_t source_address, std::uint16_t sou
   if (!read_test_header({message, bytes}, &header)) return frame_none;
   if (header.type == message_operation && bytes < sizeof(operation_message)) return frame_none;
 
-  if (settings->partner_mode != 0) adopt_partner(&header, settings, run);
+  if (is_partner(settings)) adopt_partner(&header, settings, run);
   if (header.process_id != settings->process_id) return frame_none;
 
   switch (header.type) {
@@ -149,15 +149,14 @@ frame_result handle_test_message(std::uint32_t source_address, std::uint16_t sou
       [[fallthrough]];
     case message_echo_reply:
     case message_data:
-      if (settings->partner_mode != 0)
-        return track_stream_packet(&header, source_address, arrival, settings, run, stats);
+      if (is_partner(settings)) return track_stream_packet(&header, source_address, arrival, settings, run, stats);
       settle_answered_request(&header, source_address, arrival, run, stats);
       return frame_none;
     case message_operation:
       run_remote_command(message, &header, source_address, settings, run);
       return frame_none;
     default:
-      if (settings->remote_run == 0) std::fprintf(stderr, "Error: Inavlid UDP type received\n");
+      if (speaks(settings)) std::fprintf(stderr, "Error: Inavlid UDP type received\n");
       return frame_none;
   }
 }

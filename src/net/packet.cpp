@@ -9,14 +9,14 @@
 namespace {
 
 message_type type_of_message(const test_settings* settings) {
-  if (settings->command_mode != 0) return message_operation;
+  if (is_commander(settings)) return message_operation;
   return settings->unidirectional != 0 ? message_data : message_echo_request;
 }
 
 }  // namespace
 
 std::uint32_t frame_bytes(const test_settings* settings, const run_state* run) {
-  return settings->command_mode != 0 ? std::uint32_t{sizeof(operation_message)} : run->transmit_length;
+  return is_commander(settings) ? std::uint32_t{sizeof(operation_message)} : run->transmit_length;
 }
 
 std::uint32_t write_frame_header(const test_settings* settings, const run_state* run, std::uint32_t sequence,

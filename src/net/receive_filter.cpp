@@ -32,7 +32,7 @@ void leave_out_everything(int socket) {
 }  // namespace
 
 void leave_out_own_traffic(const test_settings* settings, const run_state* run) {
-  if (settings->remote_run != 0 || settings->tcp != 0) return;
+  if (is_command_run(settings) || uses_tcp(settings)) return;
   if (settings->ignore_responses != 0) {
     leave_out_types(run->data_socket, all_types);  // a UDP socket has none
     leave_out_everything(run->data_socket);

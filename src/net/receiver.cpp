@@ -33,7 +33,7 @@ std::uint32_t datagrams_to_expect(const test_settings* settings, const run_state
 }
 
 frame_result report_failed_wait(const test_settings* settings) {
-  if (settings->remote_run == 0) std::fprintf(stderr, "Error- socket error on socket\n");
+  if (speaks(settings)) std::fprintf(stderr, "Error- socket error on socket\n");
   return frame_failed;
 }
 
@@ -42,10 +42,10 @@ frame_result handle_datagram(const received_datagram* datagram, test_settings* s
   const auto length = static_cast<int>(datagram->bytes.size());
   if (datagram->failed) return frame_none;
   if (length == 0) {
-    if (settings->remote_run == 0) std::fprintf(stderr, "Error- zero length recvfrom on an icmp socket\n");
+    if (speaks(settings)) std::fprintf(stderr, "Error- zero length recvfrom on an icmp socket\n");
     return frame_failed;
   }
-  if (settings->udp == 0) {
+  if (!uses_udp(settings)) {
     return handle_icmp_response(datagram->bytes.data(), length, &datagram->arrival, settings, stats, run);
   }
   return handle_test_message(datagram->source, datagram->source_port, datagram->bytes.data(), length,
@@ -55,7 +55,7 @@ frame_result handle_datagram(const received_datagram* datagram, test_settings* s
 // An echo test reads first and waits only when nothing is there: while answers stream in, that saves a call for each.
 // In partner mode that read would find nothing, but for what was read ahead.
 frame_result receive_datagram(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
-  bool read_is_due = settings->partner_mode == 0 || wait_usec == 0 || has_read_ahead();
+  bool read_is_due = !is_partner(settings) || wait_usec == 0 || has_read_ahead();
   for (;; read_is_due = true) {
     received_datagram datagram = {};
     const std::uint32_t most = datagrams_to_expect(settings, run);
@@ -111,7 +111,7 @@ bool is_stream(int socket) {
 }  // namespace
 
 frame_result receive_one_frame(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
-  if (settings->debug != 0 && settings->remote_run == 0) {
+  if (settings->debug != 0 && speaks(settings)) {
     std::fprintf(stdout, "Select for %ld.%06ld\n", static_cast<long>(wait_usec / usec_per_second),
                  static_cast<long>(wait_usec % usec_per_second));
   }
@@ -120,7 +120,7 @@ frame_result receive_one_frame(test_settings* settings, run_state* run, test_sta
     (void)wait_on_socket(-1, socket_event::readable, &wait_usec);
     return frame_none;
   }
-  if (settings->tcp != 0) {
+  if (uses_tcp(settings)) {
     run->step_time = 0;
     return receive_message(settings, run, stats, wait_usec);
   }

@@ -52,7 +52,7 @@ int open_udp_socket(const test_settings* settings) {
     std::fprintf(stderr, "Error- Could not bind in socket.\n");
     cleanup_exit(1);
   }
-  if (settings->partner_mode != 0 && IN_MULTICAST(ntohl(settings->start_host))) {
+  if (is_partner(settings) && IN_MULTICAST(ntohl(settings->start_host))) {
     join_multicast_group(descriptor, settings);
   }
   return descriptor;
@@ -85,14 +85,14 @@ void set_type_of_service(const test_settings* settings, const run_state* run) {
 
 void open_test_socket(const test_settings* settings, run_state* run) {
   if (run->data_socket != 0) return;
-  if (settings->udp != 0) {
+  if (uses_udp(settings)) {
     run->data_socket = open_udp_socket(settings);
-  } else if (settings->tcp != 0) {
+  } else if (uses_tcp(settings)) {
     open_tcp_socket(settings, run);
   } else {
     run->data_socket = open_icmp_socket(settings);
   }
-  if (settings->tcp == 0 && settings->ignore_responses == 0) ask_for_arrival_stamps(run->data_socket);
+  if (!uses_tcp(settings) && settings->ignore_responses == 0) ask_for_arrival_stamps(run->data_socket);
   ask_for_send_stamps(settings, run);
   set_type_of_service(settings, run);
 }

@@ -28,7 +28,7 @@ constexpr std::uint32_t largest_ttl = 127;
 // Returns the length of the frame in bytes.
 std::uint32_t build_frame(const test_settings* settings, const run_state* run, const command_body* command) {
   write_frame_header(settings, run, run->current_tx__packet, transmit_buffer.data());
-  if (settings->command_mode != 0) {
+  if (is_commander(settings)) {
     std::memcpy(transmit_buffer.data() + test_header_bytes, command->bytes, sizeof command->bytes);
   }
   return frame_bytes(settings, run);
@@ -42,12 +42,12 @@ void clear_command_from_buffer() {
 // Packet 0 leaves with TTL 1, so that every packet reaches one hop further.
 void set_ttl_of_hop(const test_settings* settings, const run_state* run) {
   const int ttl = static_cast<int>(std::min(run->current_tx__packet, largest_ttl - 1) + 1);
-  if (setsockopt(run->data_socket, IPPROTO_IP, IP_TTL, &ttl, sizeof ttl) == 0 || settings->remote_run != 0) return;
+  if (setsockopt(run->data_socket, IPPROTO_IP, IP_TTL, &ttl, sizeof ttl) == 0 || !speaks(settings)) return;
   std::fprintf(stderr, "ERROR: Could not set TTL for outbound request. Permissions?\n");
 }
 
 stall_rules rules_of_run(const test_settings* settings, const test_stats* stats) {
-  if (settings->remote_run != 0) return patience_of_a_monitor;
+  if (is_command_run(settings)) return patience_of_a_monitor;
   return {.longest_usec = time_until_end(settings, stats), .discard_input = settings->ignore_responses != 0};
 }
 
@@ -76,7 +76,7 @@ int send_as_datagram(const test_settings* settings, run_state* run, const test_s
 }
 
 void move_on_in_sweep(test_settings* settings, const run_state* run) {
-  if (settings->command_mode != 0 || run->current_tx__packet % settings->echo_count != 0) return;
+  if (is_commander(settings) || run->current_tx__packet % settings->echo_count != 0) return;
   settings->start_host = htonl(ntohl(settings->start_host) + 1);
 }
 
@@ -89,10 +89,10 @@ int send_test_packet(test_settings* settings, run_state* run, test_stats* stats,
   if (settings->traceroute != 0 && uses_icmp(settings)) set_ttl_of_hop(settings, run);
   print_debug_line(settings, run, stats, run->current_tx__packet);
 
-  const bool on_connection = settings->tcp != 0;
+  const bool on_connection = uses_tcp(settings);
   const int result = on_connection ? send_on_connection(settings, run, stats, slot, length)
                                    : send_as_datagram(settings, run, stats, slot, length);
-  if (settings->command_mode != 0) clear_command_from_buffer();
+  if (is_commander(settings)) clear_command_from_buffer();
   if (result != 0) return result;
 
   ++stats->tx_packets;

@@ -10,7 +10,7 @@
 
 void print_debug_line(const test_settings* settings, const run_state* run, const test_stats* stats,
                       std::uint32_t sequence) {
-  if (settings->debug == 0 || settings->remote_run != 0) return;
+  if (settings->debug == 0 || !speaks(settings)) return;
   std::fprintf(stdout, "%8.6f: Tx one, process_id = %08x, *current_tx__packet = %d, batch = %d\n",
                usec_to_seconds(usec_between(stats->start_time, clock_now())), settings->process_id, low32(sequence),
                low32(run->batch));

@@ -77,8 +77,8 @@ void write_common_headers(std::FILE* row, char separator) {
 }
 
 const char* protocol_name(const test_settings* settings) {
-  if (settings->udp != 0) return "udp";
-  return settings->tcp != 0 ? "tcp" : "icmp";
+  if (uses_udp(settings)) return "udp";
+  return uses_tcp(settings) ? "tcp" : "icmp";
 }
 
 // A packet of another run can have moved the batch, to a number that is none.

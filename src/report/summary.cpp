@@ -47,7 +47,7 @@ struct packet_counts {
 };
 
 packet_counts counts_so_far(const test_settings* settings, const run_state* run, const test_stats* stats) {
-  if (settings->command_mode == 0) return {stats->tx_packets, stats->rx_packets, stats->lost_packets};
+  if (!is_commander(settings)) return {stats->tx_packets, stats->rx_packets, stats->lost_packets};
   const std::uint64_t sent = static_cast<std::uint64_t>(run->batch) * settings->remote_echoes;
   const std::uint64_t lost = stats->lost_packets + stats->lost_in_bad_samples;
   return {sent, sent - lost, lost};
@@ -85,7 +85,7 @@ void print_latencies(const test_stats* stats) {
 }  // namespace
 
 void print_running_bitrate(const test_settings* settings, const run_state* run, const test_stats* stats) {
-  if (settings->remote_run != 0) return;
+  if (!speaks(settings)) return;
   const window_rates rates = rates_of_window(settings, run);
   if (stats->tx_packets == 0) {
     std::fprintf(stdout, "Running Bitrate: %7.3f Megabits/s, %6.1f fps\n", rates.megabits_per_second,
