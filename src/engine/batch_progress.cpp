@@ -7,7 +7,7 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/test_end.h"
-#include "net/receiver.h"
+#include "net/receive_frame.h"
 #include "report/batch_judgement.h"
 #include "report/batch_line.h"
 #include "report/buffer_consumption.h"

@@ -10,10 +10,10 @@
 #include "base/test_end.h"
 #include "engine/batch_progress.h"
 #include "engine/pacing.h"
-#include "net/burst.h"
+#include "net/send_burst.h"
+#include "net/send_packet.h"
+#include "net/socket_connection.h"
 #include "net/socket_wait.h"
-#include "net/tcp_connection.h"
-#include "net/transmitter.h"
 
 namespace {
 

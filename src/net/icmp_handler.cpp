@@ -10,7 +10,7 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "net/kernel_stamps.h"
-#include "net/stream_packet.h"
+#include "net/receive_stream.h"
 #include "report/packet_lines.h"
 #include "wire/checksum.h"
 #include "wire/icmp_echo.h"

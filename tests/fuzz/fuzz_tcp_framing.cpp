@@ -1,7 +1,7 @@
 // The reader of a TCP stream: a monitor, an echo test or a commander, pieces and pauses included.
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include "net/receiver.h"
+#include "net/receive_frame.h"
 #include "support/workbench.h"
 
 // Who reads, then the pieces, each behind a pause of up to 13 s. What does not fit while nobody reads is lost.

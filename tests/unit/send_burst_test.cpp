@@ -1,4 +1,4 @@
-#include "net/burst.h"
+#include "net/send_burst.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "net/receive_filter.h"
+#include "net/socket_filter.h"
 
 #include <linux/filter.h>
 #include <linux/icmp.h>

@@ -1,4 +1,4 @@
-#include "net/packet.h"
+#include "net/send_frame.h"
 
 #include "base/run_records.h"
 #include "base/settings.h"

@@ -1,4 +1,4 @@
-#include "net/datagram_send.h"
+#include "net/send_datagram.h"
 
 #include <sys/socket.h>
 

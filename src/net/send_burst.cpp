@@ -1,4 +1,4 @@
-#include "net/burst.h"
+#include "net/send_burst.h"
 
 #include <netinet/in.h>
 #include <netinet/udp.h>
@@ -12,8 +12,8 @@
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
-#include "net/datagram_send.h"
-#include "net/packet.h"
+#include "net/send_datagram.h"
+#include "net/send_frame.h"
 #include "report/packet_lines.h"
 #include "wire/packet_sizes.h"
 

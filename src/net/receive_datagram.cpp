@@ -1,4 +1,4 @@
-#include "net/datagram_read.h"
+#include "net/receive_datagram.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>

@@ -1,11 +1,11 @@
-#include "net/tcp_connection.h"
+#include "net/socket_connection.h"
 
 #include <cerrno>
 
 #include "base/signals.h"
 #include "engine/loop.h"
 #include "net/message_handler.h"
-#include "net/receiver.h"
+#include "net/receive_frame.h"
 #include "support/expect.h"
 #include "wire/remote_command.h"
 

@@ -1,4 +1,4 @@
-#include "net/stream_packet.h"
+#include "net/receive_stream.h"
 
 #include "base/clock.h"
 #include "base/run_records.h"

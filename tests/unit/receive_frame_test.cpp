@@ -1,4 +1,4 @@
-#include "net/receiver.h"
+#include "net/receive_frame.h"
 
 #include "base/signals.h"
 #include "support/expect.h"

@@ -1,4 +1,4 @@
-#include "net/sockets.h"
+#include "net/socket_open.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -12,8 +12,8 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "net/kernel_stamps.h"
+#include "net/socket_connection.h"
 #include "net/socket_options.h"
-#include "net/tcp_connection.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "net/tcp_connection.h"
+#include "net/socket_connection.h"
 
 #include <fcntl.h>
 #include <netinet/tcp.h>

@@ -1,4 +1,4 @@
-#include "net/receiver.h"
+#include "net/receive_frame.h"
 
 #include <sys/socket.h>
 
@@ -10,10 +10,10 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/signals.h"
-#include "net/datagram_read.h"
 #include "net/icmp_handler.h"
 #include "net/kernel_stamps.h"
 #include "net/message_handler.h"
+#include "net/receive_datagram.h"
 #include "net/socket_wait.h"
 #include "wire/messages.h"
 

@@ -1,4 +1,4 @@
-#include "net/transmitter.h"
+#include "net/send_packet.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -12,10 +12,10 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/test_end.h"
-#include "net/datagram_send.h"
 #include "net/kernel_stamps.h"
-#include "net/packet.h"
-#include "net/tcp_connection.h"
+#include "net/send_datagram.h"
+#include "net/send_frame.h"
+#include "net/socket_connection.h"
 #include "report/packet_lines.h"
 #include "wire/remote_command.h"
 
