@@ -10,7 +10,7 @@ from lab import VORN, Program, eventually
 from bottleneck import FAR, Way, bottleneck
 from vorn_companions.line import arrivals, delay, measure, pace, search, verdict
 from vorn_companions.line.result import Line, Rate
-from vorn_companions.store import database
+from vorn_companions.store import database, reading
 
 needs_root = pytest.mark.skipif(os.geteuid() != 0, reason="a network namespace needs root")
 DOWN, UP = Way(8, 32), Way(2, 16)
@@ -123,7 +123,7 @@ def test_a_shaped_line_is_measured_kept_and_drawn(tmp_path):
     assert found["lossless"]["mbps"] is None or 0.3 < found["lossless"]["mbps"] / DOWN.payload_mbps < 1.02
     assert found["path"]["reached"] and [hop["address"] for hop in found["path"]["hops"]] == ["10.78.0.2", FAR]
     assert found["reasons"] == [] and not found["stopped"]
-    runs = {run.label: run for run in database.runs(database.open_to_read(str(store)))}
+    runs = {run.label: run for run in reading.runs(database.open_to_read(str(store)))}
     assert {"home idle", "home down", "home up"} <= set(runs) and runs["home up"].target == FAR
     assert picture.read_text().count("</svg>") == 1
 

@@ -6,13 +6,15 @@ import pytest
 from companions import answer, batch, companion, script, timed_out
 from lab import VORN, End, Host, Lab, Link, Program, eventually, standing
 from vorn_companions.commands import mesh
-from vorn_companions.figures import matrix, matrix_pictures, sheet
+from vorn_companions.figures import matrix
+from vorn_companions.figures.options import Options
 from vorn_companions.mesh import inventory, keep
 from vorn_companions.mesh.far_end import Line
 from vorn_companions.mesh.rounds import rounds
-from vorn_companions.store import database as store
+from vorn_companions.read.records import Sources
+from vorn_companions.store import database as store, reading
 
-ALL = types.SimpleNamespace(since=None, host=None, label=None, title=None)
+ALL = Options()
 
 
 def test_rounds_hold_every_pair_once_and_no_host_twice():
@@ -51,7 +53,7 @@ def test_the_matrix_holds_the_last_figures_and_their_direction(tmp_path):
         run("a", "b", 7, stream, "--client"), run("b", "a", 8, batch(1, 50.0, "*"), "--client"),
         run("a", "h10", 9, echoes([], lost=4)), run("a", "h2", 10, echoes([1]), "-t"),
         keep.Run("h10", "a", 9, 9, trouble="h10 was not reached")])
-    found = matrix.matrix(paths, ALL)
+    found = matrix.compute(paths, ALL)
     assert found.hosts == ["a", "b", "h10"] and matrix.silent_hosts(found) == ["h10"]
     cells = {way: tuple(cell.shown(name) for name in ("rate", "rtt", "loss")) for way, cell in found.cells.items()}
     assert cells == {("a", "b"): ("none", 2.0, 25.0),  # what a commanded of b was sent by b
@@ -72,7 +74,7 @@ def test_a_run_that_the_file_does_not_take_is_printed(tmp_path, capsys):
         assert not mesh.kept_or_printed(opened, run("a", "b", number, text), "l", failed)
     printed = [json.loads(line) for line in capsys.readouterr().out.splitlines()]
     assert [(each["label"], len(each["lines"])) for each in printed] == [("l", 1), ("l", 0), ("l", 1)]
-    assert len(failed) == 1 and store.runs(opened) == []
+    assert len(failed) == 1 and reading.runs(opened) == []
     opened.db.close()
 
 
@@ -80,11 +82,11 @@ def test_pictures_of_few_and_of_many_hosts(tmp_path):
     for count, written in ((2, 2), (13, 13 * 12), (17, 0)):
         names = [f"$h_{number}" for number in range(count)]
         paths = kept(tmp_path, [run(*way, count, echoes([1])) for way in itertools.permutations(names, 2)])
-        drawn = matrix_pictures.draw_matrix(paths, ALL)
+        drawn = matrix.draw(Sources(stores=paths), ALL)
         drawn.savefig(tmp_path / "m.png")
         assert len(drawn.axes[1].texts) == written
         assert (drawn.axes[0].images[1].get_array() == 1).sum() == count * (count - 1)  # no rate was measured
-        sheet.print_blocks(matrix.matrix_text(paths, ALL))
+        assert matrix.text(Sources(stores=paths), ALL)
 
 
 # ---- who the hosts are ----
@@ -167,9 +169,8 @@ class Site:
         return found
 
     def runs(self):
-        with contextlib.closing(store.open_to_read(str(self.folder / "mesh.db")).db) as database:
-            opened = store.Store("", database)
-            return [(run, [text for _, text in store.messages(opened, run.id)]) for run in store.runs(opened)]
+        with store.reading(str(self.folder / "mesh.db")) as opened:
+            return [(run, reading.messages(opened, run.id)) for run in reading.runs(opened)]
 
 
 @pytest.fixture
@@ -196,7 +197,7 @@ def test_every_pair_is_measured_over_ssh_and_hosts_that_cannot_be_cost_their_own
     ways = [f"{addresses[source]} {addresses[to]}" for source, to in itertools.permutations(measured, 2)]
     assert sorted(site.log.read_text().splitlines()) == sorted(ways * 2)
     assert {run.label for run, _ in site.runs()} == {label}
-    found = matrix.matrix([str(site.folder / "mesh.db")], ALL)
+    found = matrix.compute([str(site.folder / "mesh.db")], ALL)
     assert found.hosts == sorted([*measured, "down", "rome"]) and matrix.silent_hosts(found) == ["down", "rome"]
     for way in itertools.permutations(measured, 2):
         cell = found.cells[way]

@@ -6,8 +6,11 @@ from companions import BANNER, ERROR, HOP, answer, batch, companion, draw, silen
 from lab import Program
 from vorn_companions import words
 from vorn_companions.commands import plot
-from vorn_companions.figures import computed as figures
-from vorn_companions.read import files as reader
+from vorn_companions.figures import echo, histogram, hosts, numbers, rate, rows as tests
+from vorn_companions.figures.batches import good, rate_of
+from vorn_companions.figures.units import MILLISECONDS
+from vorn_companions.read import files
+from vorn_companions.read.records import Sources
 
 NAMES = ("Vorn Version,Filename,Protocol,Bad Samples,Packets Lost,Packets Lost(Bad Samples),Batches,Batch Size,"
          "Frame IP Length,usecs between frames,Test Time,Date,Tag,")
@@ -34,48 +37,56 @@ def sweep(first, last):
 
 def read(folder, text):
     (folder / "f").write_bytes(text.encode())
-    return reader.read_source(str(folder / "f"))
+    found = Sources()
+    files.read_source(found, str(folder / "f"))
+    return found
+
+
+# All rows, batches and requests.
+def items(found):
+    return [*found.results, *found.histograms, *(each for run in found.streams for each in run.batches),
+            *(each for run in found.echoes for each in run.requests)]
 
 
 def test_results_rows_are_read_whatever_their_ends(tmp_path):
     whole = RESULTS + row(RATES, tag="a") + "\n" + row(RATES)
-    first, second = read(tmp_path, whole.replace(",", "\t").replace("\n", "\r\n")).items
+    first, second = read(tmp_path, whole.replace(",", "\t").replace("\n", "\r\n")).results
     assert (first.bad_samples, first.lost, first.lost_in_bad, first.batches, first.delay_usec) == (3, 12, 140, 100, 1)
-    assert [figures.rate_at(second, share) for share in (0, 50, 99, 99.1, 100)] == [100.0, 75.0, 50.5, 50.0, 45.5]
+    assert [tests.rate_at(second, share) for share in (0, 50, 99, 99.1, 100)] == [100.0, 75.0, 50.5, 50.0, 45.5]
     # No header, separators in the name and the tag, spreadsheet padding, and a row that was cut after 50 %.
     ragged = row(RATES, "udp,1/r.csv", "east, 2") + row(RATES)[:-1] + ",,,\n" + row(RATES[:51])
-    found = [(each.tag, each.values) for each in read(tmp_path, ragged).items]
+    found = [(each.tag, each.values) for each in read(tmp_path, ragged).results]
     assert found == [("east, 2", RATES), ("NULL", RATES), ("NULL", RATES[:51])]
     lower = "".join(row([max(0.0, rate - drop) for rate in RATES]) for drop in (0, 30, 10, 200))  # the last has no rate
-    lines = figures.rate_lines(read(tmp_path, lower).items, "tag")
+    lines = rate.lines_of(read(tmp_path, lower).results, "tag")
     assert [line[99] for line in lines.values()] == [(99.0, 20.5, 40.5, 50.5)]
 
 
 def test_histogram_counts_belong_to_the_bins_below_their_label(tmp_path):
     rows = row([0] * 12 + [60, 40]) + row([], bad=50, batches=50) + row([0] * 250 + [100])
-    one, none, wide = read(tmp_path, HISTOGRAM + rows).items
-    assert figures.joined_bins(one.values, 12, 13, 1) == ([11, 12, 13], [60, 40]) and none.values == []
-    assert figures.joined_bins(wide.values, 250, 250, 2) == ([248, 250], [100])
+    one, none, wide = read(tmp_path, HISTOGRAM + rows).histograms
+    assert histogram.joined_bins(one.values, 12, 13, 1) == ([11, 12, 13], [60, 40]) and none.values == []
+    assert histogram.joined_bins(wide.values, 250, 250, 2) == ([248, 250], [100])
 
 
 def test_batches_are_read_from_every_style_of_line(tmp_path):
     text = (BANNER + "Engaging options: -c\n\n" + batch(2, 94.1, " ", 49, COLUMNS)
             + "  3:           7: Received  Data  in  0.000120s from 10.0.0.2\nFlushed 3 frames\n"
             + batch(3, 12345.6, "*", 48, COLUMNS, COLUMNS) + silent_batch(4, 1, 49) + verbose_batch(51, "*", 5, 47.2))
-    first, second = read(tmp_path, text + silent_batch(1, 1, 0)).items
-    assert [(each.number, each.bad, each.received, each.rate, each.buffer) for each in first.items] == [
+    first, second = read(tmp_path, text + silent_batch(1, 1, 0)).streams
+    assert [(each.number, each.bad, each.received, each.rate, each.buffer) for each in first.batches] == [
         (2, False, 49, 94.1, 1.5), (3, True, 48, 12345.6, 1.5), (4, True, 1, None, None), (51, True, 45, 47.2, 2.5)]
-    assert figures.good_rates(first) == [94.1] and not second.items[0].bad  # its only packet came
+    assert good(first.batches, rate_of) == [94.1] and not second.batches[0].bad  # its only packet came
 
 
 def test_round_trips_their_gaps_and_percentiles(tmp_path):
     text = BANNER + answer(0, 0.0105, HOP) + timed_out(1) + answer(2, 0.002) + answer(5, 0.001) + totals(9, 3)
-    first, second = read(tmp_path, text + answer(0, 1.5)).items
-    assert [each.answer for each in first.items] == [HOP, "", "Echo Reply", "Echo Reply"]
+    first, second = read(tmp_path, text + answer(0, 1.5)).echoes
+    assert [each.answer for each in first.requests] == [HOP, "", "Echo Reply", "Echo Reply"]
     assert (first.sent, second.sent) == (9, 1)
-    line = [(sequence, None if math.isnan(time) else time) for sequence, time in zip(*figures.with_gaps(first.items))]
+    line = [(sequence, None if math.isnan(time) else time) for sequence, time in zip(*echo.with_gaps(first.requests, MILLISECONDS))]
     assert line == [(0, 10.5), (1, None), (2, 2.0), (3, None), (5, 1.0)]
-    assert [figures.percentile(range(1, 1001), percent) for percent in (50, 95, 99, 100)] == [500, 950, 990, 1000]
+    assert numbers.percentiles(range(1, 1001), (0, 50, 99, 99.9, 100)) == [1, 500, 990, 999, 1000]
 
 
 def test_what_cannot_be_read_is_named_with_its_line(tmp_path):
@@ -102,8 +113,8 @@ def test_what_is_cut_off_or_foreign_is_named_and_not_read(tmp_path):
             (RESULTS + row(RATES) + cut_row, [f"{place}:3: the last row is cut off, after '{cut_row[-20:]}'"]),
             (row(RATES)[:-1], []),
             (row([0, 100])[:-1], [])):
-        source = read(tmp_path, text)
-        assert source.notes == notes and [len(getattr(item, "items", [item])) for item in source.items] == [1]
+        found = read(tmp_path, text)
+        assert found.notes == notes and len(items(found)) == 1
 
 
 @pytest.mark.parametrize("arguments, status, complaint", [("--text r.csv", 0, ""), ("-o x.png r.csv", 1, "python3-")])
@@ -140,7 +151,7 @@ SWEEP = sweep("10.0.0.1", "10.0.0.9") + answer(1, 0.0001) + answer(3, 3.0, ERROR
 def test_sweeps_and_traces_name_hosts_and_the_silent_ones(tmp_path, capsys):
     def rows(text):
         return [(row.first, row.last, row.host, row.answer, len(row.times))
-                for row in figures.host_rows(read(tmp_path, text).items[0])]
+                for row in hosts.host_rows(read(tmp_path, text).echoes[0])]
     assert rows(TRACE) == [(0, 0, "10.0.0.7", HOP, 1), (1, 1, "", "no answer", 0), (2, 3, "10.0.0.2", "Echo Reply", 2)]
     # Two requests a host, stopped in the middle; addresses that do not follow from the range are not made up.
     assert rows(sweep("10.0.0.2", "10.0.0.3") + answer(1) + totals(4, 1))[-1] == (2, 3, "10.0.0.3", "no line", 0)
@@ -161,30 +172,30 @@ def test_ctrl_c_ends_the_pipe_and_shows_what_came():
 
 
 def test_stray_values_do_not_set_the_scale():
-    assert figures.scale_end([94.0] * 198 + [9e4] * 2) == 1.25 * 94
-    assert figures.scale_end([94.0, 9e4, 95.0]) == 1.25 * 95
-    assert figures.scale_end(range(200)) is None and figures.scale_end([94.0, 9e4]) is None
-    assert figures.outside_text([1, 2, 9e4], 3, "ms") == "1 beyond the scale, up to 90000 ms"
+    assert numbers.scale_end([94.0] * 198 + [9e4] * 2) == 1.25 * 94
+    assert numbers.scale_end([94.0, 9e4, 95.0]) == 1.25 * 95
+    assert numbers.scale_end(range(200)) is None and numbers.scale_end([94.0, 9e4]) is None
+    assert numbers.outside_text([1, 2, 9e4], 3, "ms") == "1 beyond the scale, up to 90000 ms"
 
 
 # Cut anywhere, a file has a beginning of its items or is refused. Of lines that are missing, foreign, cut or in another
 # order come no items but those of whole lines.
 @pytest.mark.parametrize("seed", range(4))
 def test_damaged_input_is_refused_or_read_right(tmp_path, seed):
-    def items(text):
+    def read_items(text):
         try:
-            return [item for each in read(tmp_path, text).items for item in getattr(each, "items", [each])]
+            return items(read(tmp_path, text))
         except words.Unreadable:
             return []
     chance = random.Random(seed)
     intact = [TRACE, SWEEP, RESULTS + row(RATES, tag="a") + row(RATES), HISTOGRAM + row([0, 100]) + row([0, 60, 40]),
               batch(1, 94.1, rates=COLUMNS) + silent_batch(2) + verbose_batch(3, "*", 5, 47.2)]
-    whole = {text: items(text) for text in intact}
+    whole = {text: read_items(text) for text in intact}
     known = {repr(item) for found in whole.values() for item in found}
     for text in intact * 60:
-        part = items(text[:chance.randrange(len(text))])
+        part = read_items(text[:chance.randrange(len(text))])
         assert whole[text] and part == whole[text][:len(part)]
         lines = (text + chance.choice(intact)).splitlines(keepends=True)
         damaged = chance.sample(lines, chance.randrange(1, len(lines)))
         damaged[0] = damaged[0][chance.randrange(len(damaged[0])):]
-        assert all(repr(item) in known or hasattr(item, "line") for item in items("".join(damaged)))  # the line moves
+        assert all(repr(item) in known or hasattr(item, "line") for item in read_items("".join(damaged)))  # the line moves

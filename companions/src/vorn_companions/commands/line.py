@@ -13,6 +13,7 @@ import sys
 from vorn_companions import program
 from vorn_companions.line import draw, keep, measure, say, under_way, verdict
 from vorn_companions.line.result import Line, json_object
+from vorn_companions.signals import STOP_SIGNALS
 from vorn_companions.store import database
 from vorn_companions.words import Unreadable, printable
 
@@ -113,7 +114,7 @@ class Progress:
 def catch_signals(session: under_way.Session) -> None:
     def stop(number: int, _frame: object) -> None:
         session.stop_signal = number
-    for number in program.STOP_SIGNALS:
+    for number in STOP_SIGNALS:
         if signal.getsignal(number) != signal.SIG_IGN:
             signal.signal(number, stop)
 

@@ -18,7 +18,8 @@ from collections.abc import Sequence
 from vorn_companions.mesh.inventory import ECHO, STREAM, MeshHost, Refused, read_hosts
 from vorn_companions.mesh.keep import Run, as_json, keep
 from vorn_companions.mesh.measure import Member, Mesh, measure
-from vorn_companions.program import STOP_SIGNALS, split_arguments
+from vorn_companions.program import split_arguments
+from vorn_companions.signals import STOP_SIGNALS
 from vorn_companions.store import database as store
 from vorn_companions.words import Unreadable, printable
 

@@ -1,163 +1,224 @@
 # SPDX-License-Identifier: MIT
-"""vorn-plot: the command line."""
+"""vorn-plot: draws what was measured."""
 
 import argparse
+import dataclasses
 import datetime
 import os
-import re
 import sqlite3
 import sys
+from collections.abc import Callable, Sequence
+from typing import TextIO
 
+from vorn_companions.commands.common import Progress, add_version, replace_strange_letters, seconds_ago
 from vorn_companions.figures import catalogue
+from vorn_companions.figures.catalogue import Figure
+from vorn_companions.figures.history import GROUPINGS
+from vorn_companions.figures.options import Options
 from vorn_companions.figures.page import page
-from vorn_companions.read.files import FILE_KINDS, read_source
-from vorn_companions.figures.recorded import GROUPINGS
-from vorn_companions.figures.sheet import print_blocks
-from vorn_companions.words import Unreadable, printable
+from vorn_companions.figures.sheet import Block, csv_text, text_lines
+from vorn_companions.read.files import KINDS, read_source
+from vorn_companions.read.records import Sources
+from vorn_companions.store.reading import Selection
+from vorn_companions.words import NothingChosen, Unreadable, printable
 
 MOST_NOTES = 5
-UNITS_SEC = {"s": 1, "m": 60, "h": 3600, "d": 86400, "w": 7 * 86400}
-RATE_GROUPINGS = ("row", "tag")
+ROW_GROUPINGS = ("row", "tag")
+SELECTING = ("since", "until", "host", "label")
 
 
-def since(text):
+# --- command line ---
+
+def moment(text: str) -> int:
     """Microseconds since 1970 of a local date, with or without a time, or of a time ago: 90m, 24h, 7d."""
-    ago = re.fullmatch(r"(\d{1,6})([smhdw])", text)
-    if ago:
-        moment = datetime.datetime.now() - datetime.timedelta(seconds=int(ago[1]) * UNITS_SEC[ago[2]])
-    else:
-        moment = datetime.datetime.fromisoformat(text)
-    return round(moment.timestamp() * 1e6)
+    try:
+        ago = seconds_ago(text)
+        now = datetime.datetime.now().timestamp()
+        return round(1e6 * (datetime.datetime.fromisoformat(text).timestamp() if ago is None else now - ago))
+    except (ValueError, OverflowError):
+        raise argparse.ArgumentTypeError(f"{text}: neither a date like 2026-01-31 or '2026-01-31 12:00' nor a time ago "
+                                         "like 24h or 7d") from None
 
 
-def figure_help():
+def picture_name(text: str) -> str:
+    if not text.lower().endswith((".png", ".svg")):
+        raise argparse.ArgumentTypeError(f"{text}: the name has to end in .png or .svg")
+    return text
+
+
+def figure_help() -> str:
     lines = ["figures:"]
     for figure in catalogue.FIGURES:
-        made_of = ", ".join(FILE_KINDS[kind].removeprefix("a ") for kind in figure.sources)
+        made_of = ", ".join(KINDS[kind].removeprefix("a ") for kind in figure.kinds)
         lines += [f"  {figure.name:11} {figure.help}", f"  {'':11} from {made_of}"]
     return "\n".join([*lines, "", "The kind of each file is recognised from its content. Without -k each gives its "
                       "first\nfigure in this list; with --html it gives all."])
 
 
-def parse_arguments(arguments):
+def make_parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(prog="vorn-plot", description="Draw what vorn measured.", epilog=figure_help(),
                                      formatter_class=argparse.RawDescriptionHelpFormatter, allow_abbrev=False)
     parser.add_argument("files", nargs="+", metavar="file",
                         help="results file, histogram file, saved output, records of vorn-record, or -")
-    parser.add_argument("-o", dest="output", metavar="PICTURE", help="write the picture here: .png or .svg")
+    parser.add_argument("-o", dest="output", metavar="PICTURE", type=picture_name,
+                        help="write the picture here: .png or .svg")
     parser.add_argument("-k", dest="figure", choices=catalogue.NAMES, metavar="FIGURE", help="the figure, see below")
     parser.add_argument("--html", metavar="FILE", help="write a page with pictures and figures here")
     parser.add_argument("--text", action="store_true", help="print the figures; needs no matplotlib")
-    parser.add_argument("--by", choices=RATE_GROUPINGS + GROUPINGS,
+    parser.add_argument("--csv", metavar="FILE", help="write the numbers behind the figures here; - prints them")
+    parser.add_argument("--by", choices=ROW_GROUPINGS + GROUPINGS,
                         help="rate, histogram: a line a row or a tag; records: a host (default), label, run or site")
-    parser.add_argument("--since", metavar="TIME", help="records from then on: 2026-01-31, '2026-01-31 12:00', 24h, 7d")
+    parser.add_argument("--since", metavar="TIME", type=moment,
+                        help="records from then on: 2026-01-31, '2026-01-31 12:00', 24h, 7d")
+    parser.add_argument("--until", metavar="TIME", type=moment, help="records before then")
     parser.add_argument("--host", help="records of this host")
     parser.add_argument("--label", help="records with this label")
     parser.add_argument("--title", help="the title of the picture or of the page")
-    args = parser.parse_args(arguments)
-    if not args.output and not args.text and not args.html:
-        parser.error("nothing to do: give -o PICTURE, --html FILE or --text")
-    if args.output and not args.output.lower().endswith((".png", ".svg")):
-        parser.error(f"-o {args.output}: the name has to end in .png or .svg")
-    args.since_text = args.since
-    try:
-        args.since = args.since and since(args.since)
-    except (ValueError, OverflowError):
-        parser.error(f"--since {args.since}: neither a date like 2026-01-31 or '2026-01-31 12:00' nor a time ago "
-                     "like 24h or 7d")
-    return parser, args
+    add_version(parser)
+    return parser
 
 
-def items_by_kind(sources):
-    items = {}
-    for source in sources:
-        items.setdefault(source.kind, []).extend(source.items)
-    return items
+def given_selection(arguments: Sequence[str], options: argparse.Namespace) -> str:
+    """The options that select, as the user wrote them: " with --since 24h"."""
+    words = []
+    for number, word in enumerate(arguments):
+        name, sign, value = word.partition("=")
+        if name.removeprefix("--") in SELECTING and getattr(options, name.removeprefix("--"), None) is not None:
+            words += [name, value if sign else arguments[number + 1]]
+    return f" with {' '.join(words)}" if words else ""
 
 
-def chosen_figures(parser, args, sources):
-    """[(figure, items)] to show."""
-    if args.figure:
-        needed = catalogue.named(args.figure).sources
-        for source in sources:
-            if source.kind not in needed:
-                raise Unreadable(source.path, 1, f"{FILE_KINDS[source.kind]}; the figure '{args.figure}' needs "
-                                 + " or ".join(FILE_KINDS[kind] for kind in needed))
-    items = items_by_kind(sources)
-    if args.output and len(items) > 1:
-        parser.error("one picture shows one kind of file; here are " + " and ".join(FILE_KINDS[k] for k in items))
-    if args.by and any((args.by in RATE_GROUPINGS) == (kind == "store") for kind in items):
-        parser.error(f"--by {args.by} is for " + ("results and histogram files" if args.by in RATE_GROUPINGS
-                                                  else "records"))
-    chosen = []
-    for kind, own in items.items():
-        fits = [catalogue.named(args.figure)] if args.figure else catalogue.fitting(kind, own)
-        chosen += [(figure, own) for figure in (fits if args.html else fits[:1])]
+def parse(arguments: Sequence[str]) -> tuple[argparse.ArgumentParser, argparse.Namespace, Options]:
+    parser = make_parser()
+    given = parser.parse_args(arguments)
+    if not (given.output or given.text or given.html or given.csv):
+        parser.error("nothing to do: give -o PICTURE, --html FILE, --csv FILE or --text")
+    selection = Selection(given.since, given.until, given.host, given.label, given_selection(arguments, given))
+    return parser, given, Options(given.title, given.by, selection)
+
+
+# --- what is shown ---
+
+Chosen = list[tuple[Figure, Sources]]
+
+
+def check_kinds(given: argparse.Namespace, options: Options, kind_of: dict[str, str]) -> None:
+    """Raises Unreadable for a file that the wanted figure cannot be made of, or that cannot be chosen from."""
+    for path, kind in kind_of.items():
+        if given.figure and kind not in catalogue.named(given.figure).kinds:
+            needed = " or ".join(KINDS[each] for each in catalogue.named(given.figure).kinds)
+            raise Unreadable(path, 1, f"{KINDS[kind]}; the figure '{given.figure}' needs {needed}")
+        if options.selection.given and kind != "stores":
+            raise Unreadable(path, 1, f"{KINDS[kind]} cannot be chosen from{options.selection.given}: that takes "
+                             "a file of records")
+
+
+def choose(parser: argparse.ArgumentParser, given: argparse.Namespace, kinds: Sequence[str],
+           sources: Sources) -> Chosen:
+    if given.output and len(kinds) > 1:
+        parser.error("one picture shows one kind of file; here are " + " and ".join(KINDS[kind] for kind in kinds))
+    if given.by and any((given.by in ROW_GROUPINGS) == (kind == "stores") for kind in kinds):
+        parser.error(f"--by {given.by} is for " + ("results and histogram files" if given.by in ROW_GROUPINGS
+                                                   else "records"))
+    chosen: Chosen = []
+    for kind in kinds:
+        own = Sources(**{kind: getattr(sources, kind)})
+        fits = [catalogue.named(given.figure)] if given.figure else catalogue.fitting(kind, own)
+        chosen += [(figure, own) for figure in (fits if given.html else fits[:1])]
     return chosen
 
 
-def need_matplotlib():
-    try:
-        import matplotlib
-    except ImportError:
-        sys.exit("vorn-plot: pictures need python3-matplotlib; --text does without")
-    # The same input gives the same bytes: no date, no random identifiers.
-    matplotlib.rcParams["svg.hashsalt"] = "vorn-plot"
+def made(chosen: Chosen, make: Callable[[Figure, Sources], object]) -> list[tuple[Figure, Sources]]:
+    """Those figures of which the selection leaves something; each other is named. Raises when it leaves nothing."""
+    left: Chosen = []
+    for figure, sources in chosen:
+        try:
+            make(figure, sources)
+            left.append((figure, sources))
+        except NothingChosen as error:
+            if len(chosen) == 1:
+                raise
+            print(f"no {figure.name}: {error}", file=sys.stderr)
+    if not left:
+        raise Unreadable("vorn-plot", None, "nothing is left to show")
+    return left
 
 
-def save_picture(figure, items, args):
-    need_matplotlib()
-    metadata = {"Date": None} if args.output.lower().endswith(".svg") else {"Software": None}
-    figure.draw(items, args).savefig(args.output, dpi=120, metadata=metadata)
-
-
-def save_page(figures, args):
-    need_matplotlib()
-    title, args.title = args.title or "What Vorn measured", None
-    sections = [(figure.draw(items, args), figure.blocks(items, args)) for figure, items in figures]
-    with open(args.html, "w", encoding="utf-8") as stream:
-        stream.write(page(title, sections))
-
-
-def report_notes(sources):
-    notes = [note for source in sources for note in source.notes]
+def report_notes(notes: Sequence[str]) -> None:
     for note in notes[:MOST_NOTES]:
         print(note, file=sys.stderr)
     if len(notes) > MOST_NOTES:
         print(f"... and {len(notes) - MOST_NOTES} more lines like these", file=sys.stderr)
 
 
-def show(parser, args):
-    sources = [read_source(path) for path in args.files]
-    report_notes(sources)
-    figures = chosen_figures(parser, args, sources)
-    if args.text:
-        for number, (figure, items) in enumerate(figures):
-            print("\n" if number else "", end="")
-            print_blocks(figure.blocks(items, args))
-    if args.output:
-        save_picture(*figures[0], args)
-    if args.html:
-        save_page(figures, args)
+def print_blocks(blocks_of: Sequence[Sequence[Block]], out: TextIO) -> None:
+    for number, blocks in enumerate(blocks_of):
+        print("\n" * bool(number), end="", file=out)
+        for block in blocks:
+            for line in text_lines(block):
+                print(line, file=out)
+
+
+def write_csv(path: str, blocks_of: Sequence[Sequence[Block]]) -> None:
+    text = "\n".join(map(csv_text, blocks_of))
+    if path == "-":
+        sys.stdout.write(text)
+    else:
+        with open(path, "w", encoding="utf-8") as stream:
+            stream.write(text)
+
+
+def show(parser: argparse.ArgumentParser, given: argparse.Namespace, options: Options) -> None:
+    sources = Sources()
+    kind_of = {path: read_source(sources, path) for path in given.files}
+    report_notes(sources.notes)
+    check_kinds(given, options, kind_of)
+    chosen = choose(parser, given, list(dict.fromkeys(kind_of.values())), sources)
+    blocks_of: dict[str, list[Block]] = {}
+    if given.text or given.csv or given.html:
+        chosen = made(chosen, lambda figure, own: blocks_of.setdefault(figure.name, figure.text(own, options)))
+    if given.text:
+        print_blocks(list(blocks_of.values()), sys.stdout)
+    if given.csv:
+        write_csv(given.csv, list(blocks_of.values()))
+    if given.output or given.html:
+        draw(chosen, given, options, blocks_of)
     sys.stdout.flush()
 
 
-def main(arguments=None):
-    parser, args = parse_arguments(sys.argv[1:] if arguments is None else arguments)
-    sys.stdout.reconfigure(errors="replace")  # a tag may hold what the terminal's encoding does not
+def draw(chosen: Chosen, given: argparse.Namespace, options: Options, blocks_of: dict[str, list[Block]]) -> None:
+    from vorn_companions.figures.canvas import prepare
+    prepare()
+    if given.output:
+        metadata = {"Date": None} if given.output.lower().endswith(".svg") else {"Software": None}
+        figure, own = chosen[0]
+        figure.draw(own, options).savefig(given.output, dpi=120, metadata=metadata)
+    if given.html:
+        untitled = dataclasses.replace(options, title=None)  # it stands above them all
+        sections = [(figure.draw(own, untitled), blocks_of[figure.name]) for figure, own in chosen]
+        with open(given.html, "w", encoding="utf-8") as stream:
+            stream.write(page(given.title or "What Vorn measured", sections))
+
+
+def main(arguments: Sequence[str] | None = None) -> int:
+    parser, given, options = parse(sys.argv[1:] if arguments is None else arguments)
+    replace_strange_letters()
     try:
-        show(parser, args)
+        with Progress("vorn-plot: works on " + ", ".join(map(printable, given.files))):
+            show(parser, given, options)
     except Unreadable as error:
         sys.exit(str(error))
+    except ImportError as error:
+        sys.exit(f"vorn-plot: pictures need python3-{error.name}; --text does without")
     except sqlite3.Error as error:
-        sys.exit(f"vorn-plot: {printable(', '.join(args.files))}: {error}")
+        sys.exit(f"vorn-plot: {printable(', '.join(given.files))}: {error}")
     except KeyboardInterrupt:
         return 130
     except BrokenPipeError:
         # The reader of the text has seen enough; without this Python would complain while it closes the stream.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     except OSError as error:
-        sys.exit(f"vorn-plot: {error.filename or args.output or args.html}: {error.strerror}")
+        sys.exit(f"vorn-plot: {error.filename or 'standard output'}: {error.strerror}")
     return 0
 
 

@@ -3,132 +3,41 @@
 
 import argparse
 import dataclasses
-import json
-import os
-import select
 import signal
 import socket
 import sqlite3
 import sys
 import time
+from collections.abc import Callable, Sequence
+from typing import TypeVar
 
-from vorn_companions import program as run
+from vorn_companions import program
+from vorn_companions.commands.common import add_version, seconds_ago
+from vorn_companions.commands.record_sinks import (FORMATS, Begin, End, Kept, LineSink, Sink, StoreSink, kept_records,
+                                                   say)
 from vorn_companions.read import lines
-from vorn_companions.store import database as store
-from vorn_companions.read.records import Batch, Message, MonitorLocked, Request, StreamPacket
+from vorn_companions.read.records import Batch, Message, MonitorLocked, Record, Request, StreamPacket
+from vorn_companions.signals import STOP_SIGNALS, Stop
+from vorn_companions.store import database
 from vorn_companions.words import Unreadable, printable
 
-COMMIT_SEC = 1.0
-MOST_PENDING = 1_000_000  # lines that wait for room on the disk
 DEFAULT_FILE = "vorn.db"
+ENGAGED = "Engaging options: "
+UNWRITTEN = 2  # the exit status
 
 
-def say(text):
-    print(f"vorn-record: {printable(text)}", file=sys.stderr, flush=True)
+@dataclasses.dataclass(frozen=True)
+class Wanted:
+    """What to run, how often, and what to keep of it."""
 
-
-# --- where records go ---
-
-class StoreSink:
-    """Keeps records in a store. While it cannot be written, records wait and every transaction is tried again."""
-
-    def __init__(self, path):
-        self.store = store.open_to_write(path)
-        self.pending = []  # functions of the store, in order; what they do is undone when one fails
-        self.lines = 0  # among them
-        self.trouble = None
-
-    def begin(self, command, options, time_usec):
-        handle = {}
-
-        def insert(target):
-            every = None if options.every is None else round(options.every * 1e6)
-            handle["id"] = store.begin_run(target, command, time_usec, options.site, options.label, every)
-        self.pending.append(insert)
-        return handle
-
-    def keep(self, handle, stamped):
-        def insert(target):
-            for time_usec, record in stamped:
-                store.append(target, handle["id"], time_usec, record)
-        self.pending.append(insert)
-        self.lines += len(stamped)
-
-    def end(self, handle, time_usec, status):
-        self.pending.append(lambda target: store.end_run(target, handle["id"], time_usec, status))
-
-    def write_pending(self, target):
-        for work in self.pending:
-            work(target)
-
-    def commit(self):
-        """False when too much waits."""
-        try:
-            store.write(self.store, self.write_pending)
-        except sqlite3.Error as error:
-            if self.trouble is None:
-                say(f"{self.store.path}: {error}; trying again")
-            self.trouble = str(error)
-            return self.lines < MOST_PENDING
-        if self.trouble is not None:
-            say(f"{self.store.path}: written again, nothing is missing")
-        self.trouble = None
-        self.pending.clear()
-        self.lines = 0
-        return True
-
-    def close(self):
-        """True when all was kept."""
-        self.commit()
-        if self.trouble:
-            say(f"{self.store.path}: {self.trouble}; the last {self.lines} lines are not kept")
-        try:
-            self.store.db.close()
-        except sqlite3.Error:
-            pass  # the log is put into place by whoever opens the store next
-        return self.trouble is None
-
-
-class JsonSink:
-    """Prints records as JSON lines, each as soon as it arrives."""
-
-    def __init__(self):
-        self.runs = 0
-        self.pending = []
-        self.failed = False
-
-    def print(self, run_number, time_usec, kind, fields):
-        self.pending.append(json.dumps({"time": time_usec / 1e6, "run": run_number, "kind": kind, **fields}) + "\n")
-
-    def begin(self, command, options, time_usec):
-        self.runs += 1
-        self.print(self.runs, time_usec, "run", {"command": command, "site": options.site, "label": options.label})
-        return self.runs
-
-    def keep(self, handle, stamped):
-        for time_usec, record in stamped:
-            fields = {field.name: getattr(record, field.name) for field in dataclasses.fields(record)}
-            self.print(handle, time_usec, type(record).__name__.lower(), fields)
-
-    def end(self, handle, time_usec, status):
-        self.print(handle, time_usec, "end", {"status": status})
-
-    def commit(self):
-        if not self.failed:
-            try:
-                sys.stdout.write("".join(self.pending))
-                sys.stdout.flush()
-            except OSError as error:
-                self.failed = True
-                if not isinstance(error, BrokenPipeError):
-                    say(f"standard output: {error.strerror}")
-                # Python would try again, and complain, when it closes the stream.
-                os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-        self.pending.clear()
-        return not self.failed
-
-    def close(self):
-        return self.commit()
+    command: list[str]
+    output: str
+    shown: str  # of FORMATS, for standard output
+    every_sec: float | None
+    count: int | None
+    label: str
+    site: str
+    packets: bool
 
 
 # --- one run ---
@@ -142,7 +51,7 @@ class Tally:
     batches: int = 0
     bad: int = 0
 
-    def count(self, record):
+    def count(self, record: Record) -> None:
         if isinstance(record, Request):
             self.requests += 1
             self.lost += not record.answer
@@ -151,10 +60,10 @@ class Tally:
             self.bad += record.bad
 
 
-def record_of(text, monitor):
+def record_of(text: str | None, monitor: bool) -> Record:
     """The record of a line; what is not understood is a Message, and reported."""
     if text is None:
-        record = Message("the last line is cut off", True)
+        record: Record = Message("the last line is cut off", True)
     else:
         record = lines.record_of(text) or Message(f"not understood: {printable(text.strip())}", True)
     if monitor and isinstance(record, Request):  # its times are gaps between packets
@@ -164,89 +73,62 @@ def record_of(text, monitor):
     return record
 
 
-def record_run(sink, command, options, stop, tally):
+def warn_of_hidden(record: Record, wanted: Wanted) -> None:
+    if wanted.packets and isinstance(record, Message) and record.text.startswith(ENGAGED) and \
+            program.hides_answers(record.text.removeprefix(ENGAGED).split()):
+        say("--packets: the preset leaves packets out (-s), there are none to keep")
+
+
+def record_run(sink: Sink, wanted: Wanted, stop: Stop, tally: Tally) -> bool:
     """Runs the program once to its end; False when what it prints cannot be kept any more."""
-    handle = sink.begin(command, options, run.now_usec())
-    process = run.start(command)
-    stop.process = process
-    if stop.signal:  # it came before there was a process
-        run.forward(process, stop.signal)
-    monitor = False
-    room = True
-    for arrived in run.arrivals(process.stdout, COMMIT_SEC if isinstance(sink, StoreSink) else 0.0):
-        stamped = []
-        for time_usec, text in arrived:
-            record = record_of(text, monitor)
-            monitor = monitor or isinstance(record, MonitorLocked)
-            tally.count(record)
-            if not isinstance(record, Message) or record.trouble:
-                stamped.append((time_usec, record))
-        sink.keep(handle, stamped)
-        if not sink.commit() and room:
-            room = False
-            run.forward(process, signal.SIGTERM)
-    status = process.wait()
-    stop.process = None
-    sink.end(handle, run.now_usec(), status)
     tally.runs += 1
+    sink.take(Begin(tally.runs, program.now_usec(), wanted.command, wanted.site, wanted.label,
+                    None if wanted.every_sec is None else round(wanted.every_sec * 1e6)))
+    process = program.start(wanted.command)
+    stop.follow(process)
+    monitor, room = False, True
+    try:
+        for arrived in program.arrivals(process, stop, sink.period_sec):
+            stamped = []
+            for time_usec, text in arrived:
+                record = record_of(text, monitor)
+                warn_of_hidden(record, wanted)
+                monitor = monitor or isinstance(record, MonitorLocked)
+                tally.count(record)
+                stamped.append((time_usec, record))
+            sink.take(Kept(tally.runs, kept_records(stamped, wanted.packets or monitor or wanted.output == "-")))
+            if not sink.commit() and room:
+                room = False
+                if process.poll() is None:
+                    process.send_signal(signal.SIGTERM)
+        status = process.wait()
+    finally:
+        stop.follow(None)
+        program.end(process)
+    sink.take(End(tally.runs, program.now_usec(), status))
     tally.failed += status != 0 and not stop.signal
     return room and sink.commit()
 
 
-# --- stopping, and the time between runs ---
-
-class Stop:
-    """What signals ask. They go on to the program, which ends properly at the first and at once at the second."""
-
-    def __init__(self):
-        self.signal = None
-        self.process = None
-        self.wake, wakes = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
-        signal.set_wakeup_fd(wakes, warn_on_full_buffer=False)
-        for number in run.STOP_SIGNALS:
-            if signal.getsignal(number) != signal.SIG_IGN:
-                signal.signal(number, self.on_stop)
-        signal.signal(signal.SIGQUIT, self.on_question)
-
-    def on_stop(self, number, _frame):
-        self.signal = number
-        if self.process:
-            run.forward(self.process, number)
-
-    def on_question(self, number, _frame):
-        if self.process:
-            run.forward(self.process, number)
-
-    def pause(self, seconds):
-        """Sleeps, but not through a signal that stops."""
-        end = time.monotonic() + seconds
-        while not self.signal and (left := end - time.monotonic()) > 0:
-            if select.select([self.wake], [], [], left)[0]:
-                os.read(self.wake, 512)
-
-    def leave(self):
-        """Ends this process by the signal, so that shells see it."""
-        if self.signal:
-            signal.signal(self.signal, signal.SIG_DFL)
-            os.kill(os.getpid(), self.signal)
-
-
-def record_runs(sink, command, options, stop, tally):
+def record_runs(sink: Sink, wanted: Wanted, stop: Stop, tally: Tally) -> None:
     begin = time.monotonic()
     while not stop.signal:
-        if not record_run(sink, command, options, stop, tally):
+        if not record_run(sink, wanted, stop, tally):
             return
-        if tally.runs == options.count or tally.runs == tally.failed == 1:
+        if tally.runs == wanted.count or tally.runs == tally.failed == 1:
             return  # whatever makes the first run fail will make all fail
-        if options.every:  # starts that a long run has passed over are left out
+        if wanted.every_sec:  # starts that a long run has passed over are left out
             passed = time.monotonic() - begin
-            stop.pause((passed // options.every + 1) * options.every - passed)
+            stop.pause((passed // wanted.every_sec + 1) * wanted.every_sec - passed)
 
 
 # --- command line ---
 
-def positive(convert):
-    def read(text):
+Number = TypeVar("Number", int, float)
+
+
+def positive(convert: Callable[[str], Number]) -> Callable[[str], Number]:
+    def read(text: str) -> Number:
         value = convert(text)
         if not 0 < value < 1e9:
             raise ValueError
@@ -255,56 +137,105 @@ def positive(convert):
     return read
 
 
-def parse_arguments(arguments):
-    own, rest = run.split_arguments(arguments)
+def age(text: str) -> int:
+    seconds = seconds_ago(text)
+    if seconds is None:
+        raise argparse.ArgumentTypeError(f"{text}: not an age like 90d, 12w or 24h")
+    return seconds
+
+
+def make_parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         prog="vorn-record", allow_abbrev=False, usage="%(prog)s [options] -- VORN-ARGUMENTS",
         description="Run vorn and keep what it measures, each line with the time of its arrival.",
         epilog="Example: vorn-record -o lan.db --label office -- -e -d1000000 10.0.0.1")
     parser.add_argument("-o", dest="output", metavar="FILE", default=DEFAULT_FILE,
-                        help=f"the file that is appended to ({DEFAULT_FILE}); - prints JSON lines")
+                        help=f"the file that is appended to ({DEFAULT_FILE}); - prints lines")
+    parser.add_argument("--format", choices=list(FORMATS), default="json",
+                        help="of the lines: JSON objects (json), or the line protocol of InfluxDB")
     parser.add_argument("--every", type=positive(float), metavar="SECONDS", help="start a run this often")
     parser.add_argument("--count", type=positive(int), metavar="N",
                         help="that many runs (1; with --every until stopped)")
     parser.add_argument("--label", default="", metavar="NAME", help="a name for these runs, to choose them by")
-    options, unknown = parser.parse_known_args(own)
+    parser.add_argument("--packets", action="store_true", help="keep every packet of a stream (-c without -s), too")
+    parser.add_argument("--prune", type=age, metavar="AGE",
+                        help="run nothing: forget what is older, for example 90d, and make the file smaller")
+    add_version(parser)
+    return parser
+
+
+def prune(path: str, older_sec: int) -> int:
+    try:
+        database.close(database.open_to_read(path))  # makes no new one
+        store = database.open_to_write(path)
+        rows = database.prune(store, program.now_usec() - older_sec * 1_000_000)
+        database.close(store)
+    except (Unreadable, sqlite3.Error) as error:
+        say(f"{path}: {error}" if isinstance(error, sqlite3.Error) else str(error))
+        return UNWRITTEN
+    say(f"{rows} rows forgotten; in {path}")
+    return 0
+
+
+def parse(parser: argparse.ArgumentParser, arguments: Sequence[str]) -> tuple[argparse.Namespace, list[str]]:
+    own, rest = program.split_arguments(arguments)
+    given, unknown = parser.parse_known_args(own)
     if unknown and "--" in arguments:
         parser.error(f"unknown: {' '.join(unknown)}")
-    if not rest:
+    if given.prune is not None and rest:
+        parser.error("--prune runs nothing: there is nothing to say behind --")
+    if given.prune is None and not rest:
         parser.error("what vorn is to do stands behind --, for example: -- -e100 10.0.0.1")
-    options.count = options.count or (None if options.every else 1)
-    options.site = socket.gethostname()
-    return options, rest
+    if any(word.startswith("-M") for word in rest):
+        parser.error("a monitor in the background (-M) leaves nothing to record: --server stays in front")
+    if given.format != "json" and given.output != "-":
+        parser.error(f"--format {given.format} is for lines: -o -")
+    return given, rest
 
 
-def summary(tally, place):
+def summary(tally: Tally, place: str) -> str:
     requests = f"{tally.requests} requests, {tally.lost} without an answer" if tally.requests else ""
     batches = f"{tally.batches} batches, {tally.bad} bad" if tally.batches else ""
     figures = "; ".join(filter(None, (requests, batches))) or "no request and no batch"
-    return f"{tally.runs} run{'s' * (tally.runs != 1)}, {figures}; in {place}"
+    return f"{tally.runs} run{'s' * (tally.runs != 1)}, {figures}; {place}"
 
 
-def main(arguments=None):
-    options, rest = parse_arguments(sys.argv[1:] if arguments is None else arguments)
-    program = run.find_program()
-    if program is None:
-        sys.exit("vorn-record: there is no vorn in PATH; VORN can name it")
-    stop = Stop()
-    tally = Tally()
+def record(wanted: Wanted) -> int:
+    sink: Sink
     try:
-        sink = JsonSink() if options.output == "-" else StoreSink(options.output)
+        if wanted.output == "-":
+            sink = LineSink(FORMATS[wanted.shown]())
+        else:
+            sink = StoreSink(wanted.output)
     except Unreadable as error:
-        sys.exit(f"vorn-record: {error}")
-    try:
-        record_runs(sink, [program, *rest], options, stop, tally)
-    except OSError as error:
-        tally.failed += 1
-        say(f"{program}: {error.strerror}")
-    kept = sink.close()
-    if options.output != "-":
-        say(summary(tally, options.output))
+        say(str(error))
+        return UNWRITTEN
+    tally = Tally()
+    with Stop([*STOP_SIGNALS, signal.SIGQUIT]) as stop:
+        try:
+            record_runs(sink, wanted, stop, tally)
+        except OSError as error:
+            tally.failed += 1
+            say(f"{wanted.command[0]}: {error.strerror}")
+        kept = sink.close()
+        if wanted.output != "-":
+            say(summary(tally, f"in {wanted.output}" if kept else f"not all of it in {wanted.output}"))
+    if not kept and wanted.output != "-":
+        return UNWRITTEN
     stop.leave()
     return 0 if kept and not tally.failed else 1
+
+
+def main(arguments: Sequence[str] | None = None) -> int:
+    given, rest = parse(make_parser(), sys.argv[1:] if arguments is None else arguments)
+    if given.prune is not None:
+        return prune(given.output, given.prune)
+    found = program.find_program()
+    if found is None:
+        sys.exit("vorn-record: there is no vorn in PATH; VORN can name it")
+    return record(Wanted([found, *rest], given.output, given.format, given.every,
+                         given.count or (None if given.every else 1), given.label, socket.gethostname(),
+                         given.packets))
 
 
 if __name__ == "__main__":

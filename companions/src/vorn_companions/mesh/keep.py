@@ -6,7 +6,7 @@ import json
 
 from vorn_companions.mesh.far_end import Line
 from vorn_companions.read import lines
-from vorn_companions.read.records import REPLY, Batch, Message, Request, Totals
+from vorn_companions.read.records import REPLY, Batch, Message, Record, Request, Totals
 from vorn_companions.store import database as store
 from vorn_companions.words import printable
 
@@ -25,7 +25,7 @@ class Run:
     trouble: str = ""
 
 
-def record_of(line: Line) -> object:
+def record_of(line: Line) -> Record:
     return lines.record_of(line.text) or Message(f"not understood: {printable(line.text.strip())}", True)
 
 

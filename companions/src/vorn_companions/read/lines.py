@@ -3,9 +3,12 @@
 
 import math
 import re
+from collections.abc import Callable
+from typing import Any
 
 from vorn_companions.read.records import (REPLY, Batch, Completed, DataRate, Destination, Echo, Extremes, Hop, Message,
-                              MonitorLocked, PacketRates, RunningRate, StreamPacket, Timeout, Totals)
+                                          MonitorLocked, PacketRates, Record, Request, RunningRate, StreamPacket,
+                                          Timeout, Totals)
 
 NUMBER = r"-?(?:\d+\.\d+|inf|nan)"
 ADDRESS = r"\d+\.\d+\.\d+\.\d+"
@@ -13,7 +16,7 @@ COLUMNS = rf"(?:(?:\s+{NUMBER}){{7}})?\s+(?P<buffer>{NUMBER}) msec(?:(?:\s+{NUMB
 GRAPH = r"\s*(?P<number>\d+):(?P<mark>[* ])[|X][X| \d]{34}[|X]"
 
 
-def whole(pattern):
+def whole(pattern: str) -> re.Pattern[str]:
     return re.compile(rf"(?:{pattern})\s*$", re.ASCII)
 
 
@@ -45,7 +48,8 @@ BANNER = whole(
     r"|Vorn version .+|Built .+ at \d+:\d+:\d+|Engaging options: .*|Cleanup exit"
     r"|Joining multicast group on interface .+|Sending reporting to .+|(?:\s*\d+\.\d)+|Select for \d+\.\d+"
     r"|\d+\.\d+: Tx one, .+"
-    r"|So far: .+ lost|vorn, version .+|.+ \[options\] \[start_host\] end_host|Options:| -\S.*| <.+| NOTE: .*|  {6}\S.*"
+    r"|So far: .+ lost|vorn, version .+|.+ \[options\] \[start_host\] end_host|Options:| -\S.*| <.+| NOTE: .*"
+    r"|  {6,}\S.*"
     r"| --\S.*|Presets?:.*")
 TROUBLE = whole(
     r"(?:Error|ERROR|Err|err)[-:] ?.+|Note: .+|Flushed \d+ frames|-a# capped at \d+|-l# capped at \d+"
@@ -55,54 +59,67 @@ TROUBLE = whole(
 DATA_LIKE = re.compile(r"\s*-?\d+:(?:[* ]|$)", re.ASCII)
 
 
-def finite(text):
+LARGEST = 2 ** 63 / 10 ** 6  # in thousandths and millionths it still fits where records are kept
+
+
+def integer(text: str) -> int:
+    value = int(text)
+    if not -LARGEST < value < LARGEST:
+        raise ValueError(text)
+    return value
+
+
+def finite(text: str) -> float | None:
     value = float(text)
+    if math.isfinite(value) and not -LARGEST < value < LARGEST:
+        raise ValueError(text)
     return value if math.isfinite(value) else None
 
 
-def usec(seconds):
-    value = float(seconds)
-    return round(value * 1e6) if math.isfinite(value) else None
+def usec(seconds: str) -> int | None:
+    value = finite(seconds)
+    return None if value is None else round(value * 1e6)
 
 
-def request_of(text):
+def request_of(text: str) -> Request | None:
     match = ANSWER.match(text)
     if match:
         sequence, answer, seconds, host = match.groups()
         kind = Hop if answer == "TTL Exceeded" else Echo
-        return kind(int(sequence), usec(seconds), host, REPLY if answer == REPLY else answer)
+        return kind(integer(sequence), usec(seconds), host, REPLY if answer == REPLY else answer)
     match = TIMEOUT.match(text)
-    return Timeout(int(match[1]), None, match[2], "") if match else None
+    return Timeout(integer(match[1]), None, match[2], "") if match else None
 
 
-def batch_of(text):
+def batch_of(text: str) -> Batch | None:
     match = SHORT_BATCH.match(text)
     if match:
-        return Batch(int(match["number"]), match["mark"] == "*", int(match["received"]), int(match["size"]),
+        return Batch(integer(match["number"]), match["mark"] == "*", integer(match["received"]), integer(match["size"]),
                      finite(match["rate"]), finite(match["buffer"]))
     match = VERBOSE_BATCH.match(text)
     if match:
-        size = int(match["size"])
-        return Batch(int(match["number"]), match["mark"] == "*", size - int(match["lost"]), size,
+        size = integer(match["size"])
+        return Batch(integer(match["number"]), match["mark"] == "*", size - integer(match["lost"]), size,
                      finite(match["rate"]), finite(match["buffer"]), "verbose")
     match = SILENT_BATCH.match(text)
     if match:
-        received = int(match["received"])
-        size = received + int(match["lost"])
+        received = integer(match["received"])
+        size = received + integer(match["lost"])
         # A batch of a single packet is good when that packet came, although it has no rate.
-        return Batch(int(match["own_number"]), size != 1 or received < 1, received, size, None, None, "silent")
+        return Batch(integer(match["own_number"]), size != 1 or received < 1, received, size, None, None, "silent")
     return None
 
 
-def counts(texts):
-    return [None if text is None else int(text) for text in texts]
+def counts(texts: tuple[str | None, ...]) -> list[int | None]:
+    return [None if text is None else integer(text) for text in texts]
 
 
 # What to make of the groups of each further kind of line.
-FURTHER_LINES = (
-    (STREAM_PACKET, lambda batch, sequence, gap, host: StreamPacket(int(batch), int(sequence), usec(gap), host)),
+FURTHER_LINES: tuple[tuple[re.Pattern[str], Callable[..., Any]], ...] = (
+    (STREAM_PACKET,
+     lambda batch, sequence, gap, host: StreamPacket(integer(batch), integer(sequence), usec(gap), host)),
     (RUNNING_RATE, lambda rate, fps, *rest: RunningRate(finite(rate), finite(fps), *counts(rest))),
-    (TOTALS, lambda seconds, *rest: Totals(usec(seconds), *counts(rest))),
+    (TOTALS, lambda seconds, *rest: Totals(usec(seconds), *map(integer, rest))),
     (PACKET_RATES, lambda sent, received: PacketRates(finite(sent), finite(received))),
     (DATA_RATE, lambda kilobits: DataRate(finite(kilobits))),
     (EXTREMES, lambda *times: Extremes(*map(usec, times))),
@@ -113,20 +130,30 @@ FURTHER_LINES = (
 )
 
 
-def record_of(text):
+def record_of(text: str) -> Record | None:
     """The record of one line (without its newline); None when it is not a whole line of the program."""
-    record = request_of(text) or batch_of(text)
-    if record:
+    try:
+        return figures_of(text) or message_of(text)
+    except ValueError:  # digits without end
+        return None
+
+
+def figures_of(text: str) -> Record | None:
+    if record := request_of(text) or batch_of(text):
         return record
     for pattern, make in FURTHER_LINES:
-        match = pattern.match(text)
-        if match:
-            return make(*match.groups())
+        if match := pattern.match(text):
+            made: Record = make(*match.groups())
+            return made
+    return None
+
+
+def message_of(text: str) -> Message | None:
     if TROUBLE.match(text):
         return Message(text.strip(), True)
     return Message(text.strip(), False) if BANNER.match(text) and not is_damaged(text) else None
 
 
-def is_damaged(text):
+def is_damaged(text: str) -> bool:
     """True for a line that `record_of` does not know although it begins like a request or a batch."""
     return bool(DATA_LIKE.match(text))

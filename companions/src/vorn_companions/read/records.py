@@ -22,7 +22,7 @@ class Request:
     answer: str  # the kind of the answer; empty when there was none
 
     @property
-    def rtt(self):
+    def rtt(self) -> float | None:
         """Milliseconds, or None."""
         return None if self.rtt_usec is None else self.rtt_usec / 1000
 
@@ -62,7 +62,7 @@ class RunningRate:
 class Totals:
     """First line of the summary of an echo-mode run."""
 
-    duration_usec: int
+    duration_usec: int | None
     sent: int
     received: int
     missing: int
@@ -87,9 +87,9 @@ class DataRate:
 class Extremes:
     """Last line of that summary: round-trip times."""
 
-    min_usec: int
-    max_usec: int
-    mean_usec: int
+    min_usec: int | None
+    max_usec: int | None
+    mean_usec: int | None
 
 
 # --- command mode: batches ---
@@ -121,7 +121,7 @@ class StreamPacket:
 class Completed:
     """The last line of a command-mode run."""
 
-    duration_usec: int
+    duration_usec: int | None
 
 
 # --- both ---
@@ -149,6 +149,10 @@ class Message:
     trouble: bool
 
 
+Record = (Request | RunningRate | Totals | PacketRates | DataRate | Extremes | Batch | StreamPacket | Completed
+          | Destination | MonitorLocked | Message)
+
+
 # --- files ---
 
 @dataclasses.dataclass
@@ -169,17 +173,38 @@ class TestRow:
     test_time: float  # seconds
     date: datetime.datetime
     tag: str
-    values: list
+    values: list[float]
 
 
 @dataclasses.dataclass
-class Run:
-    """One run of the program in saved output; `items` are its batches or its requests."""
+class StreamRun:
+    """One command-mode run of the program in saved output."""
 
     path: str
-    items: list
-    sent: int = 0  # echo mode: requests sent
+    batches: list[Batch]
+    packets: list[StreamPacket]
+    label: str = ""
+
+
+@dataclasses.dataclass
+class EchoRun:
+    """One echo-mode run of the program in saved output."""
+
+    path: str
+    requests: list[Request]
+    sent: int = 0
     label: str = ""
     first: str | None = None  # the destination, or the first of a range
     last: str | None = None  # the last of a range
-    ordered: list | None = None  # round trips in ms, once they have been sorted
+
+
+@dataclasses.dataclass
+class Sources:
+    """What was given to a command, sorted by its kind."""
+
+    results: list[TestRow] = dataclasses.field(default_factory=list)
+    histograms: list[TestRow] = dataclasses.field(default_factory=list)
+    streams: list[StreamRun] = dataclasses.field(default_factory=list)
+    echoes: list[EchoRun] = dataclasses.field(default_factory=list)
+    stores: list[str] = dataclasses.field(default_factory=list)  # paths of files of records
+    notes: list[str] = dataclasses.field(default_factory=list)  # "place: what" of each line that was not used
