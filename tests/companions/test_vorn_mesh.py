@@ -1,5 +1,5 @@
 # Many hosts: the rounds in which they meet, the matrix of what is kept, who the hosts are, and meshes over ssh.
-import contextlib, itertools, json, os, random, re, shutil, signal, subprocess, time, types
+import asyncio, contextlib, itertools, json, os, random, re, shutil, signal, subprocess, time, types
 from pathlib import Path
 
 import pytest
@@ -8,7 +8,7 @@ from lab import VORN, End, Host, Lab, Link, Program, eventually, standing
 from vorn_companions.commands import mesh
 from vorn_companions.figures import matrix
 from vorn_companions.figures.options import Options
-from vorn_companions.mesh import inventory, keep
+from vorn_companions.mesh import far_end, inventory, keep
 from vorn_companions.mesh.far_end import Line
 from vorn_companions.mesh.rounds import rounds
 from vorn_companions.read.records import Sources
@@ -107,6 +107,36 @@ def test_hosts_are_taken_as_they_are_set_or_refused():
             inventory.mesh_host({**FIELDS, field: value}, None, None)
 
 
+# ---- the far end ----
+
+def processes(command):
+    """The ids of all processes with these words somewhere in their command line."""
+    words, found = "\0".join(command).encode(), []
+    for process in Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(OSError):  # it has just ended
+            if words in (process / "cmdline").read_bytes():
+                found.append(int(process.name))
+    return found
+
+
+
+# A signal that comes just when timeout(1) has started the command ends timeout alone.
+def test_a_command_that_is_let_go_at_any_moment_of_its_start_ends():
+    host = inventory.mesh_host({**FIELDS, "connection": "local"}, None, None)
+    command = ["sleep", f"600.{random.randrange(10 ** 9)}"]
+
+    async def begin_and_let_go():
+        async with far_end.held(host, "", 300, command, far_end.Haste()):
+            await asyncio.sleep(random.uniform(0, 0.03))
+
+    async def many():
+        for _ in range(10):
+            await asyncio.gather(*(begin_and_let_go() for _ in range(8)))
+
+    asyncio.run(many())
+    eventually(lambda: not processes(command), "the end of all commands", patience=20)
+
+
 # ---- over ssh: a host in the middle, to which others are joined, each with an sshd of its own ----
 
 SSHD = shutil.which("sshd", path="/usr/sbin:/usr/local/sbin")
@@ -158,15 +188,11 @@ class Site:
                                     env={"HOME": str(self.folder)}))
 
     def running(self):
-        """What runs beside sshd, by host."""
-        found = {}
-        for name, place in self.places.items():
-            for process in place.inhabitants():
-                with contextlib.suppress(OSError):
-                    words = Path(f"/proc/{process}/cmdline").read_bytes().decode().split("\0")
-                    if VORN in words:
-                        found.setdefault(name, []).append(process)
-        return found
+        """What belongs to the program, by host."""
+        ours = set(processes([VORN]))
+        found = {name: [process for process in place.inhabitants() if process in ours]
+                 for name, place in self.places.items()}
+        return {name: those for name, those in found.items() if those}
 
     def runs(self):
         with store.reading(str(self.folder / "mesh.db")) as opened:

@@ -20,15 +20,17 @@ KEEP_ALIVE = ("-o", "ServerAliveInterval=2", "-o", "ServerAliveCountMax=3")  # a
 KILL_SEC = 2  # after which a command that does not end is killed
 ENDING_SEC = 5.0  # for a command to end by itself and its last lines to come
 HASTY_SEC = 0.8  # the same once we have been asked to stop
-CUT_OFF_SEC = 0.1
+CUT_OFF_SEC = 0.2  # for the death of what was killed
 LONGEST_LINE = 1 << 20
 READY = "vorn-mesh is ready"
 
-# timeout leads a group of its own, so a wrapper around the program is ended with it. A background process of a shell
-# reads from /dev/null unless it is given a copy of the shell's input.
+# timeout(1) leads a group of its own, so a wrapper around the program is ended with it. A signal that comes just when it
+# has started the program ends timeout alone (coreutils 9.1): whatever is left of the group is ended behind it. The shell
+# gives a background process no input unless it is given a copy of its own.
 HELD = ('exec 3<&0; timeout -k {kill} "$@" </dev/null 3<&- & command=$!; '
         '{{ read -r line; kill "$command"; }} <&3 >/dev/null 2>&1 & watcher=$!; '
-        'wait "$command" 2>/dev/null; status=$?; kill "$watcher" 2>/dev/null; exit "$status"').format(kill=KILL_SEC)
+        'wait "$command" 2>/dev/null; status=$?; '
+        'kill -s TERM -- "-$command" 2>/dev/null; kill "$watcher" 2>/dev/null; exit "$status"').format(kill=KILL_SEC)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -40,6 +42,7 @@ class Line:
 @dataclasses.dataclass
 class FarEnd:
     process: asyncio.subprocess.Process
+    transport: asyncio.SubprocessTransport
     output: list[Line] = dataclasses.field(default_factory=list)
     errors: list[Line] = dataclasses.field(default_factory=list)
     readers: list[asyncio.Task[None]] = dataclasses.field(default_factory=list)
@@ -69,13 +72,14 @@ async def read_lines(stream: asyncio.StreamReader, lines: list[Line], news: asyn
 
 async def start(command: Sequence[str]) -> FarEnd:
     """Starts a local command that Ctrl-C does not reach: it ends when we say so."""
-    process = await asyncio.create_subprocess_exec(
-        *command, stdin=asyncio.subprocess.PIPE, stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.PIPE,
-        start_new_session=True, limit=LONGEST_LINE)
-    far = FarEnd(process)
-    assert process.stdout and process.stderr
-    far.readers += [asyncio.create_task(read_lines(process.stdout, far.output, far.news)),
-                    asyncio.create_task(read_lines(process.stderr, far.errors, far.news))]
+    loop, pipe = asyncio.get_running_loop(), asyncio.subprocess.PIPE
+    transport, protocol = await loop.subprocess_exec(
+        lambda: asyncio.subprocess.SubprocessStreamProtocol(limit=LONGEST_LINE, loop=loop), *command, stdin=pipe,
+        stdout=pipe, stderr=pipe, start_new_session=True)
+    far = FarEnd(asyncio.subprocess.Process(transport, protocol, loop), transport)
+    assert far.process.stdout and far.process.stderr
+    far.readers += [asyncio.create_task(read_lines(far.process.stdout, far.output, far.news)),
+                    asyncio.create_task(read_lines(far.process.stderr, far.errors, far.news))]
     return far
 
 
@@ -84,12 +88,10 @@ async def end(far: FarEnd, patience_sec: float) -> None:
     assert far.process.stdin
     far.process.stdin.close()
     left = [asyncio.create_task(far.process.wait()), *far.readers]
-    _, late = await asyncio.wait(left, timeout=patience_sec)
-    if late:
-        with contextlib.suppress(ProcessLookupError):
-            far.process.kill()
-        _, late = await asyncio.wait(left, timeout=CUT_OFF_SEC)
-    for task in late:  # somebody else still holds the pipe
+    await asyncio.wait(left, timeout=patience_sec)
+    far.transport.close()  # kills what has not ended, and closes pipes that somebody else still holds
+    _, late = await asyncio.wait(left, timeout=CUT_OFF_SEC)
+    for task in late:
         task.cancel()
 
 
