@@ -29,7 +29,7 @@ class Way:
 
     @property
     def queue_bytes(self) -> int:
-        return self.frames * FRAME_BYTES + 200  # room for a few pings, which are to find the queue full and not closed
+        return self.frames * FRAME_BYTES + 400  # room for the pings that wait among the frames
 
     @property
     def delay_usec(self) -> float:

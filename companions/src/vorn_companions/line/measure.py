@@ -15,13 +15,15 @@ from vorn_companions.line.result import Hop, Line, Lossless, Phase, Rate
 from vorn_companions.line.under_way import NotMeasured, Session, Stopped
 from vorn_companions.read.records import REPLY
 
-OVERLOAD = 1.1  # of the rate found: enough to fill the queue, little enough that it is not loss alone
+OVERLOAD = 1.1  # of the rate found: the line is never idle
+LOAD = 1.25  # in one second this fills a queue of 250 msec; more would drop the pings among the load
 GROWTH = 2.0  # where a load filled nothing
 BATCHES = 4  # with a load that fills the line and those before it
 TRAINS = (50, 500, 5000)
 TRAIN_SPAN_USEC = 20_000  # a train that takes less to arrive is followed by a longer one
 FALLBACK_MBPS = 1.0  # where even the trains said nothing
 LEAST_LOAD_SEC = 0.3
+LAST_ANSWERS_SEC = 0.4
 TRIAL_SEC = 1.0
 SAME_RATE = 0.97  # of the other direction's: what comes back is held up there
 LONGEST_TIMEOUT_USEC = 2_000_000
@@ -120,7 +122,7 @@ def measure_down(session: Session, plan: Plan, line: Line) -> None:
     """One stream as long as the probes; where a batch cannot be so long, several."""
     if line.down is None:
         return
-    pace = pace_above(OVERLOAD * line.down.mbps)
+    pace = pace_above(LOAD * line.down.mbps)
     probes: list[Probe] = []
     met: list[Probe] = []
     left_sec = plan.load_sec
@@ -183,7 +185,8 @@ def measure_up_rate(session: Session, plan: Plan, line: Line) -> None:
 def measure_up(session: Session, plan: Plan, line: Line) -> None:
     if line.up is None:
         return
-    loaded = runs.blast(session, pace_above(OVERLOAD * line.up.mbps), plan.load_sec)
+    left_sec = max(plan.load_sec / 2, plan.total_sec - session.age_sec - LAST_ANSWERS_SEC)
+    loaded = runs.blast(session, pace_above(LOAD * line.up.mbps), min(plan.load_sec, left_sec))
     keep_probes(line, "up", loaded.probes, loaded.met)
     if is_rising(loaded.met):
         line.rising.add("up")

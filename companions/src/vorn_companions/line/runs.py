@@ -18,7 +18,7 @@ SILENCE_SEC = 0.5  # the end of a batch is lost: before the commander has notice
 MOST_OUTSTANDING = 65534
 MOST_HOPS = 30
 HOP_TIMEOUT_USEC = 250_000
-SETTLED_SHARE = 0.5  # of a load; at a tenth above the rate a queue of 100 msec takes a second to fill
+SETTLED_SHARE = 0.5  # of a load; before, it fills the queue
 
 
 @dataclasses.dataclass(slots=True)
