@@ -1,5 +1,5 @@
 # Many hosts: the rounds in which they meet, the matrix of what is kept, who the hosts are, and meshes over ssh.
-import asyncio, contextlib, itertools, json, os, random, re, shutil, signal, subprocess, time, types
+import asyncio, contextlib, itertools, json, os, random, re, shutil, signal, subprocess, time
 from pathlib import Path
 
 import pytest
