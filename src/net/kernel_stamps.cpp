@@ -108,6 +108,7 @@ void take_send_stamps(run_state* run) {
   if (run->stamps_sends == 0) return;
   send_stamp stamp = {};
   while (read_send_stamp(run->data_socket, &stamp)) note_send_stamp(&stamp, run);
+  run->step_time = 0;
 }
 
 // The numbers begin at 0 when they are asked for by a socket that had none.
