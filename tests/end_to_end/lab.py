@@ -60,6 +60,10 @@ class Program:
         eventually(lambda: text in self.out + self.err or self.status is not None, text)
         assert self.status is None, (text, self.out, self.err)
 
+    # UDP datagrams that left its namespace.
+    def datagrams_sent(self):
+        return int(re.findall("^Udp: (.*)", self.proc("net/snmp"), re.M)[1].split()[3])
+
     # "S": asleep, so it has read all that came; "T": stopped.
     def wait_until(self, state):
         eventually(lambda: self.proc("stat").rpartition(") ")[2][0] == state, f"state {state}")

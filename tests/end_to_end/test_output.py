@@ -1,5 +1,5 @@
 # Where the output goes: live, in order, into odd places, and whole rows only.
-import os, re, shutil, signal
+import os, re, shutil
 
 import pytest
 from lab import (
@@ -87,7 +87,7 @@ def test_what_becomes_of_a_results_file_without_a_row(lab, tmp_path):
     lab.monitor(at=here)
     lab.monitor(at=there)
     no_growth = ["sh", "-c", 'ulimit -f 2; exec "$@"', "sh"]  # a kilobyte: what is printed fits, a row does not
-    (tmp_path / "kept.csv").write_text(rows := "a row of a test before\n" * 30)
+    (tmp_path / "kept.csv").write_text(rows := "a row of a test before\n" * 50)  # more than that already
     could_not = "Error: could not write results file "
     for name in ("row.csv", "kept.csv"):
         run = lab.run(*SHORT, f"-f{name}", at=here, cwd=tmp_path, before=no_growth)

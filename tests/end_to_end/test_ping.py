@@ -1,9 +1,11 @@
 # Echo mode over ICMP: what each kind of answer, or its absence, does to the lines, the counts and the pacing; the
 # sweep, traceroute, and sending without listening.
-import re, struct
+import os, re, signal, struct, time
 
 import pytest
-from lab import HOST, LOOPBACK, error, eventually, icmp, received, reply, shape, summary, timed_out, unexpected
+from lab import (
+    ECHO_REPLY, HOST, LOOPBACK, REMOTE_PORT, TunPeer, error, eventually, icmp, message, received, reply, shape,
+    summary, timed_out, unexpected)
 
 SURE, BAD_CHECKSUM = "-T9000000", "Error: Received ICMP message with bad ICMP checksum\n"
 ALL, TTL, UNREACHABLE = "".join(map(received, range(3))) + summary(3, 3), "TTL Exceeded", "Destination Unreachable"
@@ -25,18 +27,16 @@ def test_output_and_frames(lab, options, kind, length, lines):
 
 # A window of one: a request goes out when the one before is settled, so what comes first is late for that one.
 def test_odd_answers(lab):
-    late = [reply(shift=-1), reply()], lambda n: unexpected(n - 1) + received(n), ""
-    rows = [  # the answers to request n, its lines, errors
-        ([], timed_out, ""), late,  # late for a request that timed out
-        ([reply(spoil=1), reply()], received, BAD_CHECKSUM), ([reply(options=b"\x01" * 40)], received, ""),
-        ([reply(source="10.9.8.7")], lambda n: received(n, "10.9.8.7"), ""),
-        ([reply(identifier=0), reply()], received, ""),
-        ([reply(length=8)], received, ""), ([reply(length=7)], timed_out, "")]
-    script = {n: answers for n, (answers, *_) in enumerate(rows)}
-    run, _ = lab.ping(script, HOST, "-l40", "-d5000", "-T1000000", f"-e{len(rows)}")
-    assert shape(run.body) == "".join(lines(n) for n, (_, lines, _) in enumerate(rows)) + summary(8, 6)
-    assert all(float(time) >= 1.005 for time in re.findall(r"TIMEOUT in +([\d.]+)s", run.body))
-    assert run.err == f"Destination IP = {HOST}\n" + "".join(errors for *_, errors in rows) + "Cleanup exit\n"
+    run, _ = lab.ping({
+        0: [reply(length=7)],
+        1: [reply(shift=-1), reply(spoil=1), reply(identifier=0), reply(options=b"\x01" * 40)],
+        2: [reply(source="10.9.8.7")],
+        3: [reply(shift=-1), reply(length=8)],
+    }, HOST, "-l40", "-d5000", "-T1000000", "-e4")
+    lines = timed_out(0) + unexpected(0) + received(1) + received(2, "10.9.8.7") + unexpected(2) + received(3)
+    assert shape(run.body) == lines + summary(4, 3)
+    assert float(re.search(r"TIMEOUT in +([\d.]+)s", run.body)[1]) >= 1.005
+    assert run.err == f"Destination IP = {HOST}\n{BAD_CHECKSUM}Cleanup exit\n"
 
 
 def test_icmp_of_every_type_and_errors_of_every_length(lab):
@@ -88,3 +88,25 @@ def test_three_routers_and_what_they_do_not_know(lab):
         assert shape(run.body) == preset + hops + answers + summary(count, count)
     _, peer = lab.ping({}, HOST, "-t", "-e130", "-d0", "-s", SURE)
     assert [packet.ttl for packet in peer.packets] == [*range(1, 128), 127, 127, 127]
+
+
+# The kernel's stamps tell when an answer came, however long the program does not look.
+@pytest.mark.parametrize("options", [[HOST], ["-u", LOOPBACK]])
+def test_a_program_that_sleeps_measures_right(lab, options):
+    peer, began = lab.own(TunPeer(lab.namespace(), {0: []})), time.monotonic()
+    monitor = lab.socket(peer.namespace, REMOTE_PORT)
+    run = lab.start(*options, "-e1", SURE, at=peer.namespace)
+    run.wait_for("Destination")
+    run.wait_until("S")
+    run.signal(signal.SIGSTOP)
+    run.wait_until("T")
+    if "-u" in options:
+        request, sender = monitor.recvfrom(1000)
+        monitor.sendto(message(ECHO_REPLY, process_id=request[4:8]), sender)
+    else:
+        eventually(lambda: peer.packets, "the request")
+        os.write(peer.tun, reply()(peer.packets[0])[1])
+    longest = time.monotonic() - began
+    time.sleep(0.5)
+    run.signal(signal.SIGCONT)
+    assert float(re.search(r"Received  Echo Reply  in +([\d.]+)s", run.finish().body)[1]) <= longest
