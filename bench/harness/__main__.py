@@ -77,9 +77,9 @@ def main():
                 if number < (results.table.rounds or arguments.rounds):
                     print(f"round {number + 1}: {results.table.name}", file=sys.stderr, flush=True)
                     run_round(bench, results, number)
+                    report.keep(results)
     print(machine)
     for results in all_results:
-        report.keep(results)
         print(report.table_text(results))
 
 
