@@ -27,7 +27,6 @@ def captured_run(lab, case, row):
 
 BATCH_LINE = re.compile(
     r"^\s*(\d+):(.) Pkts: +(\d+)/\d+ +([\d.]+) mbps .* ([\d.]+) msec   Lost: (\d+) +Bad Samples: (\d+)", re.MULTILINE)
-SHORT_SPAN_NSEC = 200000
 
 
 def printed_batches(text):
@@ -40,24 +39,17 @@ def printed_batches(text):
 
 def batch_rates(lab, case, row):
     text, packets, _ = captured_run(lab, case, row)
-    arrivals, setting = wire.batches_in(packets), case.setting
-    printed, true, errors, short_errors, buffers, buffer_errors = [], [], [], [], [], []
+    arrivals = wire.batches_in(packets)
+    printed, true, errors, buffers, buffer_errors = [], [], [], [], []
     for batch, _, rate, buffer, _, _ in printed_batches(text):
-        true_rate = wire.rate_mbps(arrivals[batch], setting["payload"])
         printed.append(rate)
-        true.append(true_rate)
-        buffers.append(wire.playout_msec(arrivals[batch], setting["delay"]))
+        true.append(wire.rate_mbps(arrivals[batch], case.setting["payload"]))
+        buffers.append(wire.playout_msec(arrivals[batch], case.setting["delay"]))
+        errors.append(abs(rate / true[-1] - 1) * 100 if true[-1] else 0)
         buffer_errors.append(abs(buffer - buffers[-1]))
-        if true_rate:
-            short = wire.span_nsec(arrivals[batch]) < SHORT_SPAN_NSEC
-            (short_errors if short else errors).append(abs(rate - true_rate) / true_rate * 100)
-    figures = {"printed": statistics.median(printed), "true": statistics.median(true), "batches": len(errors),
-               "short": len(short_errors), "buffer": statistics.median(buffers),
-               "buffer_error": percentile(buffer_errors, 0.95)}
-    for name, found in (("error", errors), ("short_error", short_errors)):
-        if found:
-            figures.update({name: statistics.median(found), f"{name}_95": percentile(found, 0.95)})
-    return figures
+    return {"printed": statistics.median(printed), "true": statistics.median(true), "error": statistics.median(errors),
+            "error_95": percentile(errors, 0.95), "buffer": statistics.median(buffers),
+            "buffer_error": percentile(buffer_errors, 0.95)}
 
 
 # ---- losses

@@ -31,12 +31,10 @@ def rates_table(vorn, quick):
     return Table(
         "rates", "Truth: the rate and the buffer of a batch",
         STAMPS + "`vorn --client -l1500` against `vorn --server`, each on a core of its own; arrivals at the "
-        "commander's device. The error is the printed rate's, with its one decimal, as a share of the true one; "
-        "batches whose true span is below 200 usec are judged apart. The buffer is printed with one decimal, too.",
+        "commander's device. The error is the printed rate's, as a share of the true one. Rate and buffer are printed "
+        "with one decimal.",
         [Column("printed", "printed Mbit/s, median", 1), Column("true", "true, median", 1),
-         Column("batches", "batches", 0), Column("error", "off by %, median", 3),
-         Column("error_95", "off by %, 95 % of batches", 3), Column("short", "batches below 200 usec", 0),
-         Column("short_error", "these: off by %, median", 3), Column("short_error_95", "these: off by %, 95 %", 3),
+         Column("error", "off by %, median", 3), Column("error_95", "off by %, 95 % of batches", 3),
          Column("buffer", "true buffer msec, median", 3), Column("buffer_error", "buffer off by msec, 95 %", 3)],
         {"error_95": False}, cases, truth.batch_rates)
 
