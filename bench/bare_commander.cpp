@@ -8,28 +8,25 @@
 static constexpr const char* usage = "HOST PORT LOCAL_PORT PACKETS_PER_BATCH IP_LENGTH BATCHES";
 static constexpr std::uint32_t silence_ms = 1000;
 
-struct batch_result {
-  std::uint32_t received;
-  bool first_arrived;
-  bool last_arrived;
-};
-
 static reader stream;
 
-static batch_result receive_batch(std::uint32_t batch, std::uint32_t packets) {
-  batch_result result = {};
-  while (!result.last_arrived) {
+// How many packets of the batch came; 0 when the first or the last is missing.
+static std::uint32_t receive_batch(std::uint32_t batch, std::uint32_t packets) {
+  std::uint32_t received = 0;
+  bool first_came = false;
+  bool last_came = false;
+  while (!last_came) {
     const int got = read_messages(&stream, 0);
-    if (got < 0) break;
+    if (got < 0) return 0;
     for (int i = 0; i < got; ++i) {
       test_header header = {};
       if (!read_test_header(message_of(stream, i), &header) || header.batch != batch) continue;
-      ++result.received;
-      if (header.sequence == 0) result.first_arrived = true;
-      if (header.sequence == packets - 1) result.last_arrived = true;
+      ++received;
+      first_came = first_came || header.sequence == 0;
+      last_came = last_came || header.sequence == packets - 1;
     }
   }
-  return result;
+  return first_came ? received : 0;
 }
 
 int main(int argc, char** argv) {
@@ -59,13 +56,10 @@ int main(int argc, char** argv) {
   for (std::uint32_t batch = 0; batch < batches; ++batch) {
     write_message(bytes, message_operation, batch, 0, sizeof command);
     send_packet(stream.socket_fd, bytes, sizeof command, monitor);
-    const batch_result result = receive_batch(batch, packets);
-    if (result.first_arrived && result.last_arrived) {
-      lost += packets - result.received;
-    } else {
-      ++bad;
-    }
+    const std::uint32_t received = receive_batch(batch, packets);
+    if (received == 0) ++bad;
+    lost += received == 0 ? 0 : packets - received;
   }
-  std::printf("batches %u bad %u lost %llu seconds %.6f\n", batches, bad, static_cast<unsigned long long>(lost),
-              static_cast<double>(clock_usec() - start) / 1e6);
+  std::printf("batches %u seconds %.6f lost %llu bad %u\n", batches, static_cast<double>(clock_usec() - start) / 1e6,
+              static_cast<unsigned long long>(lost), bad);
 }

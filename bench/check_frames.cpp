@@ -55,20 +55,16 @@ static ring open_ring(const char* device) {
   return {socket_fd, static_cast<std::uint8_t*>(memory)};
 }
 
-static std::uint16_t sum_of_two(std::uint32_t one, std::uint32_t other) {
-  const std::uint32_t sum = one + other;
-  return static_cast<std::uint16_t>((sum & 0xffffU) + (sum >> 16U));
-}
-
-// Of RFC 768, with the pseudo header: both addresses, the protocol and the length.
+// Of RFC 768, with the pseudo header in front: both addresses, the protocol and the length.
 static std::uint16_t udp_sum(std::span<const std::uint8_t> ip) {
-  const std::uint8_t* udp = ip.data() + ipv4_header_bytes;
+  static std::array<std::uint8_t, slot_bytes> summed = {};
+  constexpr std::size_t pseudo_bytes = 12;
   const std::size_t length = ip.size() - ipv4_header_bytes;
-  std::array<std::uint8_t, 12> pseudo = {};
-  std::memcpy(pseudo.data(), ip.data() + ip_source_offset, 8);
-  pseudo[9] = IPPROTO_UDP;
-  write_be16(&pseudo[10], static_cast<std::uint16_t>(length));
-  return sum_of_two(internet_checksum(pseudo.data(), pseudo.size()), internet_checksum(udp, length));
+  std::memcpy(summed.data(), &ip[ip_source_offset], 8);
+  summed[9] = IPPROTO_UDP;
+  write_be16(&summed[10], static_cast<std::uint16_t>(length));
+  std::memcpy(&summed[pseudo_bytes], &ip[ipv4_header_bytes], length);
+  return internet_checksum(summed.data(), pseudo_bytes + length);
 }
 
 static bool is_all_zero(std::span<const std::uint8_t> bytes) {

@@ -14,33 +14,24 @@ import sys
 from harness import report
 from harness.figures import Results, with_before
 from harness.lab import FAR_CPU, standing_lab
+from harness.measuring import NoFigures
 from harness.tables import TABLES as SPEED_TABLES
 from harness.truth_tables import TRUTH_TABLES
 
 TABLES = {**TRUTH_TABLES, **SPEED_TABLES}
 
 
-class Bench:
-    """What the jobs share: the lab and whether to be quick."""
-
-    def __init__(self, lab, quick):
-        self.lab, self.quick = lab, quick
-
-    def pick(self, full, quick):
-        return quick if self.quick else full
-
-    def complain(self, case, row, text):
-        last_line = next((line for line in reversed(text.splitlines()) if line.strip()), "no output")
-        print(f"no figures: {case.title}, {row.program}: {last_line.strip()[:200]}", file=sys.stderr)
-
-
-def run_round(bench, results, number):
+def run_round(lab, results, number):
     """Each round begins with another row, so that none is always first."""
     for case in results.table.cases:
         first = number % len(case.rows)
-        bench.lab.answer_from_cpu(FAR_CPU if case.setting.get("answers") == "other core" else None)
+        lab.answer_from_cpu(FAR_CPU if case.setting.get("answers") == "other core" else None)
         for row in case.rows[first:] + case.rows[:first]:
-            results.add(case, row, results.table.job(bench, case, row))
+            try:
+                results.add(case, row, results.table.job(lab, case, row))
+            except NoFigures as reason:
+                results.add(case, row, {})
+                print(f"no figures: {case.title}, {row.program}: {str(reason).strip()[-200:]}", file=sys.stderr)
 
 
 def read_arguments():
@@ -71,15 +62,14 @@ def main():
                           for case in table.cases if arguments.case in case.title]
     all_results = [Results(table) for table in tables]
     with standing_lab() as lab:
-        bench = Bench(lab, arguments.quick)
         for number in range(arguments.rounds):
             for results in all_results:
                 if number < (results.table.rounds or arguments.rounds):
                     print(f"round {number + 1}: {results.table.name}", file=sys.stderr, flush=True)
-                    run_round(bench, results, number)
+                    run_round(lab, results, number)
+                    report.keep(results)
     print(machine)
     for results in all_results:
-        report.keep(results)
         print(report.table_text(results))
 
 

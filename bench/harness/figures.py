@@ -9,13 +9,13 @@ from typing import Callable
 class Row:
     program: str  # as shown
     role: str  # "vorn", "before" (an earlier vorn), "bare" (our floor), "peer", or "mixed" (never compared with)
-    command: list
+    command: str
     output: str = ""  # whose way of reporting to read
     far_end: str = ""  # who answers, see measuring.far_end
     vorn: str = ""  # the program that takes part, if one does
     endless: bool = False  # it runs until it is interrupted
     first_burst: int = 1  # packets of the first release of a paced stream
-    is_stream_packet: Callable = None  # whether a captured packet belongs to the stream that is judged
+    stream: tuple = ()  # of a captured packet that belongs to what is judged: whether it is UDP, its kind or port
     sends_from_far: bool = False  # the stream is the far end's
 
 
@@ -64,8 +64,8 @@ class Table:
 def with_before(case, vorn, before):
     """The case with a second row for each of Vorn's, of an earlier Vorn."""
     def replaced(row):
-        command = [before if word == vorn else word for word in row.command]
-        return dataclasses.replace(row, program=f"before: {row.program}", role="before", command=command, vorn=before)
+        return dataclasses.replace(row, program=f"before: {row.program}", role="before", vorn=before,
+                                   command=row.command.replace(vorn, before))
     rows = [each for row in case.rows for each in ([row, replaced(row)] if row.role == "vorn" else [row])]
     return dataclasses.replace(case, rows=rows)
 

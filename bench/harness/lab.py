@@ -49,15 +49,9 @@ class Lab:
     def arrived(self):
         """Packets that the far end's IP layer has received. Those that crossed the device as one frame, to be split by
         it, count one each here, as they do nowhere else. Marked ones (ECN) would not: nobody sends any."""
-        return self._count("netstat", "IpExt", "InNoECTPkts")
+        return self.count("IpExt", "InNoECTPkts", "netstat")
 
-    def answers_discarded(self):
-        return self._count("snmp", "Ip", "OutDiscards")
-
-    def queue_drops(self):
-        return self._count("snmp", "Udp", "RcvbufErrors")
-
-    def _count(self, file, protocol, field):
+    def count(self, protocol, field, file="snmp"):
         names, values = [line.split() for line in self.far.read(file).splitlines() if line.startswith(protocol + ":")]
         return int(values[names.index(field)])
 

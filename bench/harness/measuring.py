@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 import select
+import shlex
 import signal
 import subprocess
 import tempfile
@@ -16,6 +17,10 @@ from harness.lab import FAR_CPU, NEAR_CPU
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TEST_PORT, CLIENT_PORT, IPERF_PORT = 8004, 8003, 5201
 GIVE_UP_SECONDS = 200
+
+
+class NoFigures(Exception):
+    """A run that tells nothing; what was printed last says why."""
 
 
 def bare(name):
@@ -44,11 +49,12 @@ class Running:
     """A program under way on a host for the length of a `with`. What it prints goes to a file, so that no reader takes
     processor time from it. Started without a copy of this process, it costs what it costs from a shell."""
 
-    def __init__(self, host, argv, cpu=NEAR_CPU):
+    def __init__(self, host, command):
         self.output = tempfile.TemporaryFile()
         streams = [(os.POSIX_SPAWN_OPEN, 0, "/dev/null", os.O_RDONLY, 0),
                    *((os.POSIX_SPAWN_DUP2, self.output.fileno(), stream) for stream in (1, 2))]
-        with host, pinned(cpu):
+        argv = shlex.split(command)
+        with host, pinned(NEAR_CPU):
             self.started = time.monotonic()
             self.process = os.posix_spawnp(argv[0], argv, os.environ, file_actions=streams, setsid=True)
 
@@ -64,27 +70,29 @@ class Running:
     def signal(self, number):
         os.killpg(self.process, number)
 
-    def finish(self, give_up_after=GIVE_UP_SECONDS):
-        """(cost, output); the cost is None when the program had to be given up."""
+    def finish(self):
+        """(cost, output)."""
         descriptor = os.pidfd_open(self.process)
-        in_time = select.select([descriptor], [], [], give_up_after)[0]
-        os.close(descriptor)
-        if not in_time:
+        if not select.select([descriptor], [], [], GIVE_UP_SECONDS)[0]:
             self.signal(signal.SIGKILL)
+        os.close(descriptor)
         _, status, used = os.wait4(self.process, 0)
         cost = Cost(time.monotonic() - self.started, used.ru_utime + used.ru_stime, os.waitstatus_to_exitcode(status))
         self.process = None
         self.output.seek(0)
-        return cost if in_time else None, self.output.read().decode(errors="replace")
+        text = self.output.read().decode(errors="replace")
+        if cost.status < 0:  # killed
+            raise NoFigures(text)
+        return cost, text
 
 
-def run_measured(host, argv):
-    with Running(host, argv) as running:
+def run_measured(host, command):
+    with Running(host, command) as running:
         return running.finish()
 
 
 # A process that this one started would inherit our own peak; a small one in between does not.
-MEASURE_MEMORY = ["time", "--quiet", "-f", "peak %M kB"]
+MEASURE_MEMORY = "time --quiet -f 'peak %M kB' "
 
 
 def peak_memory_kb(text):
@@ -129,8 +137,7 @@ def far_end(host, row):
         return contextlib.nullcontext()
     command, port = {
         "vorn": ([row.vorn, "--server"], TEST_PORT),
-        "monitor": ([bare("bare_monitor"), str(TEST_PORT), "1000", "1"], None),
-        "segments": ([bare("bare_monitor"), str(TEST_PORT), "1000", "64"], None),
+        "monitor": ([bare("bare_monitor"), str(TEST_PORT), "1000"], None),
         "sink": ([bare("bare_receiver"), str(TEST_PORT)], None),
         "iperf3": (["iperf3", "--server", "--one-off"], IPERF_PORT),
     }[row.far_end]

@@ -9,7 +9,7 @@ import subprocess
 
 from harness.measuring import ROOT
 
-STORE = ROOT / "build" / "bench" / "results"
+STORE = ROOT / "build" / "bench" / "results.json"
 VERSIONS = {"fping": ["fping", "--version"], "ping": ["ping", "-V"], "iperf3": ["iperf3", "--version"],
             "hping3": ["hping3", "--version"], "g++": ["g++", "-dumpfullversion"]}
 ROLES = ("vorn", "before", "bare", "peer")
@@ -68,18 +68,19 @@ def page_lines(results):
                "; ".join(missed) or ("all met" if count else "-")]
 
 
+def kept():
+    """{case: its line} as measured last."""
+    return json.loads(STORE.read_text(encoding="utf-8")) if STORE.exists() else {}
+
+
 def keep(results):
-    """For the page: the last measurement of each case counts."""
-    STORE.mkdir(parents=True, exist_ok=True)
-    for line in page_lines(results):
-        (STORE / re.sub(r"\W+", "-", line[0])).with_suffix(".json").write_text(json.dumps(line), encoding="utf-8")
+    STORE.write_text(json.dumps({**kept(), **{line[0]: line for line in page_lines(results)}}), encoding="utf-8")
 
 
 def page(tables):
-    titles = [f"{table.name}: {case.title}" for table in tables for case in table.cases]
-    files = [(STORE / re.sub(r"\W+", "-", title)).with_suffix(".json") for title in titles]
-    lines = [json.loads(file.read_text(encoding="utf-8")) for file in files if file.exists()]
-    return grid(["case", "figure", "Vorn", "before", "bare loop", "best other tool", "goals"], lines)
+    lines, titles = kept(), [f"{table.name}: {case.title}" for table in tables for case in table.cases]
+    return grid(["case", "figure", "Vorn", "before", "bare loop", "best other tool", "goals"],
+                [lines[title] for title in titles if title in lines])
 
 
 def machine():

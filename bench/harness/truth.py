@@ -6,7 +6,8 @@ import re
 import statistics
 
 from harness import wire
-from harness.measuring import busy_cores, far_end, run_measured
+from harness.jobs import numbers_in
+from harness.measuring import NoFigures, busy_cores, far_end, run_measured
 
 
 def percentile(values, share):
@@ -14,72 +15,53 @@ def percentile(values, share):
     return sorted(values)[math.ceil(share * len(values)) - 1]
 
 
-def captured_run(bench, case, row):
-    """(what the program printed, the packets on the wire, its cost); packets are None when there is nothing to
-    judge."""
-    lab = bench.lab
+def captured_run(lab, case, row):
+    """(what the program printed, the packets on the wire, its cost)."""
     with far_end(lab.far, row), wire.Capture(lab, "far" if row.sends_from_far else "near") as capture:
         with busy_cores(lab.far) if case.setting.get("busy") else contextlib.nullcontext():
             cost, text = run_measured(lab.near, row.command)
-        packets = capture.packets()
-    if not cost or not packets:
-        bench.complain(case, row, "the capture missed packets" if cost else text)
-        return text, None, cost
-    return text, packets, cost
+        return text, capture.packets(), cost
 
 
 # ---- batches
 
 BATCH_LINE = re.compile(
     r"^\s*(\d+):(.) Pkts: +(\d+)/\d+ +([\d.]+) mbps .* ([\d.]+) msec   Lost: (\d+) +Bad Samples: (\d+)", re.MULTILINE)
-SHORT_SPAN_NSEC = 200000
 
 
 def printed_batches(text):
     """(batch as on the wire, packets, Mbit/s, buffer in msec, lost so far, bad so far) of each line."""
+    if not BATCH_LINE.search(text):
+        raise NoFigures(text)
     return [(int(number) - 1, int(received), float(rate), float(buffer), int(lost), int(bad))
             for number, _, received, rate, buffer, lost, bad in BATCH_LINE.findall(text)]
 
 
-def batch_rates(bench, case, row):
-    text, packets, _ = captured_run(bench, case, row)
-    arrivals, setting = wire.batches_in(packets or []), case.setting
-    printed, true, errors, short_errors, buffers, buffer_errors = [], [], [], [], [], []
-    for batch, _, rate, buffer, _, _ in printed_batches(text) if packets else []:
-        true_rate = wire.rate_mbps(arrivals[batch], setting["payload"])
+def batch_rates(lab, case, row):
+    text, packets, _ = captured_run(lab, case, row)
+    arrivals = wire.batches_in(packets)
+    printed, true, errors, buffers, buffer_errors = [], [], [], [], []
+    for batch, _, rate, buffer, _, _ in printed_batches(text):
         printed.append(rate)
-        true.append(true_rate)
-        buffers.append(wire.playout_msec(arrivals[batch], setting["delay"]))
+        true.append(wire.rate_mbps(arrivals[batch], case.setting["payload"]))
+        buffers.append(wire.playout_msec(arrivals[batch], case.setting["delay"]))
+        errors.append(abs(rate / true[-1] - 1) * 100 if true[-1] else 0)
         buffer_errors.append(abs(buffer - buffers[-1]))
-        if true_rate:
-            short = wire.span_nsec(arrivals[batch]) < SHORT_SPAN_NSEC
-            (short_errors if short else errors).append(abs(rate - true_rate) / true_rate * 100)
-    if not true:
-        return {}
-    figures = {"printed": statistics.median(printed), "true": statistics.median(true), "batches": len(errors),
-               "short": len(short_errors), "buffer": statistics.median(buffers),
-               "buffer_error": percentile(buffer_errors, 0.95)}
-    for name, found in (("error", errors), ("short_error", short_errors)):
-        if found:
-            figures.update({name: statistics.median(found), f"{name}_95": percentile(found, 0.95)})
-    return figures
+    return {"printed": statistics.median(printed), "true": statistics.median(true), "error": statistics.median(errors),
+            "error_95": percentile(errors, 0.95), "buffer": statistics.median(buffers),
+            "buffer_error": percentile(buffer_errors, 0.95)}
 
 
 # ---- losses
 
-def losses(bench, case, row):
-    with bench.lab.losing(case.setting["every"]):
-        text, packets, _ = captured_run(bench, case, row)
-    if not packets:
-        return {}
-    figures = (batch_losses if case.setting["batch"] else echo_losses)(case, text, packets)
-    if not figures:
-        bench.complain(case, row, text)
-    return figures
+def losses(lab, case, row):
+    with lab.losing(case.setting["every"]):
+        text, packets, _ = captured_run(lab, case, row)
+    return (batch_losses if case.setting["batch"] else echo_losses)(case, text, packets)
 
 
 def batch_losses(case, text, packets):
-    lines, size = printed_batches(text), case.setting["batch"]
+    size, lines = case.setting["batch"], printed_batches(text)
     arrivals, true_lost, true_bad, wrong = wire.batches_in(packets), 0, 0, 0
     for batch, received, _, _, lost, bad in lines:
         came = arrivals[batch]
@@ -88,14 +70,11 @@ def batch_losses(case, text, packets):
         else:
             true_bad += 1
         wrong += (received, lost, bad) != (len(came), true_lost, true_bad)
-    return {"printed": lines[-1][4], "true": true_lost, "bad": true_bad, "wrong": wrong} if lines else {}
+    return {"printed": lines[-1][4], "true": true_lost, "bad": true_bad, "wrong": wrong}
 
 
 def echo_losses(case, text, packets):
-    found = re.search(r"(\d+) tx pkts, (\d+) rx pkts, (\d+) missing", text)
-    if not found:
-        return {}
-    sent, received, missing = (int(number) for number in found.groups())
+    sent, received, missing = numbers_in(text, r"(\d+) tx pkts, (\d+) rx pkts, (\d+) missing")
     true_sent = sum(map(wire.is_request, packets))
     true_received = sum(usec < case.setting["timeout"] for usec in wire.round_trips_usec(packets).values())
     wrong = (sent != true_sent) + (received != true_received) + (missing != true_sent - true_received)
@@ -111,14 +90,14 @@ PRINTED_TRIPS = {  # sequence number, time; the unit's usec
 }
 
 
-def round_trips(bench, case, row):
-    text, packets, _ = captured_run(bench, case, row)
+def round_trips(lab, case, row):
+    text, packets, _ = captured_run(lab, case, row)
     pattern, usec = PRINTED_TRIPS[row.output]
-    true = wire.round_trips_usec(packets or [])
+    true = wire.round_trips_usec(packets)
     printed = {int(sequence): float(time) * usec for sequence, time in re.findall(pattern, text, re.MULTILINE)}
     both = printed.keys() & true.keys()
     if not both:
-        return {}
+        raise NoFigures(text)
     errors = [printed[sequence] - true[sequence] for sequence in both]
     off = [abs(error) for error in errors]
     return {"printed": statistics.median(printed[sequence] for sequence in both),
@@ -129,12 +108,13 @@ def round_trips(bench, case, row):
 
 # ---- gaps
 
-def gaps(bench, case, row):
-    _text, packets, cost = captured_run(bench, case, row)
-    stamps = [packet.nsec for packet in packets or [] if packet.sent and row.is_stream_packet(packet)]
+def gaps(lab, case, row):
+    _text, packets, cost = captured_run(lab, case, row)
+    udp, kind = row.stream
+    ours = [packet for packet in packets if packet.sent and packet.udp == udp]
+    stamps = [packet.nsec for packet in ours if kind in (packet.kind, packet.port)]
     if len(stamps) < case.setting["count"] / 2:
-        bench.complain(case, row, f"{len(stamps)} packets captured")
-        return {}
+        raise NoFigures(f"{len(stamps)} packets captured")
     figures = gap_figures(stamps[row.first_burst:], case.setting["period"] * 1000)
     return figures if row.sends_from_far else {**figures, "cpu_ns": cost.cpu * 1e9 / len(stamps)}
 

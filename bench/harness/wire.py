@@ -13,7 +13,7 @@ import time
 import dpkt
 
 from harness.lab import DEVICE, FAR_ADDRESS, FAR_CPU, NEAR_ADDRESS
-from harness.measuring import Helper
+from harness.measuring import Helper, NoFigures
 
 ICMP_REPLY, ICMP_REQUEST = 0, 8
 UDP_REQUEST, UDP_REPLY, UDP_DATA = 1, 2, 3
@@ -57,7 +57,7 @@ class Capture:
         self.directory.cleanup()
 
     def packets(self):
-        """In the order of capture; None when one was missed, as nothing can be judged then."""
+        """In the order of capture. Nothing can be judged when one was missed."""
         self.helper.process.send_signal(signal.SIGCONT)
         written = -1
         while written != (written := os.path.getsize(self.file)):  # the ring is not empty yet
@@ -65,7 +65,7 @@ class Capture:
         report = self.helper.end()
         captured, received, dropped = (int(number) for number in re.findall(r"^(\d+) packets", report, re.MULTILINE))
         if dropped or captured != received:
-            return None
+            raise NoFigures(report)
         with open(self.file, "rb") as file:
             return [packet for stamp, frame in dpkt.pcap.Reader(file)
                     for packet in packets_of(int(stamp * 1000000000), dpkt.ethernet.Ethernet(frame).data, self.address)]
