@@ -145,7 +145,8 @@ def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[
     parser.add_argument("-o", dest="output", metavar="FILE", default=DEFAULT_FILE,
                         help="the file of records that is appended to (%(default)s)")
     parser.add_argument("--hosts", metavar="PATTERN", help="only these hosts of the inventory")
-    parser.add_argument("--label", metavar="NAME", default="mesh", help="a name for these runs, to choose them by (mesh)")
+    parser.add_argument("--label", metavar="NAME", default="mesh",
+                        help="a name for these runs, to choose them by (mesh)")
     parser.add_argument("--echo", metavar="ARGUMENTS", help=f"of the echo test ('{ECHO}')")
     parser.add_argument("--stream", metavar="ARGUMENTS", help=f"of the stream ('{STREAM}')")
     parser.add_argument("--version", action="version", version=f"%(prog)s {version()}")

@@ -24,9 +24,9 @@ CUT_OFF_SEC = 0.2  # for the death of what was killed
 LONGEST_LINE = 1 << 20
 READY = "vorn-mesh is ready"
 
-# timeout(1) leads a group of its own, so a wrapper around the program is ended with it. A signal that comes just when it
-# has started the program ends timeout alone (coreutils 9.1): whatever is left of the group is ended behind it. The shell
-# gives a background process no input unless it is given a copy of its own.
+# timeout(1) leads a group of its own, so a wrapper around the program is ended with it. A signal that comes just when
+# it has started the program ends timeout alone (coreutils 9.1): whatever is left of the group is ended behind it. A
+# background process gets no input of the shell's but by a copy.
 HELD = ('exec 3<&0; timeout -k {kill} "$@" </dev/null 3<&- & command=$!; '
         '{{ read -r line; kill "$command"; }} <&3 >/dev/null 2>&1 & watcher=$!; '
         'wait "$command" 2>/dev/null; status=$?; '

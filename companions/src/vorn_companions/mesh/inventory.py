@@ -45,8 +45,9 @@ def playbook_answers(inventory: str, limit: str | None, arguments: Sequence[str]
         raise Refused("this needs Ansible: ansible-core")
     limits = [] if limit is None else ["--limit", limit]
     with importlib.resources.as_file(importlib.resources.files(__package__) / "inventory.yml") as playbook:
-        done = subprocess.run([program, "-i", inventory, *arguments, *limits, str(playbook)], text=True, errors="replace",
-                              stdin=subprocess.DEVNULL, capture_output=True, env={**os.environ, **PRINTING})
+        command = [program, "-i", inventory, *arguments, *limits, str(playbook)]
+        done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace",
+                              env={**os.environ, **PRINTING})
     answers = [json.JSONDecoder().raw_decode(done.stdout, found.end())[0] for found in ANSWER.finditer(done.stdout)]
     if done.returncode or not answers:
         raise Refused(f"Ansible cannot say who the hosts are:\n{WELL.sub('', done.stdout)}{done.stderr}".rstrip())
@@ -55,7 +56,7 @@ def playbook_answers(inventory: str, limit: str | None, arguments: Sequence[str]
 
 def checked_name(what: str, host: str, name: str) -> str:
     if not NAME.fullmatch(name):
-        raise Refused(f"{what} of host {host!r}: no blanks and no characters of the shell in {name!r}, please")
+        raise Refused(f"host {host!r}: blanks or characters of the shell in its {what}, {name!r}")
     return name
 
 
@@ -99,7 +100,7 @@ def mesh_host(fields: Mapping[str, object], echo: str | None, stream: str | None
 
     name = value("name")
     return MeshHost(
-        name=checked_name("the name", name, name),
+        name=checked_name("name", name, name),
         reached=checked_name("ansible_host", name, value("reached")),
         ssh=ssh_command(name, value),
         address=checked_name("mesh_address", name, value("address")),
