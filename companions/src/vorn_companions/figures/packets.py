@@ -107,8 +107,9 @@ def add_variation(line: Line, stream: Stream) -> None:
         steady = sequence > 0
     if steady.sum() < LEAST_PACKETS:
         return
-    period = numpy.ptp(arrival[steady]) / numpy.ptp(sequence[steady])
-    burst = sequence < numpy.ceil(FIRST_BURST_USEC / period) if period > 0 else numpy.ones(len(sequence), bool)
+    distances = numpy.diff(arrival[steady]) / numpy.diff(sequence[steady])
+    period = float(numpy.median(distances)) or float(distances.mean())
+    burst = sequence < FIRST_BURST_USEC / period if period > 0 else numpy.ones(len(sequence), bool)
     line.left_out += int(burst.sum())
     sequence, arrival = sequence[~burst], arrival[~burst]
     if len(sequence) < LEAST_PACKETS:
