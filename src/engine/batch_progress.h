@@ -2,11 +2,9 @@
 // closed, and repeated when it was bad. How a batch is judged is report/batch_judgement's.
 #pragma once
 
-#include "base/frame_result.h"
+#include "base/run_records.h"
 
-struct run_state;
 struct test_settings;
-struct test_stats;
 
 // Marks a slot for each packet that the next command asks for; they are numbered from 0.
 void arm_batch(const test_settings* settings, const run_state* run);

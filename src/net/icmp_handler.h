@@ -3,12 +3,10 @@
 
 #include <cstdint>
 
-#include "base/frame_result.h"
+#include "base/run_records.h"
 
 struct frame_arrival;
-struct run_state;
 struct test_settings;
-struct test_stats;
 
 // Handles one IPv4 datagram of `length` bytes as a raw ICMP socket delivers it; a negative length is a failed read.
 // It came at `arrival`.

@@ -3,12 +3,10 @@
 
 #include <cstdint>
 
-#include "base/frame_result.h"
+#include "base/run_records.h"
 
 struct frame_arrival;
-struct run_state;
 struct test_settings;
-struct test_stats;
 
 // Handles one test message of `length` received bytes (negative: the read failed) from `source_address` and
 // `source_port`, both in network byte order; on TCP the current host and 0. It came at `arrival`. Echo Requests are

@@ -3,11 +3,9 @@
 
 #include <cstdint>
 
-#include "base/frame_result.h"
+#include "base/run_records.h"
 
-struct run_state;
 struct test_settings;
-struct test_stats;
 
 // Waits up to `wait_usec` (usec, not negative) for a datagram or a whole TCP test message on run->data_socket and hands
 // it to the ICMP or the UDP/TCP handler. At most one frame a call. Returns
