@@ -52,9 +52,10 @@ def bottleneck(down: Way, up: Way, vorn: str = "", loss_percent: float = 0) -> I
         for host, device in (("near", "to-router"), ("router", "to-near"), ("router", "to-far"), ("far", "to-router")):
             hosts[host].ip(f"link set {device} gso_max_segs 1")
         if loss_percent:
+            hook = "{ type filter hook forward priority 0; }"
             drop = f'oifname "to-near" numgen random mod 10000 < {round(loss_percent * 100)} drop'
-            hosts["router"].run(["nft", "add table ip line; add chain ip line down { type filter hook forward priority 0; };"
-                                 f" add rule ip line down {drop}"], check=True)
+            hosts["router"].run(["nft", f"add table ip line; add chain ip line down {hook}; add rule ip line "
+                                 f"down {drop}"], check=True)
         if vorn:
             hosts["far"].start([vorn, "--server"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             while not hosts["far"].has_port(MONITOR_PORT):

@@ -37,11 +37,12 @@ def stream(share, queue_usec, lost=(), size=1000):
 
 def test_a_stream_is_carried_when_it_arrives_whole_and_in_time():
     carried = {"below": stream(0.99, 20_000), "burst lost": stream(0.9, 20_000, lost=range(3)),
-               "above": stream(1.005, 20_000), "hidden by the queue": stream(1.005, 1e9), "lossy": stream(0.9, 20_000, {500})}
+               "above": stream(1.005, 20_000), "hidden by the queue": stream(1.005, 1e9),
+               "lossy": stream(0.9, 20_000, lost={500})}
     assert {name: arrivals.is_carried(each, 0) for name, each in carried.items()} == {
         "below": True, "burst lost": True, "above": False, "hidden by the queue": False, "lossy": False}
     assert arrivals.is_carried(carried["lossy"], 1)
-    assert arrivals.rate_of(stream(1.1, 20_000)) == pytest.approx(1472 * 8 / 3300, rel=0.003)  # the line's, not the stream's
+    assert arrivals.rate_of(stream(1.1, 20_000)) == pytest.approx(1472 * 8 / 3300, rel=0.003)  # the line's
     assert arrivals.is_filled(stream(1.1, 20_000)) and not arrivals.is_filled(carried["below"])
     assert arrivals.rate_of(stream(1, 0, range(5, 1000))) is None
 
@@ -85,8 +86,8 @@ def test_delay_grade_and_verdict():
 
     line = Line("h", "", 0, down=Rate(40), up=Rate(38, at_least=True))
     line.delays = {"idle": delay.delay_of(probes(*[1000] * 20)), "down": delay.delay_of(probes(*[31_000] * 20))}
-    for least, most, status in (({"down": 39}, None, 0), ({"down": 41}, None, 1), ({"up": 37}, 31_000, 0), ({}, 29_000, 1),
-                                ({"up": 39}, None, 2)):  # the way up may carry it all the same
+    for least, most, status in (({"down": 39}, None, 0), ({"down": 41}, None, 1), ({"up": 37}, 31_000, 0),
+                                ({}, 29_000, 1), ({"up": 39}, None, 2)):  # the way up may carry it all the same
         assert verdict.judge(line, verdict.Limits(least, most))[0] == status, (least, most)
     line.reasons.append("no")
     assert verdict.judge(line, verdict.Limits({}, None)) == (2, ["no"])
@@ -115,7 +116,8 @@ def measured(host, *arguments):
 def test_a_shaped_line_is_measured_kept_and_drawn(tmp_path):
     store, picture = tmp_path / "lines.db", tmp_path / "line.svg"
     with bottleneck(DOWN, UP, VORN) as hosts:
-        status, found, said = measured(hosts["near"], "--into", store, "--label", "home", "-o", picture, "--min-rate", 100)
+        status, found, said = measured(hosts["near"], "--into", store, "--label", "home", "-o", picture,
+                                       "--min-rate", 100)
     assert status == 1 and "are less than 100" in said
     for name, way in (("down", DOWN), ("up", UP)):
         assert found[name]["mbps"] == pytest.approx(way.payload_mbps, rel=0.1) and not found[name]["at_least"]

@@ -5,15 +5,16 @@ import argparse
 import dataclasses
 import json
 import os
-import signal
 import socket
 import sqlite3
 import sys
+import time
 
 from vorn_companions import program
-from vorn_companions.line import draw, keep, measure, say, under_way, verdict
+from vorn_companions.commands.common import add_version, replace_strange_letters
+from vorn_companions.line import keep, measure, say, under_way, verdict
 from vorn_companions.line.result import Line, json_object
-from vorn_companions.signals import STOP_SIGNALS
+from vorn_companions.signals import Stop
 from vorn_companions.store import database
 from vorn_companions.words import Unreadable, printable
 
@@ -61,7 +62,7 @@ def picture_name(text: str) -> str:
     return text
 
 
-def parser() -> argparse.ArgumentParser:
+def make_parser() -> argparse.ArgumentParser:
     found = argparse.ArgumentParser(
         prog="vorn-line", allow_abbrev=False, epilog=EPILOG, formatter_class=argparse.RawDescriptionHelpFormatter,
         description="Measure what the line to a host carries, and how it feels under load, in at most 20 seconds.")
@@ -80,6 +81,7 @@ def parser() -> argparse.ArgumentParser:
                        help="draw the line here: .svg, .png, or .html with the figures")
     found.add_argument("--into", metavar="FILE", help="append it to these records of vorn-record")
     found.add_argument("--label", default="", metavar="NAME", help="a name for this line, to choose it by")
+    add_version(found)
     return found
 
 
@@ -111,29 +113,15 @@ class Progress:
             print("\r\033[K", end="", file=sys.stderr, flush=True)
 
 
-def catch_signals(session: under_way.Session) -> None:
-    def stop(number: int, _frame: object) -> None:
-        session.stop_signal = number
-    for number in STOP_SIGNALS:
-        if signal.getsignal(number) != signal.SIG_IGN:
-            signal.signal(number, stop)
-
-
-def leave_by(number: int) -> None:
-    """So that shells see it."""
-    signal.signal(number, signal.SIG_DFL)
-    os.kill(os.getpid(), number)
-
-
-def measured(path: str, options: argparse.Namespace) -> tuple[Line, int | None]:
-    """The line, and the signal that stopped it."""
+def measured(path: str, options: argparse.Namespace, stop: Stop) -> Line:
     progress = Progress(sys.stderr.isatty())
-    session = under_way.Session(path, options.host, lambda: progress.show(session.age_sec))
-    catch_signals(session)
+    begun = time.monotonic()
+    session = under_way.Session(path, options.host, stop, lambda: progress.show(time.monotonic() - begun))
     line = Line(options.host, options.label, program.now_usec())
-    measure.measure(session, plan_of(options), line, progress.say)
+    with stop:
+        measure.measure(session, plan_of(options), line, progress.say)
     progress.clear()
-    return line, session.stop_signal
+    return line
 
 
 # --- what it found ---
@@ -144,13 +132,14 @@ def deliver(line: Line, options: argparse.Namespace, store: database.Store | Non
     done = True
     if store and line.phases:
         try:
-            keep.keep(store, sys.argv, socket.gethostname(), line)
+            keep.keep(store, socket.gethostname(), line)
         except sqlite3.Error as error:
             complain(f"{options.into}: {error}; this line is not kept")
             done = False
     print(json.dumps(json_object(line)) if options.json else "\n".join(texts), flush=True)
     if options.output and line.phases and not line.stopped:
         try:
+            from vorn_companions.line import draw  # it takes 50 MB and a second, which a small device may not have
             draw.save(line, texts, options.output)
         except (OSError, ImportError) as error:
             complain(f"{options.output}: {error}")
@@ -159,7 +148,7 @@ def deliver(line: Line, options: argparse.Namespace, store: database.Store | Non
 
 
 def main(arguments: list[str] | None = None) -> int:
-    options = parser().parse_args(arguments)
+    options = make_parser().parse_args(arguments)
     path = program.find_program()
     if path is None:
         complain("there is no vorn in PATH; VORN can name it")
@@ -169,11 +158,13 @@ def main(arguments: list[str] | None = None) -> int:
     except Unreadable as error:
         complain(str(error))
         return verdict.NOT_MEASURED
-    line, stopped_by = measured(path, options)
-    status, sentences = verdict.judge(line, verdict.Limits(options.min_rate, options.max_delay and 1000 * options.max_delay))
+    replace_strange_letters()
+    stop = Stop()
+    line = measured(path, options, stop)
+    limits = verdict.Limits(options.min_rate, options.max_delay and 1000 * options.max_delay)
+    status, sentences = verdict.judge(line, limits)
     done = deliver(line, options, store) if line.phases or options.json else True
-    if stopped_by is not None:
-        leave_by(stopped_by)
+    stop.leave()
     for sentence in sentences:
         complain(sentence)
     return status if done else verdict.NOT_MEASURED

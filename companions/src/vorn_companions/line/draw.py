@@ -1,15 +1,13 @@
 # SPDX-License-Identifier: MIT
 """One picture of a line: round trips over the run, its phases shaded, and their distributions beside them."""
 
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
-from vorn_companions.figures.canvas import BAD_COLOUR, legend_text, log_ticks
+from vorn_companions.figures.canvas import BAD_COLOUR, bare_figure, prepare, time_scale
 from vorn_companions.figures.page import page
 from vorn_companions.line.result import Line
 
-if TYPE_CHECKING:
-    from matplotlib.figure import Figure
-
+WIDTH_INCHES, HEIGHT_INCHES = 12, 5
 COLOURS = {"idle": "tab:green", "down": "tab:blue", "up": "tab:orange"}
 SHADES = {"idle": "tab:green", "capacity": "tab:blue", "down": "tab:blue", "lossless": "tab:blue",
           "up rate": "tab:orange", "up": "tab:orange"}
@@ -17,10 +15,8 @@ TITLES = {"idle": "idle", "capacity": "rate\ndown", "down": "load\ndown", "lossl
           "up rate": "rate\nup", "up": "load\nup"}
 
 
-def draw(line: Line) -> "Figure":
-    from matplotlib.figure import Figure
-    figure = Figure(figsize=(12, 5), layout="constrained")
-    figure.suptitle(legend_text(f"Line to {line.host}" + f", {line.label}" * bool(line.label), 100))
+def draw(line: Line) -> Any:
+    figure = bare_figure(f"Line to {line.host}" + f", {line.label}" * bool(line.label), WIDTH_INCHES, HEIGHT_INCHES)
     over_time, distributions = figure.subplots(1, 2, gridspec_kw={"width_ratios": [3, 2]})
     draw_phases(over_time, line)
     draw_round_trips(over_time, line)
@@ -49,8 +45,8 @@ def draw_round_trips(axis: Any, line: Line) -> None:
                   color=COLOURS[name])
         lost = [seconds_of(line, probe.sent_usec) for probe in probes if probe.rtt_usec is None]
         if lost:
-            axis.plot(lost, [0.98] * len(lost), "v", markersize=4, color=BAD_COLOUR, label=lost_labels and lost_labels.pop(),
-                      transform=axis.get_xaxis_transform())
+            axis.plot(lost, [0.98] * len(lost), "v", markersize=4, color=BAD_COLOUR,
+                      label=lost_labels and lost_labels.pop(), transform=axis.get_xaxis_transform())
     if not lost_labels:
         axis.legend(loc="upper right", fontsize="small")
     axis.set(xlim=(0, line.seconds), xlabel="seconds", ylabel="round trip, msec")
@@ -63,17 +59,17 @@ def draw_distributions(axis: Any, line: Line) -> None:
         trips = sorted(probe.rtt_usec / 1000 for probe in probes if probe.rtt_usec is not None)
         shares = [100 * (place + 1) / len(probes) for place in range(len(trips))]
         axis.step(trips, shares, where="post", color=COLOURS[name], label=name if name == "idle" else f"load {name}")
-    axis.set(xscale="log", ylim=(0, 100), xlabel="round trip, msec", ylabel="% of the pings answered within")
-    if any(line.met.values()):
-        log_ticks(axis.xaxis)
+    axis.set(ylim=(0, 100), xlabel="round trip, msec", ylabel="% of the pings answered within")
+    times = [probe.rtt_usec / 1000 for probes in line.met.values() for probe in probes if probe.rtt_usec is not None]
+    if times:
+        time_scale(axis, "x", times)
         axis.legend(loc="lower center", bbox_to_anchor=(0.5, 1), ncols=3, frameon=False, fontsize="small")
     axis.grid(True, alpha=0.3)
 
 
 def save(line: Line, texts: list[str], path: str) -> None:
     """As SVG or PNG, or with its figures as one page, by the ending of the name. Raises OSError."""
-    import matplotlib
-    matplotlib.rcParams["svg.hashsalt"] = "vorn-line"  # the same figures give the same bytes
+    prepare()
     figure = draw(line)
     if path.lower().endswith(".html"):
         with open(path, "w", encoding="utf-8") as stream:

@@ -22,20 +22,20 @@ def rate_in(line: Line, name: str) -> float | None:
     return rate.mbps if rate else None
 
 
-def keep(store: database.Store, command: list[str], site: str, line: Line) -> None:
+def keep(store: database.Store, site: str, line: Line) -> None:
     """In one transaction; raises sqlite3.Error when nothing could be kept."""
     def append_all(target: database.Store) -> None:
         for name in ("idle", "down", "up", "lossless"):
             if name in line.probes or rate_in(line, name) is not None:
-                append(target, command, site, line, name)
+                append(target, site, line, name)
     database.write(store, append_all)
 
 
-def append(target: database.Store, command: list[str], site: str, line: Line, name: str) -> None:
+def append(target: database.Store, site: str, line: Line, name: str) -> None:
     """One phase: its probes, each at the time of its answer, and its rate as a batch at its end."""
     times = [(each.start_usec, each.end_usec) for each in line.phases if each.name in (name, PHASE_OF_RATE.get(name))]
     start_usec, end_usec = min(first for first, _ in times), max(last for _, last in times)
-    run = database.begin_run(target, command, start_usec, site, label_of(line, name))
+    run = database.begin_run(target, ["vorn-line", line.host], start_usec, site, label_of(line, name))
     address = line.address or line.host
     database.append(target, run, start_usec, Destination(address, None))
     for sequence, probe in enumerate(line.probes.get(name, [])):

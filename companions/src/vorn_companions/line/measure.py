@@ -69,7 +69,8 @@ def up_sec(plan: Plan) -> float:
 def measure_idle(session: Session, plan: Plan, line: Line) -> None:
     probes, hops = runs.pings_and_path(session, plan.idle_sec)
     keep_probes(line, "idle", probes, probes)
-    line.hops = [Hop(record.sequence + 1, record.host, record.rtt_usec) for record in hops if record.rtt_usec is not None]
+    line.hops = [Hop(record.sequence + 1, record.host, record.rtt_usec) for record in hops
+                 if record.rtt_usec is not None]
     line.address = next((record.host for record in hops if record.answer == REPLY), "")
     line.reached = bool(line.address)
 

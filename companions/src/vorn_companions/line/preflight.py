@@ -51,8 +51,8 @@ def look_before(session: Session) -> None:
             raise NotMeasured(f"a monitor answers at {session.host}, but its stream to UDP port 8003 of this host does "
                               "not arrive: a firewall?")
         if not streaming:
-            raise NotMeasured(f"no monitor answers at {session.host}: vorn --server has to run there, and UDP port 8004 "
-                              "to be open")
+            raise NotMeasured(f"no monitor answers at {session.host}: vorn --server has to run there, and UDP port "
+                              "8004 to be open")
         wait_for(session, pinging, longest_sec=1.5)
     if not any(isinstance(record, Request) and record.answer for record in records_of(pinging)):
         raise NotMeasured(f"{session.host} answers no ICMP echo requests, which measure the delay")

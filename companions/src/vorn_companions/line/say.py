@@ -18,7 +18,8 @@ def text_of(line: Line, loss_percent: float) -> list[str]:
     ending = ", then stopped" if line.stopped else ""
     return [f"Line to {printable(line.host)}, {moment:%Y-%m-%d %H:%M}, measured for {line.seconds:.1f} s{ending}",
             *rate_lines(line, loss_percent), *delay_lines(line), *path_lines(line),
-            *(f"This host itself lost packets in its {place}: it is slower than the line" for place in line.host_losses)]
+            *(f"This host itself lost packets in its {place}: it is slower than the line"
+              for place in line.host_losses)]
 
 
 def rate_lines(line: Line, loss_percent: float) -> Iterator[str]:

@@ -16,6 +16,7 @@ from collections.abc import Callable, Iterator
 from typing import IO
 
 from vorn_companions import program
+from vorn_companions.signals import Stop
 
 POLL_SEC = 0.01
 NOTES_BYTES = 400  # at the end of what a run prints
@@ -58,8 +59,8 @@ class Session:
 
     program: str
     host: str
+    stop: Stop
     tick: Callable[[], None]  # called at every look at the runs
-    stop_signal: int | None = None
     notes: set[str] = dataclasses.field(default_factory=set)  # what this host itself lost
     active: list[UnderWay] = dataclasses.field(default_factory=list)
     begun: float = dataclasses.field(default_factory=time.monotonic)
@@ -118,11 +119,11 @@ def look_at(run: UnderWay) -> None:
 
 def look(session: Session) -> None:
     """A moment's pause, and a look at all runs."""
-    time.sleep(POLL_SEC)
+    session.stop.pause(POLL_SEC)
     for run in session.active:
         look_at(run)
     session.tick()
-    if session.stop_signal is not None:
+    if session.stop.signal is not None:
         raise Stopped
 
 
