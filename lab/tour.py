@@ -12,14 +12,15 @@ import time
 
 from network import End, Link, chain, standing
 
-# The line that target is reached by: slower up than down, with room for 60 packets each way.
-LINE_QUEUE = "burst 6kb limit 91kb"
+# The line that target is reached by: slower up than down, with room for 20 and 50 milliseconds; buckets of 5, so that a
+# timer that comes late costs no rate.
+DOWN_QUEUE, UP_QUEUE = "burst 30kb limit 122kb", "burst 6kb limit 61kb"
 LINKS = [
     Link(End("user", ["10.77.0.1/24"]),
          End("r1", [f"10.77.0.{host}/24" for host in (2, 3, 4, 5)], rate="100mbit")),  # rates as a network has them
     Link(End("r1", ["10.77.1.1/24"]), End("r2", ["10.77.1.2/24"])),
-    Link(End("r2", ["10.77.2.1/24"]), End("r3", ["10.77.2.2/24"], rate="50mbit", queue=LINE_QUEUE)),
-    Link(End("r3", ["10.77.4.1/24"], rate="10mbit", queue=LINE_QUEUE), End("target", ["10.77.4.2/24"])),
+    Link(End("r2", ["10.77.2.1/24"]), End("r3", ["10.77.2.2/24"], rate="50mbit", queue=DOWN_QUEUE)),
+    Link(End("r3", ["10.77.4.1/24"], rate="10mbit", queue=UP_QUEUE), End("target", ["10.77.4.2/24"])),
 ]
 MONITORS = [("r1", "udp"), ("r1", "tcp"), ("target", "udp")]
 MONITOR_PORT = 8004

@@ -84,7 +84,7 @@ def test_delay_grade_and_verdict():
     assert [delay.grade_of(msec * 1000) for msec in (0, 4.9, 5, 30, 100, 299, 300)] == list("AABCDDE")
     assert delay.is_rising(probes(*range(0, 300_000, 1000))) and not delay.is_rising(probes(*[20_000] * 300))
 
-    line = Line("h", "", 0, down=Rate(40), up=Rate(38, at_least=True))
+    line = Line("h", "", 0, down=Rate(40), up=Rate(38, "way back"))
     line.delays = {"idle": delay.delay_of(probes(*[1000] * 20)), "down": delay.delay_of(probes(*[31_000] * 20))}
     for least, most, status in (({"down": 39}, None, 0), ({"down": 41}, None, 1), ({"up": 37}, 31_000, 0),
                                 ({}, 29_000, 1), ({"up": 39}, None, 2)):  # the way up may carry it all the same

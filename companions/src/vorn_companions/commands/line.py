@@ -12,6 +12,7 @@ import time
 
 from vorn_companions import program
 from vorn_companions.commands.common import add_version, replace_strange_letters
+from vorn_companions.figures.sheet import text_lines
 from vorn_companions.line import keep, measure, say, under_way, verdict
 from vorn_companions.line.result import Line, json_object
 from vorn_companions.signals import Stop
@@ -128,7 +129,7 @@ def measured(path: str, options: argparse.Namespace, stop: Stop) -> Line:
 
 def deliver(line: Line, options: argparse.Namespace, store: database.Store | None) -> bool:
     """Keeps, prints and draws; whether all of that worked."""
-    texts = say.text_of(line, options.loss)
+    blocks = say.blocks_of(line, options.loss)
     done = True
     if store and line.phases:
         try:
@@ -136,11 +137,12 @@ def deliver(line: Line, options: argparse.Namespace, store: database.Store | Non
         except sqlite3.Error as error:
             complain(f"{options.into}: {error}; this line is not kept")
             done = False
+    texts = [text.rstrip() for block in blocks for text in text_lines(block)]
     print(json.dumps(json_object(line)) if options.json else "\n".join(texts), flush=True)
     if options.output and line.phases and not line.stopped:
         try:
             from vorn_companions.line import draw  # it takes 50 MB and a second, which a small device may not have
-            draw.save(line, texts, options.output)
+            draw.save(line, blocks, options.output)
         except (OSError, ImportError) as error:
             complain(f"{options.output}: {error}")
             done = False

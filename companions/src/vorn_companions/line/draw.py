@@ -5,6 +5,7 @@ from typing import Any
 
 from vorn_companions.figures.canvas import BAD_COLOUR, bare_figure, prepare, time_scale
 from vorn_companions.figures.page import page
+from vorn_companions.figures.sheet import Block
 from vorn_companions.line.result import Line
 
 WIDTH_INCHES, HEIGHT_INCHES = 12, 5
@@ -67,13 +68,13 @@ def draw_distributions(axis: Any, line: Line) -> None:
     axis.grid(True, alpha=0.3)
 
 
-def save(line: Line, texts: list[str], path: str) -> None:
+def save(line: Line, blocks: list[Block], path: str) -> None:
     """As SVG or PNG, or with its figures as one page, by the ending of the name. Raises OSError."""
     prepare()
     figure = draw(line)
     if path.lower().endswith(".html"):
         with open(path, "w", encoding="utf-8") as stream:
-            stream.write(page("A line", [(figure, texts)]))
+            stream.write(page("A line", [(figure, blocks)]))
         return
     metadata = {"Date": None} if path.lower().endswith(".svg") else {"Software": None}
     figure.savefig(path, dpi=120, metadata=metadata)

@@ -7,7 +7,7 @@ from collections.abc import Callable, Iterator
 
 from vorn_companions import program
 from vorn_companions.line import runs, search
-from vorn_companions.line.arrivals import Arrivals, is_carried, is_filled, lost_share, rate_of, rough_rate_of
+from vorn_companions.line.arrivals import Arrivals, falls_behind, is_carried, is_filled, lost_share, rate_of, rough_rate_of
 from vorn_companions.line.delay import Probe, delay_of, is_rising
 from vorn_companions.line.pace import FULL_LENGTH, Pace, pace_above, pace_below
 from vorn_companions.line.preflight import look_before
@@ -110,7 +110,7 @@ def capacity(stream_of: Callable[[Pace], Arrivals], rough: float, wanted: int) -
         if filled == wanted or pace.delay_usec == 1:
             break
         asked = OVERLOAD * best if is_filled(arrivals) else GROWTH * asked
-    return Rate(best, filled == 0)
+    return Rate(best, "" if filled else "hosts")
 
 
 def measure_capacity(session: Session, plan: Plan, line: Line) -> None:
@@ -160,11 +160,12 @@ def judge_rate(session: Session, plan: Plan, line: Line, trials: dict[float, boo
     """Tries the rate, notes how it went, and that it is the answer as long as no other is found."""
     arrivals = runs.stream(session, pace, pace.packets_in(seconds))
     carried = trials[pace.rate] = is_carried(arrivals, plan.loss_percent)
+    judged = lost_share(arrivals), falls_behind(arrivals), pace.rate, arrivals.span_usec / 1e6
     best_before = search.highest_carried(list(trials.items()))
     if carried and pace.rate >= best_before:
-        line.lossless = Lossless(rate_of(arrivals), lost_share(arrivals), pace.rate, arrivals.span_usec / 1e6)
+        line.lossless = Lossless(rate_of(arrivals), *judged)
     elif not best_before:
-        line.lossless = Lossless(None, lost_share(arrivals), pace.rate, arrivals.span_usec / 1e6)
+        line.lossless = Lossless(None, *judged)
 
 
 def measure_up_rate(session: Session, plan: Plan, line: Line) -> None:
@@ -179,8 +180,16 @@ def measure_up_rate(session: Session, plan: Plan, line: Line) -> None:
     rough = rough_rate(train_of)
     timeout_usec = min(LONGEST_TIMEOUT_USEC, 300_000 + 2 * slowest_usec)
     found = capacity(lambda pace: runs.echoes(session, pace, pace.packets_in(plan.echo_sec), timeout_usec), rough, 1)
-    held_up = line.down is not None and found.mbps > SAME_RATE * line.down.mbps
-    line.up = Rate(found.mbps, found.at_least or held_up)
+    narrow = not found.at_least and is_held_up(session, plan, line, found.mbps)
+    line.up = Rate(found.mbps, "way back" if narrow else found.held_up_by)
+
+
+def is_held_up(session: Session, plan: Plan, line: Line, up_mbps: float) -> bool:
+    """Whether the way back carries no more than what was found of both."""
+    if line.down is not None:
+        return up_mbps > SAME_RATE * line.down.mbps
+    pace = pace_above(OVERLOAD * up_mbps)
+    return is_filled(runs.stream(session, pace, pace.packets_in(plan.batch_sec)))
 
 
 def measure_up(session: Session, plan: Plan, line: Line) -> None:

@@ -8,8 +8,8 @@ from vorn_companions.read import lines
 from vorn_companions.read.records import Message, Request, StreamPacket
 
 ATTEMPTS = 2  # one packet may be lost
-ATTEMPT_SEC = 0.6
-ECHO_SEC = 0.5
+ATTEMPT_SEC = 0.55
+ECHO_SEC = 0.45
 PINGS = ("-e3", "-d50000", "-a3", "-T1500000")
 
 

@@ -11,18 +11,24 @@ DIRECTIONS = {"down": "from the far end to this host", "up": "from this host to 
 
 @dataclasses.dataclass(frozen=True, slots=True)
 class Rate:
-    """Mbit/s of UDP payload. `at_least`: the line may carry more than could be found out from here."""
+    """Mbit/s of UDP payload; at least so many where something else than the line held them up."""
 
     mbps: float
-    at_least: bool = False
+    held_up_by: str = ""  # "way back" or "hosts"; empty: the line itself
+
+    @property
+    def at_least(self) -> bool:
+        return bool(self.held_up_by)
 
 
 @dataclasses.dataclass(frozen=True, slots=True)
 class Lossless:
-    """The highest rate that was carried; `mbps` is None when none was, and `lost` tells of the lowest one tried."""
+    """The highest rate that was carried; `mbps` is None when none was, and `lost` and `fell_behind` tell
+    of the lowest one tried."""
 
     mbps: float | None
     lost: float  # share of that stream
+    fell_behind: bool  # it arrived ever later behind its schedule
     tried_mbps: float  # what was asked for
     seconds: float  # for which it was judged
 
@@ -76,6 +82,10 @@ def slowest_hop(hops: list[Hop]) -> Hop:
     return max(hops, key=lambda hop: hop.rtt_usec)
 
 
+def rate_object(rate: Rate) -> dict[str, Any]:
+    return {"mbps": round(rate.mbps, 3), "at_least": rate.at_least, "held_up_by": rate.held_up_by or None}
+
+
 def delay_object(line: Line, name: str) -> dict[str, Any] | None:
     delay = line.delays.get(name)
     if delay is None:
@@ -93,11 +103,10 @@ def json_object(line: Line) -> dict[str, Any]:
     """All figures; what could not be told is null. The manual page explains every name."""
     return {
         "host": line.host, "label": line.label, "time": line.started_usec / 1e6, "seconds": round(line.seconds, 1),
-        "down": line.down and {"mbps": round(line.down.mbps, 3), "at_least": line.down.at_least},
-        "up": line.up and {"mbps": round(line.up.mbps, 3), "at_least": line.up.at_least},
+        "down": line.down and rate_object(line.down), "up": line.up and rate_object(line.up),
         "lossless": line.lossless and {
             "mbps": line.lossless.mbps and round(line.lossless.mbps, 3), "lost": round(line.lossless.lost, 5),
-            "tried_mbps": round(line.lossless.tried_mbps, 3), "seconds": round(line.lossless.seconds, 1)},
+            "fell_behind": line.lossless.fell_behind, "tried_mbps": round(line.lossless.tried_mbps, 3), "seconds": round(line.lossless.seconds, 1)},
         "delay": {name: delay_object(line, name) for name in ("idle", *DIRECTIONS)},
         "path": line.hops and {"reached": line.reached, "hops": [dataclasses.asdict(hop) for hop in line.hops],
                                "slowest": slowest_hop(line.hops).address},
