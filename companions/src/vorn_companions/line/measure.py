@@ -142,30 +142,26 @@ def measure_lossless(session: Session, plan: Plan, line: Line) -> None:
     if line.down is None:
         return
     until_sec = plan.total_sec - up_sec(plan)
-    trials: dict[float, bool] = {}
+    trials: dict[Pace, Lossless] = {}
     while True:
-        rate = search.next_rate(line.down.mbps, list(trials.items()))
-        if rate is not None and session.age_sec + 2 * TRIAL_SEC < until_sec:
-            judge_rate(session, plan, line, trials, pace_below(rate), TRIAL_SEC)
-            continue
-        best, left_sec = search.highest_carried(list(trials.items())), until_sec - session.age_sec
-        if best == 0 or left_sec < TRIAL_SEC:
+        rate = search.next_rate(line.down.mbps, [(pace.rate, trial.mbps is not None) for pace, trial in trials.items()])
+        left_sec = until_sec - session.age_sec
+        best = max((pace for pace, trial in trials.items() if trial.mbps is not None), key=lambda pace: pace.rate,
+                   default=None)
+        if rate is not None and left_sec > 2 * TRIAL_SEC:
+            pace, seconds = pace_below(rate), TRIAL_SEC
+        elif best and trials[best].seconds < 2 * TRIAL_SEC and left_sec > TRIAL_SEC:
+            pace, seconds = best, min(plan.judged_sec, left_sec)
+        else:
             return
-        judge_rate(session, plan, line, trials, pace_below(best), min(plan.judged_sec, left_sec))
-        if trials[best]:
-            return
+        trials[pace] = judge_pace(session, plan, pace, seconds)
+        line.lossless = search.answer_of(trials.values())
 
 
-def judge_rate(session: Session, plan: Plan, line: Line, trials: dict[float, bool], pace: Pace, seconds: float) -> None:
-    """Tries the rate, notes how it went, and that it is the answer as long as no other is found."""
+def judge_pace(session: Session, plan: Plan, pace: Pace, seconds: float) -> Lossless:
     arrivals = runs.stream(session, pace, pace.packets_in(seconds))
-    carried = trials[pace.rate] = is_carried(arrivals, plan.loss_percent)
-    judged = lost_share(arrivals), falls_behind(arrivals), pace.rate, arrivals.span_usec / 1e6
-    best_before = search.highest_carried(list(trials.items()))
-    if carried and pace.rate >= best_before:
-        line.lossless = Lossless(rate_of(arrivals), *judged)
-    elif not best_before:
-        line.lossless = Lossless(None, *judged)
+    return Lossless(rate_of(arrivals) if is_carried(arrivals, plan.loss_percent) else None, lost_share(arrivals),
+                    falls_behind(arrivals), pace.rate, arrivals.span_usec / 1e6)
 
 
 def measure_up_rate(session: Session, plan: Plan, line: Line) -> None:

@@ -82,7 +82,7 @@ def loaded_stream(session: Session, pace: Pace, size: int) -> Loaded:
     """Such a batch, and probes from its first packet to its last."""
     with under_way(session, *stream_options(pace, size)) as run:
         wait_for_first_packet(session, run)
-        count = (size * pace.delay_usec) // PROBE_PERIOD_USEC
+        count = max(1, size * pace.delay_usec // PROBE_PERIOD_USEC)
         with under_way(session, *probe_options(count)) as probing:
             wait_for_stream(session, run, pace, size)
             wait_for(session, probing, longest_sec=2 * PROBE_TIMEOUT_USEC / 1e6)

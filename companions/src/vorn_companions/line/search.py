@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: MIT
 """The search for the highest rate that a line carries."""
 
-from collections.abc import Sequence
+from collections.abc import Iterable, Sequence
+
+from vorn_companions.line.result import Lossless
 
 # Tried first below the capacity, from a hair to half of it: a line with a queue takes the first of them, one that is
 # policed or lossy shows soon in which region the answer is.
@@ -26,3 +28,8 @@ def next_rate(capacity: float, trials: Sequence[tuple[float, bool]]) -> float | 
 def highest_carried(trials: Sequence[tuple[float, bool]]) -> float:
     """0: none was."""
     return max((rate for rate, carried in trials if carried), default=0.0)
+
+
+def answer_of(trials: Iterable[Lossless]) -> Lossless:
+    """The highest that was carried; of none, the lowest that was tried."""
+    return max(trials, key=lambda trial: trial.tried_mbps if trial.mbps is not None else -trial.tried_mbps)
