@@ -3,10 +3,11 @@ needs, and against a capture. Everything is sent over loopback or between two na
 
 Rounds go through all tables asked for, so that a slow minute of the machine does not fall on one row alone. Figures are
 medians, with the lowest and the highest round in brackets; ratios are taken within each round. --page prints a line for
-each case as it was measured last.
+each case as it was measured last. What ends a run early leaves the rounds before.
 """
 
 import argparse
+import contextlib
 import os
 import signal
 import sys
@@ -55,13 +56,13 @@ def main():
     if arguments.page:
         print(report.page(tables))
         return
-    signal.signal(signal.SIGTERM, signal.default_int_handler)  # by way of every `with`
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     machine = report.machine()
     for table in tables:
         table.cases[:] = [with_before(case, vorn, os.path.abspath(arguments.before)) if arguments.before else case
                           for case in table.cases if arguments.case in case.title]
     all_results = [Results(table) for table in tables]
-    with standing_lab() as lab:
+    with contextlib.suppress(KeyboardInterrupt), standing_lab() as lab:
         for number in range(arguments.rounds):
             for results in all_results:
                 if number < (results.table.rounds or arguments.rounds):

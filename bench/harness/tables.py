@@ -99,8 +99,8 @@ def echo_case(vorn, udp, answers, window, count):
     flag, far, length = ("-u", "monitor", 92) if udp else ("", "", 84)
     floor = bare_ping(TEST_PORT if udp else "icmp", host, 1, count, window, 100, far)
     rows = [Row("vorn", "vorn", f"{vorn} {flag} -d0 -a{window} -e{count} -l{length} -s {host}", "vorn", far, vorn),
-            floor, dataclasses.replace(floor, program="bare loop, vorn --server", role="mixed", far_end="vorn", vorn=vorn)
-            if udp else Row("ping -f", "peer", f"ping -f -q -n -l {window} -c {count} -s 56 {host}", "ping")]
+            floor, Row("bare loop, vorn --server", "mixed", floor.command, "bare", "vorn", vorn) if udp else
+            Row("ping -f", "peer", f"ping -f -q -n -l {window} -c {count} -s 56 {host}", "ping")]
     goals = [Goal("rate", "bare", 0.95), Goal("rate", "peer", 1.05), at_most("own_losses", 0)]
     return Case(f"{'UDP' if udp else 'ICMP'}, {PLACES[answers]}, window {window}", rows,
                 {"answers": answers, "expected": count}, goals)
