@@ -25,6 +25,7 @@ struct clock_start {
 
 clock_start start = {};
 std::int64_t known_lead_nsec = 0;
+std::int64_t stamps_are_true_from = 0;  // ticks; earlier ones may be by a date that was set since
 
 std::int64_t as_nsec(const timespec* time) {
   return static_cast<std::int64_t>(time->tv_sec) * nsec_per_second + static_cast<std::int64_t>(time->tv_nsec);
@@ -65,6 +66,13 @@ std::int64_t monotonic_to_ticks(std::int64_t nsec) {
   return start.ticks + (nsec - start.monotonic_nsec) / nsec_per_usec;
 }
 
+// Frames that wait to be read were stamped by the date as it was. Brought to our time by its new lead they seem older
+// by what it was set forward, or younger by what it was set back; those that are too young by more than a second show
+// it, since they are yet to come.
+void distrust_stamps(std::int64_t now, std::int64_t set_back_nsec) {
+  stamps_are_true_from = now + std::clamp<std::int64_t>(set_back_nsec / nsec_per_usec, 0, usec_per_second);
+}
+
 }  // namespace
 
 std::int64_t clock_now() {
@@ -76,20 +84,19 @@ std::int64_t clock_now() {
 clock_reading read_both_clocks() {
   const std::int64_t monotonic = nsec_of(CLOCK_MONOTONIC);
   const std::int64_t lead = nsec_of(CLOCK_REALTIME) - monotonic;
-  clock_reading reading = {
-      .now = monotonic_to_ticks(monotonic), .date_lead_nsec = known_lead_nsec, .date_was_set = false};
+  clock_reading reading = {.now = monotonic_to_ticks(monotonic), .date_lead_nsec = known_lead_nsec};
   if (std::abs(lead - known_lead_nsec) <= reading_noise_nsec) return reading;
   const std::int64_t measured = measure_lead_nsec();
   if (std::abs(measured - known_lead_nsec) <= reading_noise_nsec) return reading;
-  reading.date_lead_nsec = measured;
-  reading.date_was_set = std::abs(measured - known_lead_nsec) > smallest_set_nsec;
-  known_lead_nsec = measured;
+  if (std::abs(measured - known_lead_nsec) > smallest_set_nsec)
+    distrust_stamps(reading.now, known_lead_nsec - measured);
+  reading.date_lead_nsec = known_lead_nsec = measured;
   return reading;
 }
 
 std::int64_t stamp_to_ticks(const timespec* stamp, const clock_reading* reading) {
-  if (reading->date_was_set) return 0;
-  return monotonic_to_ticks(as_nsec(stamp) - reading->date_lead_nsec);
+  const std::int64_t ticks = monotonic_to_ticks(as_nsec(stamp) - reading->date_lead_nsec);
+  return ticks >= stamps_are_true_from ? ticks : 0;
 }
 
 // Whole seconds and the rest apart: a run of 106 days has more ticks than can be multiplied by a million. At the usual

@@ -23,13 +23,13 @@ inline constexpr std::int64_t usec_per_second = 1000000;
 struct clock_reading {
   std::int64_t now;             // ticks
   std::int64_t date_lead_nsec;  // what the date shows beyond CLOCK_MONOTONIC
-  bool date_was_set;            // by more than 1 ms since the reading before: stamps may be from before or after
 };
 
 // Reads both clocks. To be called behind the call that brought the stamps.
 [[nodiscard]] clock_reading read_both_clocks();
 
-// A stamp of the kernel, by the date, in ticks. 0 when the date was set before `reading`: it cannot be told.
+// A stamp of the kernel, by the date, in ticks. 0 when it cannot be told: the date was set by more than 1 ms, and the
+// stamp may be from before.
 [[nodiscard]] std::int64_t stamp_to_ticks(const timespec* stamp, const clock_reading* reading);
 
 // A difference of two clock readings, in ticks, as microseconds; truncates toward zero. No difference overflows.

@@ -65,7 +65,7 @@ std::uint32_t hosts_of_test(const test_settings* settings) {
 // A monitor that still streams for a run before this one could not take our command, and its packets would be counted
 // as ours: they are read away first, but not for ever. On a connection that run is over with its connection.
 void await_silence(const test_settings* settings, const run_state* run) {
-  if (is_commander(settings) && !uses_tcp(settings)) flush_pending_frames(run->data_socket);
+  if (is_commander(settings) && uses_udp(settings)) flush_pending_frames(run->data_socket);
 }
 
 // The clock starts last, so that nothing of this is measured.

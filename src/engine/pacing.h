@@ -29,7 +29,7 @@ void return_credit(std::uint32_t packets, const test_settings* settings, run_sta
 // The same for a run that sends nothing more: usec until the oldest request times out.
 [[nodiscard]] std::int64_t time_until_timeout(const test_settings* settings, const run_state* run);
 
-// How long, in usec, until the next release is due: 0 to settings->delay_usec.
+// How long, in usec, until the next release is due: at most settings->delay_usec, not above 0 when it is.
 [[nodiscard]] std::int64_t time_until_next_release(const test_settings* settings, const run_state* run);
 
 // True when the next release is due at `now` (ticks), were there anything left to send.

@@ -90,7 +90,7 @@ std::int64_t stamp_of(msghdr* message, const clock_reading* reading) {
 
 std::int64_t arrival_of_answer(const frame_arrival* arrival, std::int64_t sent_at) {
   const bool can_be_true = arrival->stamp != 0 && arrival->stamp <= arrival->reading && arrival->stamp >= sent_at;
-  return can_be_true ? arrival->stamp : arrival->reading;
+  return can_be_true ? arrival->stamp : std::max(arrival->reading, sent_at);
 }
 
 std::int64_t arrival_in_stream(const frame_arrival* arrival, std::int64_t last) {
@@ -104,11 +104,10 @@ void ask_for_send_stamps(const test_settings* settings, run_state* run) {
   run->stamps_sends = set_socket_option(run->data_socket, SOL_SOCKET, SO_TIMESTAMPING, wanted_stamps) == 0 ? 1 : 0;
 }
 
-void take_send_stamps(run_state* run) {
+void take_send_stamps(const run_state* run) {
   if (run->stamps_sends == 0) return;
   send_stamp stamp = {};
   while (read_send_stamp(run->data_socket, &stamp)) note_send_stamp(&stamp, run);
-  run->step_time = 0;
 }
 
 // The numbers begin at 0 when they are asked for by a socket that had none.

@@ -39,9 +39,10 @@ void ask_for_arrival_stamps(int socket);
 void ask_for_send_stamps(const test_settings* settings, run_state* run);
 
 // Takes the stamps that are there, without waiting, and notes each in the slot of its packet (packet_slot's
-// stamp_lag_usec). Nothing in a run that asked for none. To be called behind every send and behind every read, before
-// what that brought is settled: a device that queues stamps late, and a stamp makes the socket readable to select(2).
-void take_send_stamps(run_state* run);
+// stamp_lag_usec). Nothing in a run that asked for none. To be called behind every send, behind every read
+// before what that brought is settled, since a device that queues stamps late, and before every wait: a stamp makes the
+// socket readable and writable to select(2).
+void take_send_stamps(const run_state* run);
 
 // Has the stamps counted anew, so that number 0 is that of packet `sequence`. To be called after a send that failed:
 // kernels differ in whether it takes a number.

@@ -55,7 +55,7 @@ void send_reply_on_connection(int socket, std::size_t length) {
 // A reply has the size of the request as it came. What becomes of it is not looked at: a lost reply is a lost packet to
 // whoever asked.
 void send_echo_reply(const test_header* request, sender_address sender, std::size_t length,
-                     const test_settings* settings, const run_state* run, const test_stats* stats) {
+                     const test_settings* settings, run_state* run, const test_stats* stats) {
   const test_header reply = {
       .type = message_echo_reply,
       .process_id = request->process_id,
@@ -70,6 +70,7 @@ void send_echo_reply(const test_header* request, sender_address sender, std::siz
   }
   const sockaddr_in destination = socket_address(sender.address, sender.port);
   (void)send_datagram(settings, run, stats, &destination, {reply_buffer.data(), length});
+  renumber_send_stamps(run->current_tx__packet, run);  // an echo test's, which may be asked too
 }
 
 // Echo mode: a duplicate, or an answer to a request that timed out, is passed over in silence.

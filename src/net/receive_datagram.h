@@ -21,8 +21,8 @@ enum class read_result : std::uint8_t {
 };
 
 // The next datagram that came to `socket`, without waiting. Of those queued up to `most` are taken in one call of
-// recvmmsg(2); the others wait here for the next calls. The clocks
-// are read once behind that call, for all that it brought.
+// recvmmsg(2); the others wait here for the next calls. The clocks are read once behind that call, for all that it
+// brought.
 [[nodiscard]] read_result read_datagram(int socket, std::uint32_t most, received_datagram* datagram);
 
 // True when a datagram waits here, so that there is nothing to wait for at the socket.

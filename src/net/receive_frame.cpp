@@ -62,8 +62,8 @@ frame_result receive_datagram(test_settings* settings, run_state* run, test_stat
     const bool was_read_ahead = has_read_ahead();
     const read_result read =
         read_is_due ? read_datagram(run->data_socket, most, &datagram) : read_result::nothing_there;
-    if (!was_read_ahead) run->step_time = datagram.arrival.reading;
     take_send_stamps(run);
+    if (!was_read_ahead) run->step_time = run->stamps_sends == 0 ? datagram.arrival.reading : 0;
     if (read == read_result::datagram) return handle_datagram(&datagram, settings, run, stats);
     if (read == read_result::no_socket) return report_failed_wait(settings);
     if (wait_usec == 0) return frame_none;

@@ -10,6 +10,7 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/test_end.h"
+#include "net/kernel_stamps.h"
 #include "net/socket_options.h"
 #include "net/socket_wait.h"
 
@@ -41,6 +42,7 @@ bool refuses_destination(const test_settings* settings, const sockaddr_in* desti
 }
 
 bool wait_for_buffer(const test_settings* settings, const run_state* run, const test_stats* stats) {
+  take_send_stamps(run);  // one that waits would end the wait at once
   std::int64_t left_usec = std::min(time_until_end(settings, stats), buffer_slice_usec);
   if (wait_on_socket(run->data_socket, socket_event::writable, &left_usec) == wait_result::failed) return false;
   return !sending_is_over(settings, stats);

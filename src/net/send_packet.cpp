@@ -70,8 +70,8 @@ int send_as_datagram(const test_settings* settings, run_state* run, const test_s
   slot->tx_time = sent.sent_at;
   if (outcome_of(sent.result) == send_outcome::full) return 1;
   if (sent.result != static_cast<ssize_t>(length)) report_refused_packet(settings, run, length, sent.result);
-  if (!sent.at_once) renumber_send_stamps(run->current_tx__packet + 1, run);
   take_send_stamps(run);
+  if (!sent.at_once) renumber_send_stamps(run->current_tx__packet + 1, run);
   return 0;
 }
 

@@ -35,7 +35,7 @@ window_rates rates_of_window(const test_settings* settings, const run_state* run
     last = slot->rx_time;
   }
   const auto span_usec = static_cast<double>(usec_between(first, last));
-  if (span_usec == 0.0) return {0.0, 0.0};
+  if (span_usec <= 0.0) return {0.0, 0.0};
   return {static_cast<double>(bytes) * bits_per_byte / span_usec,
           static_cast<double>(frames) * usec_per_second / span_usec};
 }

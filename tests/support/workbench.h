@@ -63,8 +63,11 @@ inline void empty(sample_list* samples) {
 
 // The world and what outlives a run in the code.
 inline void begin_anew() {
+  const std::int64_t later = world.now;
   world = {};
+  world.now = later;
   (void)read_both_clocks();  // the date of the world before may have been set
+  world.now += 1000001;      // until when no stamp is trusted then
   discard_read_ahead();
   empty(&bandwidth_samples);
   empty(&buffer_samples);
