@@ -78,6 +78,8 @@ TEST(Schedule, ReleasesAreDueOneDelayAfterTheOneBeforeWasDue) {
     // Late by what a wait may be late: the schedule stays, and the credit of what was missed goes out.
     EXPECT_EQ(send_times(path + " -e5 -d20000", 40000, 1990), (list{0, 20070, 41990, 60070, 80070}));
     EXPECT_EQ(send_times(path + " -e8 -d3000", 6000, 1500), (list{0, 0, 0, 3070, 7500, 9070, 12070, 15070}));
+    // A credit that has just become two packets sends both, and the next one still comes a delay later.
+    EXPECT_EQ(send_times(path + " -e7 -d3400", 6800, 200), (list{0, 0, 3470, 7000, 7000, 10470, 13870}));
     // Later than that: it begins anew.
     EXPECT_EQ(send_times(path + " -e5 -d20000", 40000, 2010), (list{0, 20070, 42010, 62080, 82080}));
     EXPECT_EQ(send_times(path + " -e8 -d3000", 6000, 7500), (list{0, 0, 0, 3070, 13500, 13500, 13500, 16570}));

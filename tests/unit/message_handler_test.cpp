@@ -1,5 +1,7 @@
 #include "net/message_handler.h"
 
+#include <map>
+
 #include "support/expect.h"
 
 static std::string handled(workbench* b, int result, byte_vector bytes) {
@@ -52,15 +54,24 @@ TEST(Stream, IsTrackedPacketByPacket) {
 }
 
 TEST(Stream, BeginsAnewWithEverySenderAndBatch) {
+  const std::map<std::int64_t, std::string> names = {{1, "Echo Request"}, {2, " Echo Reply "}, {3, "Data"}};
   workbench b("-c");
-  // Sender, batch, type, sequence; whether it is timed.
-  const list cases[] = {{55, 3, 3, 9, 0},  {55, 3, 2, 10, 1}, {55, 4, 3, 20, 0},     {56, 4, 3, 30, 0},
-                        {56, 4, 1, 31, 1}, {0, 0, 2, 50, 0},  {0, 7, 3, 0x1FFFF, 0}, {0, 7, 3, 0x20000, 1}};
-  for (const list& each : cases) {
+  const struct {
+    std::int64_t sender, batch, type, sequence;
+    bool timed;
+  } cases[] = {{.sender = 55, .batch = 3, .type = 3, .sequence = 9, .timed = false},
+               {.sender = 55, .batch = 3, .type = 2, .sequence = 10, .timed = true},
+               {.sender = 55, .batch = 4, .type = 3, .sequence = 20, .timed = false},
+               {.sender = 56, .batch = 4, .type = 3, .sequence = 30, .timed = false},
+               {.sender = 56, .batch = 4, .type = 1, .sequence = 31, .timed = true},
+               {.sender = 0, .batch = 0, .type = 2, .sequence = 50, .timed = false},
+               {.sender = 0, .batch = 7, .type = 3, .sequence = 0x1FFFF, .timed = false},
+               {.sender = 0, .batch = 7, .type = 3, .sequence = 0x20000, .timed = true}};
+  for (const auto& [sender, batch, type, sequence, timed] : cases) {
     world.now += 1000;
-    const std::string text = handled(&b, 1, message(each[2], each[0], each[1], each[3]));
-    const char* const end = each[4] != 0 ? " in  0.001000s from 10.0.0.7\n" : " in  0.000000s from 10.0.0.7\n";
-    EXPECT_TRUE(text.ends_with(end)) << text;
-    EXPECT_EQ(numbers(b.settings.process_id, b.run.batch), numbers(each[0], each[1]));
+    const std::string text = handled(&b, 1, message(type, sender, batch, sequence));
+    const std::string gap = timed ? " in  0.001000s" : " in  0.000000s";
+    EXPECT_TRUE(text.ends_with(": Received " + names.at(type) + gap + " from 10.0.0.7\n")) << text;
+    EXPECT_EQ(numbers(b.settings.process_id, b.run.batch), numbers(sender, batch));
   }
 }

@@ -1,5 +1,7 @@
 #include "app/options.h"
 
+#include "app/option_table.h"
+#include "app/usage.h"
 #include "support/expect.h"
 
 // The words of the record: their names here, and the defaults of a run to 10.0.0.1.
@@ -55,4 +57,14 @@ TEST(Options, LettersNumbersAndPresets) {
       {"--voice", "count=3000 delay=20000 timeout=40000 length=250 silent=1 hush=1 average=50 period=20000 "}};
   for (const auto& [arguments, expected] : cases) EXPECT_EQ(parsed(arguments), expected) << arguments;
   for (const char* bad : {"-E65537", "-E4294967297", "-q256", "-r0", "-d-x"}) EXPECT_EQ(parsed(bad), "rejected") << bad;
+}
+
+TEST(Options, UsageKnowsEveryLetter) {  // but for -I, which does nothing
+  const std::string text = said([] { print_usage("vorn"); });
+  for (char letter = '!'; letter <= '~'; ++letter) {
+    const std::string option = std::string(" -") + letter;  // also those that stand below -c
+    const bool told =
+        text.find("\n" + option) != std::string::npos || text.find("\n         " + option) != std::string::npos;
+    EXPECT_EQ(told, find_option(letter) != nullptr && letter != 'I') << letter;
+  }
 }

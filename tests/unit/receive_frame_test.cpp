@@ -31,3 +31,14 @@ TEST(Receiver, WaitsForTheRestOfAMessageButNotForEver) {
     EXPECT_EQ(receive_pieces(33334, 3, true), "-1 after 100000");
   });
 }
+
+TEST(Receiver, FlushesUntilTwentyMillisecondsOfSilence) {
+  workbench b;
+  b.connect(SOCK_DGRAM);
+  for (const int number : {1, 2, 3})  // the second is empty, which is not the end
+    world.after(19000 * number, [&b, number] { b.write_to_code(byte_vector(number == 2 ? 0 : 5)); });
+  world.after(57000 + 21000, [&b] { b.write_to_code(byte_vector(5)); });  // too late
+  const std::int64_t start = world.now;
+  EXPECT_EQ(said([&] { flush_pending_frames(b.run.data_socket); }), "[err] Flushed 3 frames\n");
+  EXPECT_EQ(world.now - start, 57000 + 20000);
+}
