@@ -33,12 +33,6 @@ TEST(IcmpDatagram, IsTakenApartAtEveryLengthAndHeaderLength) {
   }
 }
 
-TEST(IcmpError, QuotesARequest) {
-  icmp_echo echo = {};
-  EXPECT_TRUE(read_quoted_echo(icmp_error(11, 0xBEEF, 0xFFFE), &echo));
-  EXPECT_EQ(numbers(echo.type, echo.identifier, echo.sequence), (list{8, 0xBEEF, 0xFFFE}));
-}
-
 TEST(Wire, HeadersAndSizes) {
   const byte_vector wire = message(3, 0x01020304, 0x80000001, 0xFFFFFFFE, 1472);
   test_header header = {.type = 7, .process_id = 7, .batch = 7, .sequence = 7, .length = 7};
