@@ -4,7 +4,6 @@
 import argparse
 import asyncio
 import contextlib
-import importlib.metadata
 import os
 import resource
 import signal
@@ -15,6 +14,7 @@ import time
 import types
 from collections.abc import Sequence
 
+from vorn_companions.commands.common import add_version
 from vorn_companions.mesh.inventory import ECHO, STREAM, MeshHost, Refused, read_hosts
 from vorn_companions.mesh.keep import Run, as_json, keep
 from vorn_companions.mesh.measure import Member, Mesh, measure
@@ -128,13 +128,6 @@ def summary(mesh: Mesh, path: str) -> str:
 
 # --- command line ---
 
-def version() -> str:
-    try:
-        return importlib.metadata.version("vorn-companions")
-    except importlib.metadata.PackageNotFoundError:
-        return "of a checkout"
-
-
 def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[str]]:
     own, rest = split_arguments(list(arguments))
     parser = argparse.ArgumentParser(
@@ -149,7 +142,7 @@ def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[
                         help="a name for these runs, to choose them by (mesh)")
     parser.add_argument("--echo", metavar="ARGUMENTS", help=f"of the echo test ('{ECHO}')")
     parser.add_argument("--stream", metavar="ARGUMENTS", help=f"of the stream ('{STREAM}')")
-    parser.add_argument("--version", action="version", version=f"%(prog)s {version()}")
+    add_version(parser)
     return parser.parse_args(own), rest
 
 
@@ -181,8 +174,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
     allow_many_files()
     with tempfile.TemporaryDirectory(prefix="vorn-mesh-") as folder:
         mesh, stopped_by, kept = asyncio.run(run_mesh(hosts, opened, options.label, folder))
-    with contextlib.suppress(sqlite3.Error):
-        opened.db.close()
+    store.close(opened)
     say(summary(mesh, options.output))
     if stopped_by:
         return leave_by(stopped_by)
