@@ -14,7 +14,7 @@ import time
 import types
 from collections.abc import Sequence
 
-from vorn_companions.commands.common import add_version
+from vorn_companions.commands.common import PATIENCE_SEC, Progress, add_version
 from vorn_companions.mesh.inventory import ECHO, STREAM, MeshHost, Refused, read_hosts
 from vorn_companions.mesh.keep import Run, as_json, keep
 from vorn_companions.mesh.measure import Member, Mesh, measure
@@ -24,7 +24,6 @@ from vorn_companions.store import database as store
 from vorn_companions.words import Unreadable, printable
 
 DEFAULT_FILE = "mesh.db"
-QUIET_SEC = 2.0  # before progress is shown
 
 
 class Stopped(Exception):
@@ -56,7 +55,7 @@ def how_far(mesh: Mesh, passed_sec: float) -> str:
 
 async def show_progress(mesh: Mesh) -> None:
     begin = time.monotonic()
-    await asyncio.sleep(QUIET_SEC)
+    await asyncio.sleep(PATIENCE_SEC)
     while True:
         show(how_far(mesh, time.monotonic() - begin))
         await asyncio.sleep(1)
@@ -154,8 +153,8 @@ def hosts_of(options: argparse.Namespace, rest: Sequence[str]) -> list[MeshHost]
     for number in STOP_SIGNALS:
         if signal.getsignal(number) != signal.SIG_IGN:
             signal.signal(number, stopped)
-    show("reading the inventory")
-    hosts = read_hosts(options.inventory, options.hosts, rest, options.echo, options.stream)
+    with Progress("reading the inventory"):
+        hosts = read_hosts(options.inventory, options.hosts, rest, options.echo, options.stream)
     if len(hosts) < 2:
         raise Refused(f"it takes two hosts to measure between them; the inventory has {len(hosts) or 'none'}")
     return hosts
