@@ -239,7 +239,10 @@ def test_a_host_that_dies_in_the_middle_is_named_and_the_others_go_on(site):
     measured = {(run.site, run.asked) for run, messages in site.runs() if not messages}
     assert measured >= set(itertools.permutations(["berlin", "paris", "rome"], 2))
     # No requests that were lost because their partner was gone.
-    assert not any(run.asked == "oslo" and run.sent and run.sent - run.received > 10 for run, _ in site.runs())
+    with store.reading(str(site.folder / "mesh.db")) as opened:
+        lost = opened.db.execute("SELECT count(*) FROM echo JOIN run ON run.id = run WHERE asked = 'oslo' "
+                                 "AND rtt_usec IS NULL").fetchone()[0]
+    assert lost < 10, done.out  # of 20 in each run
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGKILL])
@@ -252,8 +255,9 @@ def test_however_it_ends_nothing_runs_on_and_what_was_measured_is_kept(site, num
     done = running.finish()
     assert done.status in (-number, 0) and "Traceback" not in done.out, done.out
     eventually(lambda: not site.running(), "the end of all monitors", patience=10)  # their bound is minutes
-    runs = site.runs()
-    assert all(run.sent for run, _ in runs if run.command and run.status is not None and "-u" in run.command)
+    # Those that were stopped in the middle may have been stopped before their first request.
+    ended = [run.sent for run, _ in site.runs() if run.status == 0 and "-u" in run.command]
+    assert ended and set(ended) == {20}
 
 
 def test_nothing_that_could_be_measured_is_an_error_that_is_kept(site):

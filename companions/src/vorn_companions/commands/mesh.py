@@ -4,7 +4,6 @@
 import argparse
 import asyncio
 import contextlib
-import importlib.metadata
 import os
 import resource
 import signal
@@ -15,6 +14,7 @@ import time
 import types
 from collections.abc import Sequence
 
+from vorn_companions.commands.common import PATIENCE_SEC, Progress, add_version
 from vorn_companions.mesh.inventory import ECHO, STREAM, MeshHost, Refused, read_hosts
 from vorn_companions.mesh.keep import Run, as_json, keep
 from vorn_companions.mesh.measure import Member, Mesh, measure
@@ -24,7 +24,6 @@ from vorn_companions.store import database as store
 from vorn_companions.words import Unreadable, printable
 
 DEFAULT_FILE = "mesh.db"
-QUIET_SEC = 2.0  # before progress is shown
 
 
 class Stopped(Exception):
@@ -56,7 +55,7 @@ def how_far(mesh: Mesh, passed_sec: float) -> str:
 
 async def show_progress(mesh: Mesh) -> None:
     begin = time.monotonic()
-    await asyncio.sleep(QUIET_SEC)
+    await asyncio.sleep(PATIENCE_SEC)
     while True:
         show(how_far(mesh, time.monotonic() - begin))
         await asyncio.sleep(1)
@@ -128,13 +127,6 @@ def summary(mesh: Mesh, path: str) -> str:
 
 # --- command line ---
 
-def version() -> str:
-    try:
-        return importlib.metadata.version("vorn-companions")
-    except importlib.metadata.PackageNotFoundError:
-        return "of a checkout"
-
-
 def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[str]]:
     own, rest = split_arguments(list(arguments))
     parser = argparse.ArgumentParser(
@@ -149,7 +141,7 @@ def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[
                         help="a name for these runs, to choose them by (mesh)")
     parser.add_argument("--echo", metavar="ARGUMENTS", help=f"of the echo test ('{ECHO}')")
     parser.add_argument("--stream", metavar="ARGUMENTS", help=f"of the stream ('{STREAM}')")
-    parser.add_argument("--version", action="version", version=f"%(prog)s {version()}")
+    add_version(parser)
     return parser.parse_args(own), rest
 
 
@@ -161,8 +153,8 @@ def hosts_of(options: argparse.Namespace, rest: Sequence[str]) -> list[MeshHost]
     for number in STOP_SIGNALS:
         if signal.getsignal(number) != signal.SIG_IGN:
             signal.signal(number, stopped)
-    show("reading the inventory")
-    hosts = read_hosts(options.inventory, options.hosts, rest, options.echo, options.stream)
+    with Progress("reading the inventory"):
+        hosts = read_hosts(options.inventory, options.hosts, rest, options.echo, options.stream)
     if len(hosts) < 2:
         raise Refused(f"it takes two hosts to measure between them; the inventory has {len(hosts) or 'none'}")
     return hosts
@@ -181,8 +173,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
     allow_many_files()
     with tempfile.TemporaryDirectory(prefix="vorn-mesh-") as folder:
         mesh, stopped_by, kept = asyncio.run(run_mesh(hosts, opened, options.label, folder))
-    with contextlib.suppress(sqlite3.Error):
-        opened.db.close()
+    store.close(opened)
     say(summary(mesh, options.output))
     if stopped_by:
         return leave_by(stopped_by)
