@@ -8,7 +8,8 @@ from collections.abc import Callable, Iterator
 
 from vorn_companions import program
 from vorn_companions.line import runs, search
-from vorn_companions.line.arrivals import Arrivals, falls_behind, is_carried, is_filled, lost_share, rate_of, rough_rate_of
+from vorn_companions.line.arrivals import (Arrivals, falls_behind, is_carried, is_filled, lost_share, rate_of,
+                                           rough_rate_of)
 from vorn_companions.line.delay import Probe, delay_of, is_rising
 from vorn_companions.line.pace import FULL_LENGTH, Pace, pace_above, pace_below
 from vorn_companions.line.preflight import look_before
@@ -116,7 +117,8 @@ def capacity(stream_of: Callable[[Pace], Arrivals], rough: float, wanted: int,
         if asked >= too_much:
             break
     if not best:
-        raise NotMeasured(f"too much was lost to tell a rate: {len(arrivals.sequences)} of {arrivals.size} packets came")
+        came = f"{len(arrivals.sequences)} of {arrivals.size} packets came"
+        raise NotMeasured(f"too much was lost to tell a rate: {came}")
     return Rate(best, "" if filled else "hosts")
 
 
