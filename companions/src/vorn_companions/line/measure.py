@@ -3,11 +3,13 @@
 
 import contextlib
 import dataclasses
+import math
 from collections.abc import Callable, Iterator
 
 from vorn_companions import program
 from vorn_companions.line import runs, search
-from vorn_companions.line.arrivals import Arrivals, falls_behind, is_carried, is_filled, lost_share, rate_of, rough_rate_of
+from vorn_companions.line.arrivals import (Arrivals, falls_behind, is_carried, is_filled, lost_share, rate_of,
+                                           rough_rate_of)
 from vorn_companions.line.delay import Probe, delay_of, is_rising
 from vorn_companions.line.pace import FULL_LENGTH, Pace, pace_above, pace_below
 from vorn_companions.line.preflight import look_before
@@ -18,6 +20,8 @@ from vorn_companions.read.records import REPLY
 OVERLOAD = 1.1  # of the rate found: the line is never idle
 LOAD = 1.25  # in one second this fills a queue of 250 msec; more would drop the pings among the load
 GROWTH = 2.0  # where a load filled nothing
+RETREAT = 4.0  # where nearly nothing came
+DOWN_SHARE = 0.15  # of the whole time: when it is over, the rate found so far has to do
 BATCHES = 4  # with a load that fills the line and those before it
 TRAINS = (50, 500, 5000)
 TRAIN_SPAN_USEC = 20_000  # a train that takes less to arrive is followed by a longer one
@@ -94,29 +98,37 @@ def rough_rate(train_of: Callable[[Pace, int], Arrivals]) -> float:
     return rough or FALLBACK_MBPS
 
 
-def capacity(stream_of: Callable[[Pace], Arrivals], rough: float, wanted: int) -> Rate:
+def capacity(stream_of: Callable[[Pace], Arrivals], rough: float, wanted: int,
+             is_late: Callable[[], bool] = lambda: False) -> Rate:
     """The highest rate that arrived in any of `wanted` streams that filled the line (as the Maximum IP-Layer Capacity
-    of RFC 9097 is the highest of a few intervals); at least that rate where none could be made to."""
-    best, asked, filled = 0.0, OVERLOAD * rough, 0
+    of RFC 9097 is the highest of a few intervals); at least that rate where none could be made to, or none in time."""
+    best, asked, filled, too_much = 0.0, OVERLOAD * rough, 0, math.inf
     for _ in range(BATCHES + wanted):
         pace = pace_above(asked)
         arrivals = stream_of(pace)
         rate = rate_of(arrivals)
-        if rate is None:
-            raise NotMeasured(f"too much was lost to tell a rate: {len(arrivals.sequences)} of {arrivals.size} packets "
-                              "came")
-        best = max(best, rate)
+        best = max(best, rate or 0.0)
         filled += is_filled(arrivals)
-        if filled == wanted or pace.delay_usec == 1:
+        if filled == wanted or rate and (is_late() or pace.delay_usec == 1) or not rate and too_much < math.inf:
             break
-        asked = OVERLOAD * best if is_filled(arrivals) else GROWTH * asked
+        if rate is None:  # more than the hosts themselves can take: nearly nothing came
+            too_much = asked
+        asked = asked / RETREAT if rate is None else OVERLOAD * best if is_filled(arrivals) else GROWTH * asked
+        if asked >= too_much:
+            break
+    if not best:
+        came = f"{len(arrivals.sequences)} of {arrivals.size} packets came"
+        raise NotMeasured(f"too much was lost to tell a rate: {came}")
     return Rate(best, "" if filled else "hosts")
 
 
 def measure_capacity(session: Session, plan: Plan, line: Line) -> None:
     rough = rough_rate(lambda pace, size: runs.stream(session, pace, size))
-    line.down = capacity(lambda pace: runs.stream(session, pace, pace.packets_in(plan.batch_sec)), rough,
-                         2 if plan.judged_sec else 1)
+    until_sec = session.age_sec + DOWN_SHARE * plan.total_sec
+    lost_here = session.notes.total()
+    found = capacity(lambda pace: runs.stream(session, pace, pace.packets_in(plan.batch_sec)), rough,
+                     2 if plan.judged_sec else 1, lambda: session.age_sec > until_sec)
+    line.down = Rate(found.mbps, "hosts" if session.notes.total() > lost_here else found.held_up_by)
 
 
 def measure_down(session: Session, plan: Plan, line: Line) -> None:
@@ -175,9 +187,14 @@ def measure_up_rate(session: Session, plan: Plan, line: Line) -> None:
 
     rough = rough_rate(train_of)
     timeout_usec = min(LONGEST_TIMEOUT_USEC, 300_000 + 2 * slowest_usec)
-    found = capacity(lambda pace: runs.echoes(session, pace, pace.packets_in(plan.echo_sec), timeout_usec), rough, 1)
-    narrow = not found.at_least and is_held_up(session, plan, line, found.mbps)
-    line.up = Rate(found.mbps, "way back" if narrow else found.held_up_by)
+    until_sec = plan.total_sec - plan.load_sec - plan.echo_sec
+    lost_here = session.notes.total()
+    found = capacity(lambda pace: runs.echoes(session, pace, pace.packets_in(plan.echo_sec), timeout_usec), rough, 1,
+                     lambda: session.age_sec > until_sec)
+    if found.at_least or session.notes.total() > lost_here:
+        line.up = Rate(found.mbps, "hosts")
+    else:
+        line.up = Rate(found.mbps, "way back" if is_held_up(session, plan, line, found.mbps) else "")
 
 
 def is_held_up(session: Session, plan: Plan, line: Line, up_mbps: float) -> bool:

@@ -5,6 +5,7 @@ What they print goes to files without a name. A pipe would wake its reader for e
 program that measures it.
 """
 
+import collections
 import contextlib
 import dataclasses
 import os
@@ -61,7 +62,7 @@ class Session:
     host: str
     stop: Stop
     tick: Callable[[], None]  # called at every look at the runs
-    notes: set[str] = dataclasses.field(default_factory=set)  # what this host itself lost
+    notes: "collections.Counter[str]" = dataclasses.field(default_factory=collections.Counter)  # runs that lost by us
     active: list[UnderWay] = dataclasses.field(default_factory=list)
     begun: float = dataclasses.field(default_factory=time.monotonic)
 
@@ -85,7 +86,7 @@ def under_way(session: Session, *arguments: str) -> Iterator[UnderWay]:
     finally:
         end(run)
         session.active.remove(run)
-        session.notes |= notes_of(run)
+        session.notes.update(notes_of(run))
 
 
 def end(run: UnderWay) -> None:
