@@ -85,6 +85,15 @@ inline void send_packet(int socket_fd, const std::uint8_t* packet, std::size_t l
   }
 }
 
+inline msghdr message_to(sockaddr_in* peer, iovec* part) {
+  msghdr header = {};
+  header.msg_name = peer;
+  header.msg_namelen = sizeof *peer;
+  header.msg_iov = part;
+  header.msg_iovlen = 1;
+  return header;
+}
+
 inline void write_message(std::uint8_t* message, message_type type, std::uint32_t batch, std::uint32_t sequence,
                           std::uint32_t length) {
   static const auto own_process_id = static_cast<std::uint32_t>(getpid());
@@ -113,11 +122,7 @@ inline int read_messages(reader* from, int flags) {
   for (unsigned i = 0; i + from->unused < reader::messages_per_call; ++i) {
     from->parts[i] = {from->bytes[i].data(), reader::kept_bytes};
     msghdr& header = from->headers[i].msg_hdr;
-    header = {};
-    header.msg_name = &from->sources[i];
-    header.msg_namelen = sizeof(sockaddr_in);
-    header.msg_iov = &from->parts[i];
-    header.msg_iovlen = 1;
+    header = message_to(&from->sources[i], &from->parts[i]);
     header.msg_control = from->control[i].data();
     header.msg_controllen = reader::control_bytes;
   }

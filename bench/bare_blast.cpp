@@ -21,10 +21,7 @@ int main(int argc, char** argv) {
   const int socket_fd = udp ? open_socket(SOCK_DGRAM, IPPROTO_UDP) : open_icmp_socket(0);  // no answer is queued
   for (std::uint32_t i = 0; i < per_call; ++i) {
     parts[i] = {packets[i].data(), bytes};
-    messages[i].msg_hdr.msg_name = &destination;
-    messages[i].msg_hdr.msg_namelen = sizeof destination;
-    messages[i].msg_hdr.msg_iov = &parts[i];
-    messages[i].msg_hdr.msg_iovlen = 1;
+    messages[i].msg_hdr = message_to(&destination, &parts[i]);
   }
   std::uint64_t sent = 0;
   const std::int64_t end = clock_usec() + std::int64_t{number_argument(argc, argv, 5, usage)} * 1000000;

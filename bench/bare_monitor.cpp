@@ -15,15 +15,7 @@ static std::array<std::array<std::uint8_t, longest_packet_bytes>, packets_per_ca
 static std::array<mmsghdr, packets_per_call> messages;
 static std::array<iovec, packets_per_call> parts;
 
-static void send_packets(int socket_fd, std::uint32_t count, std::uint32_t length, sockaddr_in* commander) {
-  for (std::uint32_t i = 0; i < count; ++i) {
-    parts[i] = {packets[i].data(), length};
-    messages[i].msg_hdr = {};
-    messages[i].msg_hdr.msg_name = commander;
-    messages[i].msg_hdr.msg_namelen = sizeof *commander;
-    messages[i].msg_hdr.msg_iov = &parts[i];
-    messages[i].msg_hdr.msg_iovlen = 1;
-  }
+static void send_packets(int socket_fd, std::uint32_t count) {
   for (std::uint32_t sent = 0; sent < count;) {
     const int got = sendmmsg(socket_fd, &messages[sent], count - sent, 0);
     if (got < 0) fail("sendmmsg");
@@ -45,8 +37,10 @@ static void stream_back(int socket_fd, const test_header& header, const std::uin
     const std::uint32_t count = std::min(packets_per_call, command.echo_count - sent);
     for (std::uint32_t i = 0; i < count; ++i, ++sent) {
       write_message(packets[i].data(), message_data, header.batch, sent, length);
+      parts[i] = {packets[i].data(), length};
+      messages[i].msg_hdr = message_to(commander, &parts[i]);
     }
-    send_packets(socket_fd, count, length, commander);
+    send_packets(socket_fd, count);
   }
 }
 

@@ -29,9 +29,6 @@ def udp_blast(vorn, payload, goals, title="", **setting):
             *bare_blasts("udp", TEST_PORT, payload, "sink"),
             Row("iperf3 -u -b 0", "peer", f"iperf3 -c {FAR_ADDRESS} -u -b 0 -l {payload} -t {BLAST_SECONDS}",
                 far_end="iperf3")]
-    if not setting:
-        rows.append(Row("hping3 --udp --flood", "peer", f"hping3 --udp --flood -n -q -p {TEST_PORT} -d {payload} "
-                        f"{FAR_ADDRESS}", "hping3", "sink", endless=True))
     return Case(f"UDP, {payload} bytes{title}", rows, setting, goals)
 
 
