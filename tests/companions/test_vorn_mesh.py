@@ -119,7 +119,6 @@ def processes(command):
     return found
 
 
-
 # A signal that comes just when timeout(1) has started the command ends timeout alone.
 def test_a_command_that_is_let_go_at_any_moment_of_its_start_ends():
     host = inventory.mesh_host({**FIELDS, "connection": "local"}, None, None)

@@ -84,7 +84,8 @@ def test_round_trips_their_gaps_and_percentiles(tmp_path):
     first, second = read(tmp_path, text + answer(0, 1.5)).echoes
     assert [each.answer for each in first.requests] == [HOP, "", "Echo Reply", "Echo Reply"]
     assert (first.sent, second.sent) == (9, 1)
-    line = [(sequence, None if math.isnan(time) else time) for sequence, time in zip(*echo.with_gaps(first.requests, MILLISECONDS))]
+    line = [(sequence, None if math.isnan(time) else time)
+            for sequence, time in zip(*echo.with_gaps(first.requests, MILLISECONDS))]
     assert line == [(0, 10.5), (1, None), (2, 2.0), (3, None), (5, 1.0)]
     assert numbers.percentiles(range(1, 1001), (0, 50, 99, 99.9, 100)) == [1, 500, 990, 999, 1000]
 
