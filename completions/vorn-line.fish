@@ -1,0 +1,13 @@
+# fish completion for vorn-line(1), made by completions/make-companions
+complete -c vorn-line -f -a '(__fish_print_hostnames)'
+complete -c vorn-line -s h -l help -d 'print a summary of the options'
+complete -c vorn-line -l down -d 'only the way from the far end to this host'
+complete -c vorn-line -l up -d 'only the way from this host to the far end'
+complete -c vorn-line -l quick -d '5 seconds: shorter, and without the lossless rate'
+complete -c vorn-line -l loss -x -d 'what the lossless rate may lose'
+complete -c vorn-line -l min-rate -x -d 'Mbit/s that the line has to carry at least; one may be left out, as in :8'
+complete -c vorn-line -l max-delay -x -d 'what a load may add to the median round trip at most'
+complete -c vorn-line -l json -d 'print one JSON object in place of the lines'
+complete -c vorn-line -s o -r -F -d 'draw the line here: .svg, .png, or .html with the figures'
+complete -c vorn-line -l into -r -F -d 'append it to these records of vorn-record'
+complete -c vorn-line -l label -x -d 'a name for this line, to choose it by'
