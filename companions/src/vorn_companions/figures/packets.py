@@ -218,7 +218,9 @@ def draw(sources: Sources, options: Options) -> Any:
     losses.set_ylabel("times")
     if not any(line.loss_runs for line in lines):
         canvas.note(losses, "no loss")
-    canvas.whole_ticks(losses.xaxis)
+        losses.set_xticks([])
+    else:
+        canvas.whole_ticks(losses.xaxis)
     canvas.add_key(figure, delays, [f"{printable(line.label)}: {line.arrived} of {line.sent}" for line in lines],
                    [canvas.key_line("PDV", color="dimgray"), canvas.key_line("IPDV", color="dimgray", linestyle="--")])
     return figure
