@@ -285,8 +285,8 @@ def test_a_browser_has_nothing_to_say_of_a_page(tmp_path):
                         f"--user-data-dir={tmp_path}/profile", "--window-size=1000,3000", "--dump-dom",
                         f"--screenshot={tmp_path}/page.png", f"file://{tmp_path}/p.html", program=BROWSER,
                         env={"HOME": str(tmp_path)})
-    assert "CONSOLE" not in shown.err, shown.err
-    assert shown.out.count("<svg ") == 3
+        assert "CONSOLE" not in shown.err, shown.err
+        assert shown.out.count("<svg ") == 3
 
 
 def test_a_store_of_the_first_version_is_read_and_brought_up_to_date(tmp_path):
