@@ -12,7 +12,7 @@ _vorn_line() {
     --label) :; return ;;
   esac
   case $current in
-    -*) mapfile -t COMPREPLY < <(compgen -W '--help --down --up --quick --loss --min-rate --max-delay --json -o --into --label' -- "$current") ;;
+    -*) mapfile -t COMPREPLY < <(compgen -W '--help --down --up --quick --loss --min-rate --max-delay --json -o --into --label --version' -- "$current") ;;
     *) declare -F _known_hosts_real >/dev/null && _known_hosts_real -- "$current" ;;
   esac
 }

@@ -106,7 +106,8 @@ def json_object(line: Line) -> dict[str, Any]:
         "down": line.down and rate_object(line.down), "up": line.up and rate_object(line.up),
         "lossless": line.lossless and {
             "mbps": line.lossless.mbps and round(line.lossless.mbps, 3), "lost": round(line.lossless.lost, 5),
-            "fell_behind": line.lossless.fell_behind, "tried_mbps": round(line.lossless.tried_mbps, 3), "seconds": round(line.lossless.seconds, 1)},
+            "fell_behind": line.lossless.fell_behind, "tried_mbps": round(line.lossless.tried_mbps, 3),
+            "seconds": round(line.lossless.seconds, 1)},
         "delay": {name: delay_object(line, name) for name in ("idle", *DIRECTIONS)},
         "path": line.hops and {"reached": line.reached, "hops": [dataclasses.asdict(hop) for hop in line.hops],
                                "slowest": slowest_hop(line.hops).address},
