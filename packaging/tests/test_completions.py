@@ -90,9 +90,11 @@ def test_words_reach_the_command_as_it_reads_them(terminal):
         "vorn-plot -k lat\tnight\t": ["-k", "latency", "night run.csv"],
         "vorn-plot -k mat\trep\tmon\t": ["-k", "matrix", "reports/monday.txt"],
         "vorn-plot --te\t--by lab\trep\tmon\t": ["--text", "--by", "label", "reports/monday.txt"],
+        "vorn-plot --unt\t7d -k pac\tnight\t": ["--until", "7d", "-k", "packets", "night run.csv"],
+        "vorn-record --pac\t--ev\t2 --form\tinf\t-- x": ["--packets", "--every", "2", "--format", "influx", "--", "x"],
         "vorn-record --ev\t5 -- -d\t5": ["--every", "5", "--", "-d5"],
         "vorn-record -o rep\tmon\t -- --cl\tsol\t": ["-o", "reports/monday.txt", "--", "--client", "solo.example"],
-        "vorn-check --rt\t1:5 --js\t -- --cl\tsol\t": ["--rtt-p95", "1:5", "--json", "--", "--client", "solo.example"],
+        "vorn-check --ra\t1:5 --js\t -- --cl\tsol\t": ["--rate-p99", "1:5", "--json", "--", "--client", "solo.example"],
         "vorn-line --qu\t--into rep\tmon\t sol\t": ["--quick", "--into", "reports/monday.txt", "solo.example"],
         "vorn-mesh -i rep\tmon\t --str\t-c": ["-i", "reports/monday.txt", "--stream", "-c"],
     }
@@ -136,5 +138,22 @@ def test_fish_offers_whole_words(tmp_path):
     assert offered("vorn 1.2.3.4 5.6.7.8 sol") == set()
 
 
+def test_fish_completes_the_companions(tmp_path):
+    make_home(tmp_path)
+
+    def offered(command, typed):
+        script = f"source {QUOTED}/vorn.fish; source {QUOTED}/{command}.fish; complete -C {shlex.quote(f'{command} {typed}')}"
+        shown = subprocess.run(["fish", "-c", script], cwd=tmp_path, env={"HOME": str(tmp_path), "PATH": os.environ["PATH"]},
+                               stdout=subprocess.PIPE, text=True, check=True).stdout
+        return {line.partition("\t")[0] for line in shown.splitlines()}
+
+    assert offered("vorn-check", "--rtt") == {"--rtt-p95", "--rtt-p99", "--rtt-max"}
+    assert offered("vorn-plot", "-k la") == {"latency"}
+    assert "night run.csv" in offered("vorn-plot", "ni")
+    assert offered("vorn-record", "--ev") == {"--every"}
+    assert offered("vorn-record", "-- --cl") == {"--client"}
+
+
 def test_the_files_are_what_the_table_makes():
-    subprocess.run([COMPLETIONS / "make", "--check"], check=True)
+    for program in ("make", "make-companions"):
+        subprocess.run([COMPLETIONS / program, "--check"], check=True)

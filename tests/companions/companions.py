@@ -9,10 +9,10 @@ sys.path += [str(COMPANIONS), str(ROOT / "tests/end_to_end")]
 from vorn_companions.commands import plot
 
 
-
 def companion(name):
     """The beginning of a command line that runs a companion."""
-    return ["/usr/bin/python3", "-c", f"import sys; sys.path.insert(0, {str(COMPANIONS)!r}); sys.argv[0] = 'vorn-{name}'\n"
+    return ["/usr/bin/python3", "-c",
+            f"import sys; sys.path.insert(0, {str(COMPANIONS)!r}); sys.argv[0] = 'vorn-{name}'\n"
             f"from vorn_companions.commands import {name}; sys.exit({name}.main())"]
 
 

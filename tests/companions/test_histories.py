@@ -1,10 +1,11 @@
 # vorn-plot on records: the figures against a slow count of the same rows, outages, what is chosen
 # and taken over, pictures and pages.
-import contextlib, random, re, sqlite3, time
+import contextlib, os, random, re, shutil, sqlite3, time
 
 import numpy, pytest
 from matplotlib.dates import date2num
 from companions import ERROR, HOP, draw
+from lab import Lab
 from vorn_companions import words
 from vorn_companions.commands import plot
 from vorn_companions.figures import cdf, guaranteed, latency, numbers
@@ -269,6 +270,23 @@ def test_a_page_is_one_file_with_all_figures(tmp_path):
     assert len(set(own)) == len(own)
     assert all(address[:1] == "#" and address[1:] in own for address in re.findall(r'(?:src|href)="([^"]*)"', page))
     assert not re.search(r"url\((?!#)|@import|<script", page)
+
+
+BROWSER = shutil.which("chromium")
+
+
+@pytest.mark.skipif(not BROWSER or os.geteuid() != 0, reason="needs chromium, and root for a host without a network")
+def test_a_browser_has_nothing_to_say_of_a_page(tmp_path):
+    label = "a label that goes on and on without a blank: " + "x" * 300
+    path = make(tmp_path / "r.db", (HOST, [(n, request(n, 100)) for n in range(30)] + [(1, batch(1))], {"label": label}))
+    plot.main(["--html", str(tmp_path / "p.html"), "--by", "label", path])
+    with Lab() as lab:  # a host without a network
+        shown = lab.run("--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr", "--v=0",
+                        f"--user-data-dir={tmp_path}/profile", "--window-size=1000,3000", "--dump-dom",
+                        f"--screenshot={tmp_path}/page.png", f"file://{tmp_path}/p.html", program=BROWSER,
+                        env={"HOME": str(tmp_path)})
+        assert "CONSOLE" not in shown.err, shown.err
+        assert shown.out.count("<svg ") == 3
 
 
 def test_a_store_of_the_first_version_is_read_and_brought_up_to_date(tmp_path):

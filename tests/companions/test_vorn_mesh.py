@@ -101,8 +101,8 @@ def test_hosts_are_taken_as_they_are_set_or_refused():
     assert found == inventory.MeshHost("a", "10.0.0.1", ("ssh", "-F", "my file", "-l", "me", "-p", "2222"), "10.0.0.1",
                                        ("nice", "vorn"), ("-u", "-e100", "-r50"), ("--client", "-e9"), 30)
     for field, value in (("name", "a b"), ("name", "$(x)"), ("name", "-a"), ("name", ""),
-                         ("reached", "-oProxyCommand=x"), ("address", "1;x"), ("connection", "docker"), ("port", "0"), ("bound", "-1"),
-                         ("bound", "9" * 20), ("program", "'x"), ("echo", "-u -M9"), ("ssh_arguments", '"')):
+                         ("reached", "-oProxyCommand=x"), ("address", "1;x"), ("connection", "docker"), ("port", "0"),
+                         ("bound", "-1"), ("bound", "9" * 20), ("program", "'x"), ("echo", "-u -M9"), ("ssh_arguments", '"')):
         with pytest.raises(inventory.Refused, match="host"):
             inventory.mesh_host({**FIELDS, field: value}, None, None)
 
@@ -117,7 +117,6 @@ def processes(command):
             if words in (process / "cmdline").read_bytes():
                 found.append(int(process.name))
     return found
-
 
 
 # A signal that comes just when timeout(1) has started the command ends timeout alone.

@@ -84,7 +84,8 @@ def test_round_trips_their_gaps_and_percentiles(tmp_path):
     first, second = read(tmp_path, text + answer(0, 1.5)).echoes
     assert [each.answer for each in first.requests] == [HOP, "", "Echo Reply", "Echo Reply"]
     assert (first.sent, second.sent) == (9, 1)
-    line = [(sequence, None if math.isnan(time) else time) for sequence, time in zip(*echo.with_gaps(first.requests, MILLISECONDS))]
+    line = [(sequence, None if math.isnan(time) else time)
+            for sequence, time in zip(*echo.with_gaps(first.requests, MILLISECONDS))]
     assert line == [(0, 10.5), (1, None), (2, 2.0), (3, None), (5, 1.0)]
     assert numbers.percentiles(range(1, 1001), (0, 50, 99, 99.9, 100)) == [1, 500, 990, 999, 1000]
 
@@ -125,6 +126,50 @@ def test_command_line_without_matplotlib(tmp_path, arguments, status, complaint)
                           env={"PYTHONPATH": str(tmp_path)})
     assert done.returncode == status and complaint in done.stderr and bool(complaint) == bool(done.stderr)
     assert ("?[2Jnight      100.0    75.0    55.0" in done.stdout) == (status == 0) and "\x1b" not in done.stdout
+
+
+TEXTS = {
+    "trend": (row(RATES, tag="a", day=7) + row([0.0] * 110, day=6), """\
+Trend: Mbit/s of the good batches, test by test
+date                 tag           low 5 %   median  top 5 %    bad     lost   in bad
+2026-01-06 09:30:00  no tag              -        -        -      3       12      140
+2026-01-07 09:30:00  a                52.5     75.0     97.5      3       12      140
+"""),
+    "batches": (batch(1) + batch(2, 40.0, "*", 45) + batch(3, 80.0, received=48) + silent_batch(4), """\
+Rate and buffer consumption, batch by batch
+
+f: 4 batches, 2 bad; 2 packets lost in good ones, 55 in bad ones
+                                 min        p5       p50       p95       p99       max
+  rate, Mbit/s                  80.0      80.0      80.0      90.0      90.0      90.0
+  buffer, ms                     1.5       1.5       1.5       1.5       1.5       1.5
+          batches      low   median  high Mbit/s  buffer ms   bad
+       1 to     1     90.0     90.0         90.0        1.5     0  ########################################
+       2 to     2        -        -            -          -     1
+       3 to     3     80.0     80.0         80.0        1.5     0  ####################################
+       4 to     4        -        -            -          -     1
+"""),
+    "echo": (BANNER + answer(0) + timed_out(1) + answer(2, 0.015) + totals(4, 2), """\
+Round-trip time
+
+f: 4 sent, 2 answers, 1 time-outs, 1 without a line
+                                 min        p5       p50       p95       p99       max
+  round trip, ms              10.000    10.000    10.000    15.000    15.000    15.000
+         requests       low    median   high ms  time-outs
+       0 to     0    10.000    10.000    10.000          0
+       1 to     1         -         -         -          1
+       2 to     2    15.000    15.000    15.000          0
+  distribution
+     10.000 to    10.250 ms        1  ########################################
+""")}
+
+
+@pytest.mark.parametrize("figure", TEXTS)
+def test_texts_to_the_letter(tmp_path, monkeypatch, capsys, figure):
+    monkeypatch.chdir(tmp_path)
+    text, shown = TEXTS[figure]
+    (tmp_path / "f").write_text(text)
+    plot.main(["-k", figure, "--text", "f"])
+    assert capsys.readouterr().out.startswith(shown)
 
 
 MANY = "".join(row([rate + n for rate in RATES], tag=f"_$site {n}$", day=n + 1) for n in range(20))

@@ -127,8 +127,7 @@ def summary(mesh: Mesh, path: str) -> str:
 
 # --- command line ---
 
-def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[str]]:
-    own, rest = split_arguments(list(arguments))
+def make_parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         prog="vorn-mesh", allow_abbrev=False, usage="%(prog)s -i INVENTORY [options] [-- ANSIBLE-ARGUMENTS]",
         description="Measure every pair of hosts of an Ansible inventory, both ways.",
@@ -142,7 +141,12 @@ def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[
     parser.add_argument("--echo", metavar="ARGUMENTS", help=f"of the echo test ('{ECHO}')")
     parser.add_argument("--stream", metavar="ARGUMENTS", help=f"of the stream ('{STREAM}')")
     add_version(parser)
-    return parser.parse_args(own), rest
+    return parser
+
+
+def parse_arguments(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[str]]:
+    own, rest = split_arguments(list(arguments))
+    return make_parser().parse_args(own), rest
 
 
 def hosts_of(options: argparse.Namespace, rest: Sequence[str]) -> list[MeshHost]:

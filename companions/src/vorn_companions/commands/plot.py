@@ -187,15 +187,19 @@ def show(parser: argparse.ArgumentParser, given: argparse.Namespace, options: Op
 
 
 def draw(chosen: Chosen, given: argparse.Namespace, options: Options, blocks_of: dict[str, list[Block]]) -> None:
-    from vorn_companions.figures.canvas import prepare
+    from vorn_companions.figures.canvas import prepare, settle
     prepare()
     if given.output:
         metadata = {"Date": None} if given.output.lower().endswith(".svg") else {"Software": None}
         figure, own = chosen[0]
-        figure.draw(own, options).savefig(given.output, dpi=120, metadata=metadata)
+        picture = figure.draw(own, options)
+        settle(picture)
+        picture.savefig(given.output, dpi=120, metadata=metadata)
     if given.html:
         untitled = dataclasses.replace(options, title=None)  # it stands above them all
         sections = [(figure.draw(own, untitled), blocks_of[figure.name]) for figure, own in chosen]
+        for picture, _ in sections:
+            settle(picture)
         with open(given.html, "w", encoding="utf-8") as stream:
             stream.write(page(given.title or "What Vorn measured", sections))
 

@@ -42,6 +42,15 @@ def prepare() -> None:
     warnings.filterwarnings("ignore", message="Glyph .* missing from current font")
 
 
+def settle(figure: Any) -> None:
+    """Before it is written: the same input gives the same bytes. The order in which the layout is solved is not always
+    the same, and its last digits with it."""
+    figure.draw_without_rendering()
+    figure.set_layout_engine("none")
+    for axis in figure.axes:
+        axis.set_position([round(part, 5) for part in axis.get_position().bounds])
+
+
 def shortened(label: str, length: int) -> str:
     """Cut in the middle: names of hosts differ at their ends."""
     if len(label) <= length:

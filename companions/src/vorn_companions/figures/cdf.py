@@ -78,7 +78,7 @@ def draw(sources: Sources, options: Options) -> Any:
         if len(each.times):
             places = [point * unit.factor for point in percentiles(each.times, CURVE) if point is not None]
             axis.plot([places[0], *places], [0, *CURVE], color=colour, linewidth=1.6, drawstyle="steps-post",
-                      marker="." if places[0] == places[-1] else None, clip_on=False)
+                      marker="." if places[0] == places[-1] else None, markevery=[0, -1], clip_on=False)
             ends += [places[0], places[-1]]
     if not ends:
         canvas.note(axis, "no answer")

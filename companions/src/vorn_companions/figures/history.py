@@ -122,8 +122,8 @@ def table_of(paths: Sequence[str], options: Options, batches: bool) -> Table:
             texts = (reading.name_texts(store) if by == "host" and not batches
                      else {run.id: LABEL_OF[by](run) for run in runs})
             key = rows[4] if by == "host" and not batches else rows[2]
-            numbers = numpy.zeros(max(texts, default=0) + 1, numpy.int64)
-            for number in numpy.unique(key):
+            numbers = numpy.zeros(max(texts, default=0) + 1, numpy.int32)
+            for number in numpy.flatnonzero(numpy.bincount(key)):
                 numbers[number] = labels.setdefault(texts[int(number)], len(labels))
             base = len(every)
             every += [0] * (max((run.id for run in runs), default=0) + 1)
@@ -174,8 +174,8 @@ Points = Callable[[Integers], list[float | None]]
 
 def intervals_of(grid: Grid, times: Integers, values: Integers, lost: Integers, points: Points) -> list[Interval]:
     """The intervals that hold anything."""
-    index = (times - grid.origin_usec) // grid.width_usec
-    order = numpy.argsort(index, kind="stable")
+    index = ((times - grid.origin_usec) // grid.width_usec).astype(numpy.int32)
+    order = numpy.argsort(index, kind="stable").astype(numpy.int32)
     filled, starts = numpy.unique(index[order], return_index=True)
     found = []
     for number, part in zip(filled, numpy.split(order, starts[1:])):

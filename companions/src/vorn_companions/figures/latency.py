@@ -10,7 +10,7 @@ from typing import Any
 
 from vorn_companions.figures import canvas
 from vorn_companions.figures.canvas import BAD_COLOUR
-from vorn_companions.figures.history import (PICTURE_INTERVALS, TEXT_INTERVALS, History, Interval, Outage, Series,
+from vorn_companions.figures.history import (PICTURE_INTERVALS, TEXT_INTERVALS, Drawn, History, Interval, Outage, Series,
                                              draw_band, draw_points, history_of, is_few, middle_of, middles, steps,
                                              table_of, thousandths, time_axis)
 from vorn_companions.figures.numbers import is_wide, loss_percent, scale_end
@@ -25,6 +25,9 @@ MOST_OUTAGES = 20
 PERCENTS = (0, 5, 50, 95, 99, 100)
 MIN, P5, MEDIAN, P95, P99, MAX = range(6)
 NAMES = ("min", "p5", "p50", "p95", "p99", "max")
+P99_ANSWERS = 100  # of fewer the 99 % are all, and that is the maximum
+MOST_P99_LINES = 3  # more run into each other
+P99_STYLE = {"linewidth": 0.8, "linestyle": (0, (3, 2))}
 
 
 def compute(paths: Sequence[str], options: Options, most: int) -> History:
@@ -109,11 +112,20 @@ def mark_outages(axis: Any, series: Series, history: History, colour: Any) -> No
 
 
 def draw_series(axis: Any, series: Series, history: History, unit: Unit, colour: Any) -> None:
-    points = [middles(series, history, lambda each, point=point: unit.of(each.points[point]))  # type: ignore[misc]
-              for point in range(len(PERCENTS))]
-    draw_band(axis, points[P5], points[MEDIAN], points[P95], colour, is_few(series))
-    draw_points(axis, points[P99], colour, linewidth=0.8, linestyle=(0, (3, 2)))
-    axis.plot(*points[MAX], color=colour, marker=".", markersize=3, alpha=0.7, linestyle="none")
+    def along(point: int, least: int = 1) -> Drawn:
+        return middles(series, history, lambda each: unit.of(each.points[point]) if each.counted >= least else None)
+
+    draw_band(axis, along(P5), along(MEDIAN), along(P95), colour, is_few(series))
+    if len(history.series) <= MOST_P99_LINES:
+        draw_points(axis, along(P99, P99_ANSWERS), colour, **P99_STYLE)
+    axis.plot(*along(MAX, 2), color=colour, marker=".", markersize=3, alpha=0.7, linestyle="none")
+
+
+def point_marks(history: History) -> list[Any]:
+    answers = max(each.counted for series in history.series for each in series.intervals)
+    marks = [canvas.key_line("99 %", color="dimgray", **P99_STYLE)] * (
+        answers >= P99_ANSWERS and len(history.series) <= MOST_P99_LINES)
+    return marks + [canvas.key_mark("maximum", ".", color="dimgray", markersize=4)] * (answers > 1)
 
 
 def draw(sources: Sources, options: Options) -> Any:
@@ -134,8 +146,7 @@ def draw(sources: Sources, options: Options) -> Any:
     labels = [f"{printable(each.label)}: {each.counted + each.missing} requests, {loss_of(each):.3g} % lost"
               for each in history.series]
     outages = sum(len(series.outages) for series in history.series)
-    marks = [canvas.key_line("99 %", color="dimgray", linewidth=0.8, linestyle=(0, (3, 2))),
-             canvas.key_mark("maximum", ".", color="dimgray", markersize=4)]
+    marks = point_marks(history)
     marks += [canvas.key_patch(f"outage ({outages})", color=BAD_COLOUR if alone else "dimgray", alpha=0.3)] * bool(
         outages)
     canvas.add_key(figure, times, labels, marks)

@@ -2,7 +2,8 @@
 """Packets: delay variation, runs of loss, reordering and duplicates of streams whose every packet was noted.
 
 Nothing on a packet tells when it was sent; a monitor sends evenly, so the delay of packet i, but for a constant, is
-its arrival less i periods. The period is the mean distance of the packets behind the first burst.
+its arrival less i periods. The period is the mean distance of the packets behind the first burst, which is found by the
+slope of the second half.
 - IPDV (RFC 5481, 4.1): the delay of a packet less that of the one before it in sequence.
 - PDV (RFC 5481, 4.2): the delay of a packet less the smallest of its batch.
 - Runs of loss (RFC 3357): packets in a row that did not arrive.
@@ -107,9 +108,8 @@ def add_variation(line: Line, stream: Stream) -> None:
         steady = sequence > 0
     if steady.sum() < LEAST_PACKETS:
         return
-    distances = numpy.diff(arrival[steady]) / numpy.diff(sequence[steady])
-    period = float(numpy.median(distances)) or float(distances.mean())
-    burst = sequence < FIRST_BURST_USEC / period if period > 0 else numpy.ones(len(sequence), bool)
+    period = float(numpy.polyfit(sequence[steady], arrival[steady], 1)[0])
+    burst = sequence < round(FIRST_BURST_USEC / max(period, 1))
     line.left_out += int(burst.sum())
     sequence, arrival = sequence[~burst], arrival[~burst]
     if len(sequence) < LEAST_PACKETS:
@@ -218,7 +218,9 @@ def draw(sources: Sources, options: Options) -> Any:
     losses.set_ylabel("times")
     if not any(line.loss_runs for line in lines):
         canvas.note(losses, "no loss")
-    canvas.whole_ticks(losses.xaxis)
+        losses.set_xticks([])
+    else:
+        canvas.whole_ticks(losses.xaxis)
     canvas.add_key(figure, delays, [f"{printable(line.label)}: {line.arrived} of {line.sent}" for line in lines],
                    [canvas.key_line("PDV", color="dimgray"), canvas.key_line("IPDV", color="dimgray", linestyle="--")])
     return figure

@@ -1,0 +1,18 @@
+# fish completion for vorn-check(1), made by completions/make-companions
+set -l behind 'contains -- -- (commandline -opc)'
+complete -c vorn-check -f
+complete -c vorn-check -n "not $behind" -s h -l help -d 'print a summary of the options'
+complete -c vorn-check -n "not $behind" -l loss -x -d 'packets without an answer, or lost from a stream, in percent (0:)'
+complete -c vorn-check -n "not $behind" -l rtt-p95 -x -d 'milliseconds within which 95 % of the answers came'
+complete -c vorn-check -n "not $behind" -l rtt-p99 -x -d 'milliseconds within which 99 % of the answers came'
+complete -c vorn-check -n "not $behind" -l rtt-max -x -d 'milliseconds within which all answers came'
+complete -c vorn-check -n "not $behind" -l jitter -x -d 'mean difference of a round trip from the one before, in milliseconds'
+complete -c vorn-check -n "not $behind" -l rate-p99 -x -d 'Mbit/s that 99 % of the good batches reached or beat'
+complete -c vorn-check -n "not $behind" -l bad -x -d 'bad batches (0:)'
+complete -c vorn-check -n "not $behind" -l timeout -x -d 'end the run after this long; it is not OK then'
+complete -c vorn-check -n "not $behind" -l program -r -F -d 'the program (vorn in PATH)'
+complete -c vorn-check -n "not $behind" -l label -x -d 'a name for the Prometheus figures of this check'
+complete -c vorn-check -n "not $behind" -l prometheus -r -F -d 'write the figures for the textfile collector too'
+complete -c vorn-check -n "not $behind" -l json -d 'print one JSON object in place of the line'
+complete -c vorn-check -n "not $behind" -l version -d 'print the version'
+complete -c vorn-check -n "$behind" -a '(complete -C "vorn "(commandline -ct))'

@@ -1,0 +1,15 @@
+# fish completion for vorn-plot(1), made by completions/make-companions
+complete -c vorn-plot -F
+complete -c vorn-plot -s h -l help -d 'print a summary of the options'
+complete -c vorn-plot -s o -r -F -d 'write the picture here: .png or .svg'
+complete -c vorn-plot -s k -x -a 'rate trend histogram batches echo latency guaranteed cdf packets matrix' -d 'the figure, see below'
+complete -c vorn-plot -l html -r -F -d 'write a page with pictures and figures here'
+complete -c vorn-plot -l text -d 'print the figures; needs no matplotlib'
+complete -c vorn-plot -l csv -r -F -d 'write the numbers behind the figures here; - prints them'
+complete -c vorn-plot -l by -x -a 'row tag host label run site' -d 'rate, histogram: a line a row or a tag; records: a host (default), label, run or site'
+complete -c vorn-plot -l since -x -d 'records from then on: 2026-01-31, 2026-01-31 12:00, 24h, 7d'
+complete -c vorn-plot -l until -x -d 'records before then'
+complete -c vorn-plot -l host -x -a '(__fish_print_hostnames)' -d 'records of this host'
+complete -c vorn-plot -l label -x -d 'records with this label'
+complete -c vorn-plot -l title -x -d 'the title of the picture or of the page'
+complete -c vorn-plot -l version -d 'print the version'
