@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <string_view>
+#include <cstring>
 
 #include "app/host_address.h"
 #include "app/option_table.h"
@@ -23,10 +23,10 @@ constexpr std::uint16_t default_local_port = 8003;
 constexpr std::uint16_t default_remote_port = 8004;
 
 // A C library of C23 takes 0b for the prefix of a binary number; here 0b11 is a 0 with something behind it, everywhere.
-bool looks_binary(std::string_view text) {
-  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
-  if (text.starts_with('+') || text.starts_with('-')) text.remove_prefix(1);
-  return text.starts_with("0b") || text.starts_with("0B");
+bool looks_binary(const char* text) {
+  text += std::strspn(text, " \t\n\v\f\r");
+  if (*text == '+' || *text == '-') ++text;
+  return text[0] == '0' && (text[1] == 'b' || text[1] == 'B');
 }
 
 // Decimal, hexadecimal after 0x, octal after 0; what follows the number is ignored. A number beyond 32 bits counts as

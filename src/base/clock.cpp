@@ -13,7 +13,8 @@ namespace {
 constexpr std::int64_t nsec_per_usec = 1000;
 constexpr std::int64_t nsec_per_second = 1000000000;
 
-constexpr std::int64_t reading_noise_nsec = 1000;    // between two readings that nothing came between
+constexpr std::int64_t least_noise_nsec = 1000;      // between two readings that nothing came between
+constexpr std::int64_t most_noise_nsec = 20000;      // where the clocks are slow to read
 constexpr std::int64_t smallest_set_nsec = 1000000;  // less may come between them: this process lost the processor
 constexpr int most_attempts = 5;
 
@@ -24,6 +25,7 @@ struct clock_start {
 };
 
 clock_start start = {};
+std::int64_t reading_noise_nsec = least_noise_nsec;
 std::int64_t known_lead_nsec = 0;
 std::int64_t stamps_are_true_from = 0;  // ticks; earlier ones may be by a date that was set since
 
@@ -37,8 +39,13 @@ std::int64_t nsec_of(clockid_t clock) {
   return as_nsec(&now);
 }
 
+struct lead_measurement {
+  std::int64_t lead_nsec;
+  std::int64_t took_nsec;
+};
+
 // The processor may be taken away between two readings: of some attempts the one that took least time counts.
-std::int64_t measure_lead_nsec() {
+lead_measurement measure_lead() {
   std::int64_t lead = 0;
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
   for (int attempt = 0; attempt < most_attempts && shortest > reading_noise_nsec; ++attempt) {
@@ -49,7 +56,7 @@ std::int64_t measure_lead_nsec() {
     shortest = took;
     lead = date - before - took / 2;
   }
-  return lead;
+  return {.lead_nsec = lead, .took_nsec = shortest};
 }
 
 void start_clock() {
@@ -57,7 +64,9 @@ void start_clock() {
   gettimeofday(&date, nullptr);
   start.monotonic_nsec = nsec_of(CLOCK_MONOTONIC);
   start.ticks = static_cast<std::int64_t>(date.tv_sec) * usec_per_second + static_cast<std::int64_t>(date.tv_usec);
-  known_lead_nsec = measure_lead_nsec();
+  const lead_measurement first = measure_lead();
+  known_lead_nsec = first.lead_nsec;
+  reading_noise_nsec = std::clamp(first.took_nsec, least_noise_nsec, most_noise_nsec);
 }
 
 std::int64_t monotonic_to_ticks(std::int64_t nsec) {
@@ -86,7 +95,7 @@ clock_reading read_both_clocks() {
   const std::int64_t lead = nsec_of(CLOCK_REALTIME) - monotonic;
   clock_reading reading = {.now = monotonic_to_ticks(monotonic), .date_lead_nsec = known_lead_nsec};
   if (std::abs(lead - known_lead_nsec) <= reading_noise_nsec) return reading;
-  const std::int64_t measured = measure_lead_nsec();
+  const std::int64_t measured = measure_lead().lead_nsec;
   if (std::abs(measured - known_lead_nsec) <= reading_noise_nsec) return reading;
   if (std::abs(measured - known_lead_nsec) > smallest_set_nsec)
     distrust_stamps(reading.now, known_lead_nsec - measured);
