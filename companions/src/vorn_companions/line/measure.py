@@ -185,8 +185,8 @@ def measure_up_rate(session: Session, plan: Plan, line: Line) -> None:
         slowest_usec = max([slowest_usec, *train.times_usec])
         return train
 
-    rough = rough_rate(train_of)
-    timeout_usec = min(LONGEST_TIMEOUT_USEC, 300_000 + 2 * slowest_usec)
+    rough = min(rough_rate(train_of), line.down.mbps if line.down else math.inf)  # no answer comes back faster
+    timeout_usec = min(LONGEST_TIMEOUT_USEC, plan.train_timeout_usec // 2 + 2 * slowest_usec)
     until_sec = plan.total_sec - plan.load_sec - plan.echo_sec
     lost_here = session.notes.total()
     found = capacity(lambda pace: runs.echoes(session, pace, pace.packets_in(plan.echo_sec), timeout_usec), rough, 1,
