@@ -2,7 +2,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "engine/echo_progress.h"
-#include "net/icmp_handler.h"
 #include "support/workbench.h"
 
 // How the run stands, then the datagrams.
@@ -15,11 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   b.run.oldest_outstanding = input.PickValueInArray({0U, 65530U});
   for (std::uint32_t i = 0; i < 9; ++i) b.request(b.run.oldest_outstanding + i);
   while (input.remaining_bytes() != 0) {
-    const auto frame = input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegral<std::uint16_t>());  // exact size
     world.now += 70000;
-    const int result = handle_icmp_response(frame.data(), static_cast<int>(frame.size()), &b.handled_now(), &b.settings,
-                                            &b.stats, &b.run);
-    if (result > 1) std::abort();
+    if (b.receive_icmp(input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegral<std::uint16_t>())) > 1) std::abort();
     if (b.settings.partner_mode == 0) (void)echo_progress(&b.settings, &b.run, &b.stats);
   }
   if (b.stats.rx_packets + b.stats.lost_packets > 9 && b.settings.partner_mode == 0) std::abort();  // each settles once

@@ -2,7 +2,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "engine/batch_progress.h"
-#include "net/message_handler.h"
 #include "support/workbench.h"
 
 // Who reads, then the messages.
@@ -18,9 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto message = input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegral<std::uint16_t>());  // exact size
     // Long streams are fuzz_run's, or there would be no time for anything else.
     if (message.size() >= 164) message[28] = message[29] = message[30] = 0;
-    const frame_result result =
-        handle_test_message(inet_addr("10.0.0.7"), htons(9), message.data(), static_cast<int>(message.size()),
-                            &b.handled_now(), &b.settings, &b.stats, &b.run);
+    const frame_result result = b.receive_message(std::move(message));
     if (result < frame_none || result > frame_ends_batch) std::abort();
     if (result == frame_ends_batch && b.settings.command_mode != 0)
       (void)batch_report(&b.settings, &b.run, &b.stats, result);

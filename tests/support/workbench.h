@@ -18,7 +18,9 @@
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
+#include "net/icmp_handler.h"
 #include "net/kernel_stamps.h"
+#include "net/message_handler.h"
 #include "net/receive_datagram.h"
 #include "net/send_packet.h"
 #include "report/results_files.h"
@@ -130,10 +132,15 @@ struct workbench {
     slot(sequence).responder = settings.start_host;
     slot(sequence).rx_time = world.now - age;
   }
-  // The arrival of a frame that is handled now; the kernel's stamp of it is `stamp`.
-  const frame_arrival& handled_now() {
+  // Each handles a frame that came now; the kernel's stamp of it is arrival.stamp.
+  frame_result receive_icmp(const byte_vector& frame) {
     arrival.reading = world.now;
-    return arrival;
+    return handle_icmp_response(frame.data(), static_cast<int>(frame.size()), &arrival, &settings, &stats, &run);
+  }
+  frame_result receive_message(byte_vector bytes) {
+    arrival.reading = world.now;
+    return handle_test_message(inet_addr("10.0.0.7"), htons(9999), bytes.data(), static_cast<int>(bytes.size()),
+                               &arrival, &settings, &stats, &run);
   }
   // Joins run.data_socket to `peer`, by a stream or by datagrams.
   void connect(int type) {

@@ -3,10 +3,7 @@
 #include "support/expect.h"
 
 static std::string handled(workbench* b, int result, const byte_vector& frame) {
-  return said(result, [&] {
-    return handle_icmp_response(frame.data(), static_cast<int>(frame.size()), &b->handled_now(), &b->settings,
-                                &b->stats, &b->run);
-  });
+  return said(result, [&] { return b->receive_icmp(frame); });
 }
 
 static byte_vector reply(std::int64_t sequence, int id = 70000, const char* source = "10.0.0.1") {

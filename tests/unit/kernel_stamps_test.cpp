@@ -1,7 +1,5 @@
 #include "net/kernel_stamps.h"
 
-#include "net/icmp_handler.h"
-#include "net/message_handler.h"
 #include "support/expect.h"
 
 // Request 5, or packet 4 of a stream, is 9 ms old. How long ago did the answer, or packet 5, arrive that is handled now
@@ -13,13 +11,9 @@ static std::int64_t age_of_arrival(const std::string& carrier, bool in_a_stream,
   b.run.last_rx_time = in_a_stream ? b.slot(5).tx_time : 0;
   b.arrival.stamp = world.now - stamp_age;
   if (carrier.empty()) {
-    const byte_vector frame = datagram(icmp_message(0, 70000, 5));
-    (void)handle_icmp_response(frame.data(), static_cast<int>(frame.size()), &b.handled_now(), &b.settings, &b.stats,
-                               &b.run);
+    b.receive_icmp(datagram(icmp_message(0, 70000, 5)));
   } else {
-    byte_vector frame = message(2, 70000, 0, 5);
-    (void)handle_test_message(b.settings.start_host, 0, frame.data(), static_cast<int>(frame.size()), &b.handled_now(),
-                              &b.settings, &b.stats, &b.run);
+    b.receive_message(message(2, 70000, 0, 5));
   }
   EXPECT_EQ(b.stats.rx_packets, 1U);
   return world.now - (in_a_stream ? b.run.last_rx_time : b.slot(5).rx_time);

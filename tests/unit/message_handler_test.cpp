@@ -4,11 +4,8 @@
 
 #include "support/expect.h"
 
-static std::string handled(workbench* b, int result, byte_vector bytes) {
-  return said(result, [&] {
-    return handle_test_message(inet_addr("10.0.0.7"), htons(9999), bytes.data(), static_cast<int>(bytes.size()),
-                               &b->handled_now(), &b->settings, &b->stats, &b->run);
-  });
+static std::string handled(workbench* b, int result, const byte_vector& bytes) {
+  return said(result, [&] { return b->receive_message(bytes); });
 }
 
 TEST(EchoMode, SettlesByAll32BitsMasked) {

@@ -4,7 +4,6 @@
 
 #include "base/signals.h"
 #include "engine/loop.h"
-#include "net/message_handler.h"
 #include "net/receive_frame.h"
 #include "support/expect.h"
 #include "wire/remote_command.h"
@@ -64,11 +63,7 @@ TEST(Monitor, EndsTheConnectionOfAPeerThatDoesNotRead) {
     b.connect(SOCK_STREAM);
     const std::int64_t start = world.now;
     const std::string text = said([&] {
-      for (int i = 0; i < 40 && world.now == start; ++i) {
-        byte_vector bytes = patched(each, 12, be32(i));
-        (void)handle_test_message(1, 2, bytes.data(), static_cast<int>(bytes.size()), &b.handled_now(), &b.settings,
-                                  &b.stats, &b.run);
-      }
+      for (int i = 0; i < 40 && world.now == start; ++i) b.receive_message(patched(each, 12, be32(i)));
     });
     EXPECT_EQ((world.now - start) / 1000000, 10);
     const std::size_t half = drained(b).size() % 65495;
