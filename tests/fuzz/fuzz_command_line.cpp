@@ -1,5 +1,4 @@
 // The parser of the command line. It neither resolves, nor detaches, nor touches files.
-#include "fuzz/sealed_host.h"
 #include "support/workbench.h"
 
 // The arguments, each behind the one before and a NUL.

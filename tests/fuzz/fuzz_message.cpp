@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (result == frame_ends_batch && b.settings.command_mode != 0)
       (void)batch_report(&b.settings, &b.run, &b.stats, result);
     world.now += 70000;
-    discard_from(b.peer);
+    world.drain();
   }
   if (b.settings.command_mode != 0) (void)batch_report(&b.settings, &b.run, &b.stats, frame_none);
   return 0;

@@ -13,16 +13,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::int64_t at = 0;
   while (input.remaining_bytes() != 0) {
     const std::int64_t pause = input.ConsumeIntegral<std::uint8_t>();
-    const auto piece = input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegral<std::uint16_t>());
     at += pause * pause * 200;
-    world.after(at, [&b, piece] { send(b.peer, piece.data(), piece.size(), MSG_DONTWAIT); });
+    world.deliver(at, input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegral<std::uint16_t>()));
   }
-  world.after(at, [&b] { shutdown(b.peer, SHUT_WR); });
+  world.after(at, [] { shutdown(world.peer, SHUT_WR); });
   int result = 0;
   for (std::size_t calls = 0; result >= 0; ++calls) {
     result = receive_one_frame(&b.settings, &b.run, &b.stats, 20000000);
     if (result > 2 || calls > size) std::abort();  // a message takes 20 bytes at least, the end of the stream none
-    discard_from(b.peer);
+    world.drain();
   }
   return 0;
 }

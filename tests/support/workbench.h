@@ -5,8 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
-#include <csignal>
 #include <cstdlib>
 #include <iterator>
 #include <sstream>
@@ -65,6 +63,7 @@ inline void empty(sample_list* samples) {
 
 // The world and what outlives a run in the code.
 inline void begin_anew() {
+  if (world.peer >= 0) close(world.peer);
   const std::int64_t later = world.now;
   world = {};
   world.now = later;
@@ -73,13 +72,6 @@ inline void begin_anew() {
   discard_read_ahead();
   empty(&bandwidth_samples);
   empty(&buffer_samples);
-}
-
-// Reads and forgets all that was sent to this socket.
-inline void discard_from(int socket) {
-  static std::array<char, 65536> sink;
-  while (recv(socket, sink.data(), sink.size(), MSG_DONTWAIT) > 0) {
-  }
 }
 
 // The one table of all benches. Its pages are dropped, not cleared: that is 2.6 MB, of which a run touches a few.
@@ -107,7 +99,6 @@ struct workbench {
     stats.start_time = clock_now();
   }
   ~workbench() {
-    if (peer >= 0) close(peer);
     if (run.data_socket >= 0) close(run.data_socket);
   }
   workbench(const workbench&) = delete;
@@ -142,16 +133,9 @@ struct workbench {
     return handle_test_message(inet_addr("10.0.0.7"), htons(9999), bytes.data(), static_cast<int>(bytes.size()),
                                &arrival, &settings, &stats, &run);
   }
-  // Joins run.data_socket to `peer`, by a stream or by datagrams.
+  // Joins run.data_socket to world.peer, by a stream or by datagrams.
   void connect(int type) {
-    std::signal(SIGPIPE, SIG_IGN);
-    int ends[2];
-    if (socketpair(AF_UNIX, type, 0, ends) != 0) std::abort();
-    run.data_socket = ends[0];
-    peer = ends[1];
-  }
-  void write_to_code(const byte_vector& bytes) const {
-    if (write(peer, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) std::abort();
+    run.data_socket = world.open(type);
   }
 
   test_settings settings = {};
@@ -159,5 +143,4 @@ struct workbench {
   run_state run = {};
   frame_arrival arrival = {};
   packet_slot* table = blank_table();
-  int peer = -1;
 };

@@ -38,8 +38,7 @@ TEST(Arrival, IsTheKernelsStampWhereThatCanBeTrue) {
 
 // How long before now, by our clock, the kernel stamped what the date shows as `age` usec ago.
 static std::int64_t age_of_stamp(std::int64_t age) {
-  const std::int64_t date = world.now + world.set_by - age;
-  const timespec stamp = {.tv_sec = date / 1000000, .tv_nsec = date % 1000000 * 1000};
+  const timespec stamp = as_timespec(world.now + world.set_by - age);
   const clock_reading reading = read_both_clocks();
   const std::int64_t time = stamp_to_ticks(&stamp, &reading);
   return time == 0 ? -1 : reading.now - time;
@@ -82,7 +81,7 @@ TEST(Stamp, BelongsToThePacketOfItsNumber) {
   workbench b("-e9 -a9");
   b.run.stamps_sends = 1;
   for (const bool refused : {false, true, false, false}) {
-    world.send_error = [refused](bool) { return refused ? EPERM : 0; };
+    world.meets = [refused](call which) { return refused && which == call::sendto ? EPERM : 0; };
     said([&] { (void)send_test_packet(&b.settings, &b.run, &b.stats, nullptr); });
   }
   world.now += 100;

@@ -1,7 +1,6 @@
 #include "engine/loop.h"
 
 #include <algorithm>
-#include <csignal>
 #include <functional>
 
 #include "base/signals.h"
@@ -15,8 +14,7 @@
 static void answer_after(workbench* b, std::int64_t usec) {
   b->connect(SOCK_DGRAM);
   world.on_send = [=](const byte_vector& request) {
-    const byte_vector answer = datagram(with_checksum(patched(request, 0, {0})));
-    world.after(usec, [b, answer] { b->write_to_code(answer); });
+    world.deliver(usec, datagram(with_checksum(patched(request, 0, {0}))));
   };
 }
 
@@ -101,7 +99,7 @@ TEST(TcpRun, KeepsTheCreditOfWhatAFullConnectionCutShort) {
   workbench b("-p -e300 -a300 -d1000 -l8000 -T900000 -m");
   b.connect(SOCK_STREAM);
   const std::function<void()> read_all = [&] {
-    discard_from(b.peer);
+    world.drain();
     world.after(1000, read_all);
   };
   std::uint32_t sent_until_then = 0;
@@ -117,11 +115,11 @@ TEST(TcpRun, KeepsTheCreditOfWhatAFullConnectionCutShort) {
 TEST(Commander, ReadsAwayWhatAMonitorStillSendsForAnother) {
   workbench b("-c -e1 -E2 -s");
   b.connect(SOCK_DGRAM);
-  for (int i = 0; i < 3; ++i) world.after(15000 * i, [&b, i] { b.write_to_code(message(3, 55, 0, i, 100)); });
+  for (int i = 0; i < 3; ++i) world.deliver(15000 * i, message(3, 55, 0, i, 100));
   const std::int64_t start = world.now;
   world.on_send = [&](const byte_vector&) {
     EXPECT_EQ(world.now, start + 30000 + 20000);  // behind 20 ms of silence
-    for (int i = 0; i < 2; ++i) world.after(5000 * i, [&b, i] { b.write_to_code(message(3, 55, 0, i, 100)); });
+    for (int i = 0; i < 2; ++i) world.deliver(5000 * i, message(3, 55, 0, i, 100));
   };
   const command_body command = {};
   const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
@@ -134,13 +132,8 @@ TEST(Commander, OpensNoBatchForACommandThatCouldNotLeave) {
   for (const char* arguments : {"-c -S1 -E2", "-c -p -S1 -E2"}) {
     workbench b(arguments);
     b.connect(b.settings.tcp != 0 ? SOCK_STREAM : SOCK_DGRAM);
-    world.send_error = [](bool) {
-      world.now += 10000;
-      return EAGAIN;
-    };
-    const byte_vector filler(65536);
-    while (b.settings.tcp != 0 && send(b.run.data_socket, filler.data(), filler.size(), MSG_DONTWAIT) > 0) {
-    }
+    world.meets = [](call which) { return which == call::sendto ? world.now += 10000, EAGAIN : 0; };
+    if (b.settings.tcp != 0) world.fill();
     const command_body command = {};
     const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
     EXPECT_TRUE(text.starts_with("Test complete! Total test time:    1.0")) << text;  // and nothing before it
@@ -165,7 +158,7 @@ TEST(Commander, FiguresOfEveryBatchBeginAnew) {
   world.on_send = [&](const byte_vector& operation) {
     const int batch = operation[11];
     for (int i = 0; i < 3; i += batch == 2 ? 2 : 1)  // a packet of the last one is lost: no two follow each other
-      world.after((batch == 0 ? 5000 : 900) * i, [&b, i] { b.write_to_code(message(3, 55, b.run.batch, i, 100)); });
+      world.deliver((batch == 0 ? 5000 : 900) * i, message(3, 55, batch, i, 100));
   };
   const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
   EXPECT_NE(text.find(" 2 late"), std::string::npos) << text;
@@ -181,7 +174,7 @@ TEST(IcmpMonitor, LocksOnTheFirstSenderThatItHears) {
     workbench b;
     b.settings.partner_mode = 1;
     b.connect(SOCK_DGRAM);
-    for (int i = 0; i < 3; ++i) world.after(1000 * i, [&b, i] { b.write_to_code(datagram(icmp_message(0, 1234, i))); });
+    for (int i = 0; i < 3; ++i) world.deliver(1000 * i, datagram(icmp_message(0, 1234, i)));
     world.after(5000, [] { std::raise(SIGTERM); });
     run_test(&b.settings, &b.stats, &b.run, nullptr);
     EXPECT_EQ(numbers(b.settings.process_id, b.stats.rx_packets), (list{1234, 2}));
@@ -245,9 +238,9 @@ TEST(Progress, IsToldAtOnceAndDisturbsNoSchedule) {
     commander.connect(SOCK_DGRAM);
     const command_body command = {};
     world.on_send = [&](const byte_vector&) {
-      world.after(0, [&] { commander.write_to_code(message(3, 55, 0, 0)); });
+      world.deliver(0, message(3, 55, 0, 0));
       world.after(25000, [] { std::raise(SIGQUIT); });
-      world.after(50000, [&] { commander.write_to_code(message(3, 55, 0, 1)); });
+      world.deliver(50000, message(3, 55, 0, 1));
     };
     run_test(&commander.settings, &commander.stats, &commander.run, &command);
     EXPECT_EQ(numbers(commander.stats.rx_packets, commander.stats.bad_samples), (list{2, 0}));

@@ -10,10 +10,9 @@ static std::string receive_pieces(std::int64_t pause, int pieces, bool stop = fa
   workbench b("-c -p -s");
   b.connect(SOCK_STREAM);
   const byte_vector whole = message(3, 5, 0, 7, 40);
-  b.write_to_code(prefix(whole, 25));
+  world.deliver(0, prefix(whole, 25));
   for (int i = 0; i < pieces; ++i) {
-    const byte_vector piece = {whole.begin() + 25 + i * 15 / pieces, whole.begin() + 25 + (i + 1) * 15 / pieces};
-    world.after(pause * (i + 1), [&b, piece] { b.write_to_code(piece); });
+    world.deliver(pause * (i + 1), {whole.begin() + 25 + i * 15 / pieces, whole.begin() + 25 + (i + 1) * 15 / pieces});
   }
   if (stop && stop_signal() == 0) world.after(0, [] { std::raise(SIGTERM); });
   const std::int64_t start = world.now;
@@ -36,8 +35,8 @@ TEST(Receiver, FlushesUntilTwentyMillisecondsOfSilence) {
   workbench b;
   b.connect(SOCK_DGRAM);
   for (const int number : {1, 2, 3})  // the second is empty, which is not the end
-    world.after(19000 * number, [&b, number] { b.write_to_code(byte_vector(number == 2 ? 0 : 5)); });
-  world.after(57000 + 21000, [&b] { b.write_to_code(byte_vector(5)); });  // too late
+    world.deliver(19000 * number, byte_vector(number == 2 ? 0 : 5));
+  world.deliver(57000 + 21000, byte_vector(5));  // too late
   const std::int64_t start = world.now;
   EXPECT_EQ(said([&] { flush_pending_frames(b.run.data_socket); }), "[err] Flushed 3 frames\n");
   EXPECT_EQ(world.now - start, 57000 + 20000);

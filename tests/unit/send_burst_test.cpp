@@ -16,15 +16,14 @@ struct sent_run {
   std::uint64_t counted = 0;
 };
 
-// A blast whose sends meet the errors of `send_error`. Every datagram is whole, zero behind its header, and its slot
+// A blast whose sends meet the errors of `meets`. Every datagram is whole, zero behind its header, and its slot
 // says that it left just now.
-sent_run blast(const std::string& arguments, const std::function<int(bool)>& send_error = nullptr,
-               bool command = false) {
+sent_run blast(const std::string& arguments, const std::function<int(call)>& meets = nullptr, bool command = false) {
   workbench b(arguments);
   b.settings.remote_run = command;
   const bool icmp = b.settings.udp == 0;
   sent_run result;
-  world.send_error = send_error;
+  world.meets = meets;
   world.on_send = [&](const byte_vector& frame) {
     const std::int64_t sequence = read_be16(frame.data() + (icmp ? 6 : 14));
     const byte_vector whole =
@@ -65,15 +64,15 @@ TEST(Burst, EveryPacketOnceInOrderInFewCalls) {
 TEST(Burst, GoesOnOneByOneWhereTheKernelDoesNotCut) {
   for (const int error : {EINVAL, EIO, EOPNOTSUPP, EMSGSIZE}) {
     int refusals = 0;
-    const sent_run run = blast("-u -l100 -i -d1 -e1000", [&](bool side_by_side) {
-      refusals += side_by_side ? 1 : 0;
-      return side_by_side ? error : 0;
+    const sent_run run = blast("-u -l100 -i -d1 -e1000", [&](call which) {
+      refusals += which == call::sendmsg ? 1 : 0;
+      return which == call::sendmsg ? error : 0;
     });
     EXPECT_EQ(run.sequences, from_0_to(1000)) << error;
     EXPECT_EQ(refusals, 1) << error;  // it does not ask again
     EXPECT_EQ(run.text.find("Err-"), std::string::npos);
   }
-  blast("-u -l100 -i -d1 -e1000", [](bool side_by_side) { return side_by_side ? ADD_FAILURE(), 0 : 0; }, true);
+  blast("-u -l100 -i -d1 -e1000", [](call which) { return which == call::sendmsg ? ADD_FAILURE(), 0 : 0; }, true);
 }
 
 TEST(Burst, RefusedPacketsAreTold) {
@@ -89,7 +88,7 @@ TEST(Burst, RefusedPacketsAreTold) {
   for (const auto& [command, error, told] : cases) {
     int attempts = 0;  // the error that ends a call is not told; the next call meets it again, at its first packet
     const sent_run run = blast(
-        "-u -l100 -i -d1 -e90", [&](bool side_by_side) { return side_by_side || attempts++ % 8 > 5 ? error : 0; },
+        "-u -l100 -i -d1 -e90", [&](call which) { return which == call::sendmsg || attempts++ % 8 > 5 ? error : 0; },
         command);
     std::size_t lines = 0;
     for (std::size_t at = 0; (at = run.text.find(line, at)) != std::string::npos; at += line.size()) ++lines;
@@ -106,8 +105,8 @@ TEST(Burst, AFullBufferIsWaitedForAndEveryPacketHasItsOwnSendTime) {
     int room = 10;  // packets; 35 ms after it is used up there is as much again
     std::int64_t room_comes = 0;
     bool interrupted = false;  // every other call by a signal, which is no refusal
-    const sent_run run = blast(carrier + " -i -d1 -e100", [&](bool side_by_side) {
-      if (side_by_side) return EINVAL;
+    const sent_run run = blast(carrier + " -i -d1 -e100", [&](call which) {
+      if (which == call::sendmsg) return EINVAL;
       if ((interrupted = !interrupted)) return EINTR;
       if (room == 0 && world.now >= room_comes) room = 10;
       if (room == 0) return EAGAIN;
@@ -121,7 +120,7 @@ TEST(Burst, AFullBufferIsWaitedForAndEveryPacketHasItsOwnSendTime) {
   }
   for (const std::string options : {"-u -i -d1 -S2", "-i -d1 -S2", "-u -i -d1000 -S2", "-u -a9 -d1 -S2"}) {
     std::int64_t began = 0;
-    const sent_run stuck = blast(options, [&began](bool) {
+    const sent_run stuck = blast(options, [&began](call /*which*/) {
       if (began == 0) began = world.now;
       return EAGAIN;
     });

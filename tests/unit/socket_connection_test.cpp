@@ -4,24 +4,14 @@
 
 #include "base/signals.h"
 #include "engine/loop.h"
+#include "net/message_handler.h"
 #include "net/receive_frame.h"
 #include "support/expect.h"
 #include "wire/remote_command.h"
 
-// What the code sent, up to the end of the connection or to what is there now.
-static byte_vector drained(const workbench& b) {
-  byte_vector all;
-  byte_vector piece(100000);
-  for (ssize_t got = 1; got > 0;) {
-    got = recv(b.peer, piece.data(), piece.size(), MSG_DONTWAIT);
-    if (got > 0) all.insert(all.end(), piece.begin(), piece.begin() + got);
-  }
-  return all;
-}
-
-static bool has_ended(const workbench& b) {
+static bool has_ended(int socket) {
   char byte = 0;
-  return recv(b.peer, &byte, 1, MSG_DONTWAIT) == 0;
+  return recv(socket, &byte, 1, MSG_DONTWAIT) == 0;
 }
 
 TEST(Stall, BytesGoOutOnceAndInOrder) {
@@ -30,10 +20,10 @@ TEST(Stall, BytesGoOutOnceAndInOrder) {
   workbench b;
   b.connect(SOCK_STREAM);
   byte_vector arrived;
-  for (int i = 1; i < 50; ++i) world.after(30000 * i, [&] { arrived = arrived + drained(b); });
+  for (int i = 1; i < 50; ++i) world.after(30000 * i, [&] { arrived = arrived + world.drain(); });
   const stream_result result = send_all(b.run.data_socket, bytes, {.longest_usec = 60000000, .discard_input = false});
   EXPECT_EQ(numbers(result.sent, result.stalled), (list{1000000, 0}));
-  EXPECT_EQ(arrived + drained(b), bytes);
+  EXPECT_EQ(arrived + world.drain(), bytes);
 }
 
 TEST(Stall, EndsWithThePatienceOrAStopSignal) {
@@ -66,13 +56,12 @@ TEST(Monitor, EndsTheConnectionOfAPeerThatDoesNotRead) {
       for (int i = 0; i < 40 && world.now == start; ++i) b.receive_message(patched(each, 12, be32(i)));
     });
     EXPECT_EQ((world.now - start) / 1000000, 10);
-    const std::size_t half = drained(b).size() % 65495;
+    const std::size_t half = world.drain().size() % 65495;
     EXPECT_EQ(text, each == request ? ""
                                     : "Err- could not send " + std::to_string(65495 - half) + " bytes. Sent " +
                                           std::to_string(half) + " bytes\n");
-    EXPECT_TRUE(has_ended(b));
-    char byte = 0;
-    EXPECT_EQ(recv(b.run.data_socket, &byte, 1, MSG_DONTWAIT), 0);  // ended for the monitor too, but not closed
+    EXPECT_TRUE(has_ended(world.peer));
+    EXPECT_TRUE(has_ended(b.run.data_socket));  // for the monitor too, but not closed
   }
 }
 
@@ -82,7 +71,7 @@ TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
   for (const auto& [options, end] : ways) {
     workbench b("-p -e5 -d10000 -T10000 -S9 " + options);
     b.connect(SOCK_STREAM);
-    shutdown(b.peer, end);
+    shutdown(world.peer, end);
     const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
     const char* const line = "Err- could not send 20 bytes. Sent 0 bytes\n";
     EXPECT_EQ(text.find(line), 0U) << text;
@@ -95,7 +84,7 @@ TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
       workbench b("-p -a9 -d10001 -T1000 " + count);
       b.connect(SOCK_STREAM);
       if (count == "-e9") world.after(100, [] { std::raise(SIGTERM); });
-      world.after(10900, [&b] { shutdown(b.peer, SHUT_WR); });  // took the request, never answers
+      world.after(10900, [] { shutdown(world.peer, SHUT_WR); });  // took the request, never answers
       run_test(&b.settings, &b.stats, &b.run, nullptr);
       EXPECT_EQ(numbers(b.stats.tx_packets, b.stats.lost_packets, b.run.data_socket), (list{1, 1, -1}));
       EXPECT_LT(world.readings, 100);
@@ -106,24 +95,25 @@ TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
 TEST(Commander, SendsItsCommandOnceAFullConnectionHasRoom) {
   workbench b("-c -p -e1 -E1 -s");
   b.connect(SOCK_STREAM);
-  const byte_vector block(65536);
-  while (send(b.run.data_socket, block.data(), block.size(), MSG_DONTWAIT) > 0) {
-  }
-  world.after(50000, [&b] { drained(b); });
-  world.after(60000, [&b] { b.write_to_code(message(3, 55, 0, 0, 100)); });
+  world.fill();
+  world.after(50000, [] { world.drain(); });
+  world.deliver(60000, message(3, 55, 0, 0, 100));
   const command_body command = {};
   said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
-  EXPECT_EQ(numbers(drained(b).size(), b.stats.tx_packets, b.stats.bad_samples), (list{164, 1, 0}));
+  EXPECT_EQ(numbers(world.drain().size(), b.stats.tx_packets, b.stats.bad_samples), (list{164, 1, 0}));
 }
 
 TEST(Accept, GoesOnAfterAConnectionThatIsGone) {
   workbench b("-p --server");
-  b.connect(SOCK_STREAM);
-  b.write_to_code({1});  // so that somebody seems to connect
-  b.run.listen_socket = std::exchange(b.run.data_socket, -1);
-  world.accept_errors = {ECONNABORTED, EAGAIN, EINTR};
+  open_tcp_socket(&b.settings, &b.run);
+  std::deque<int> errors = {EINTR, EAGAIN, ECONNABORTED, 0};
+  world.meets = [&](call which) {
+    const int error = which == call::accept4 ? errors.front() : 0;
+    if (which == call::accept4) errors.pop_front();
+    return error;
+  };
   accept_test_connection(&b.run);
-  EXPECT_TRUE(world.accept_errors.empty());
-  EXPECT_GE(b.run.data_socket, 0);
+  EXPECT_TRUE(errors.empty());
+  EXPECT_EQ(b.run.data_socket, world.own);
   close(b.run.listen_socket);
 }

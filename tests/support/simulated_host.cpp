@@ -1,18 +1,22 @@
-// The host of a fuzz target that runs the command line: nothing is resolved, detached or left on the disk. The name of
-// a host or a file says by its first letter what becomes of it.
-#pragma once
-
+// The host of a fuzz target: nothing is resolved, detached or left on the disk, and every way out of the program leads
+// to world.on_exit. The name of a host or a file says by its first letter what becomes of it.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 #include "report/results_files.h"
+#include "support/simulated_world.h"
 
-extern "C" hostent* gethostbyname(const char* name) {
+extern "C" {
+
+hostent* gethostbyname(const char* name) {
   static char address[4] = {10, 0, 0, 1};
   static char* addresses[2] = {address, nullptr};
   static hostent host = {};
@@ -23,14 +27,30 @@ extern "C" hostent* gethostbyname(const char* name) {
 }
 
 // Fails where a results file is open, which a monitor has no use for.
-extern "C" int daemon(int /*no_chdir*/, int /*no_close*/) noexcept {
+int daemon(int /*no_chdir*/, int /*no_close*/) noexcept {
   return results_file != nullptr ? -1 : 0;
 }
 
-extern "C" int open(const char* name, int flags, ...) {
+int open(const char* name, int flags, ...) {
   const bool is_counters = std::strcmp(name, "/proc/net/snmp") == 0;
   const char* real_file = is_counters ? name : name[0] == 'f' ? "/dev/full" : nullptr;
   if (real_file != nullptr) return static_cast<int>(syscall(SYS_openat, AT_FDCWD, real_file, flags, 0));
   const bool is_missing = (flags & O_CREAT) == 0 && name[0] != 'o';
   return is_missing || name[0] == 'x' ? -1 : memfd_create("results", MFD_CLOEXEC);
 }
+
+pid_t getpid() noexcept {
+  return 70000;  // wider than an ICMP identifier
+}
+
+void exit(int status) noexcept {
+  if (world.on_exit != nullptr) world.on_exit();
+  reinterpret_cast<void (*)(int)>(dlsym(RTLD_NEXT, "exit"))(status);
+  std::abort();
+}
+
+int raise(int /*signal*/) noexcept {
+  std::exit(0);
+}
+
+}  // extern "C"
