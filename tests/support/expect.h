@@ -13,6 +13,7 @@
 #include "support/workbench.h"
 
 using list = std::vector<std::int64_t>;
+using pairs = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
 template <typename... integer>
 list numbers(integer... each) {

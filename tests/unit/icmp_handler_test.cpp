@@ -12,19 +12,27 @@ static byte_vector reply(std::int64_t sequence, int id = 70000, const char* sour
 
 TEST(IcmpHandler, OvertakenRequestsOfOneHostAreLost) {
   const std::string unexpected = "Err- Unexpected echo response received. Duplicate or out of order, ID ";
-  // The first request, how many (the window has 4) in a sweep or not; the losses when the last but one is answered.
-  const list cases[] = {{10, 4, 0, 2}, {65534, 4, 0, 2}, {0x7FFFFFFE, 4, 0, 2}, {0xFFFFFFF0, 4, 0, 2},
-                        {0, 3, 0, 0},  {0, 4, 0, 2},     {0, 4, 1, 0}};
-  for (const list& each : cases) {
+  const struct {
+    std::int64_t first = 0, sent = 4;  // of as many as the window has
+    std::uint32_t in_a_sweep = 0;
+    std::int64_t lost = 2;  // when the last but one is answered
+  } cases[] = {{.first = 10},
+               {.first = 65534},
+               {.first = 0x7FFFFFFE},
+               {.first = 0xFFFFFFF0},
+               {.sent = 3, .lost = 0},
+               {},
+               {.in_a_sweep = 1, .lost = 0}};
+  for (const auto& [first, sent, in_a_sweep, lost] : cases) {
     workbench b("-a4");
-    b.settings.total_requests += static_cast<std::uint32_t>(each[2]);
-    b.run.oldest_outstanding = static_cast<std::uint32_t>(each[0]);
-    for (int i = 0; i < each[1]; ++i) b.request(each[0] + i);
-    const std::int64_t answered = each[0] + each[1] - 2;
+    b.settings.total_requests += in_a_sweep;
+    b.run.oldest_outstanding = static_cast<std::uint32_t>(first);
+    for (int i = 0; i < sent; ++i) b.request(first + i);
+    const std::int64_t answered = first + sent - 2;
     EXPECT_EQ(handled(&b, 1, reply(answered)), "");
-    EXPECT_EQ(numbers(b.slot(answered - 1).outstanding, b.slot(answered + 1).outstanding), numbers(each[3] == 0, 1));
+    EXPECT_EQ(numbers(b.slot(answered - 1).outstanding, b.slot(answered + 1).outstanding), numbers(lost == 0, 1));
     EXPECT_EQ(handled(&b, 0, reply(answered)), unexpected + std::to_string(answered & 0xFFFF) + "\n");
-    EXPECT_EQ(numbers(b.stats.rx_packets, b.stats.lost_packets, b.stats.late_responses), (list{1, each[3], 1}));
+    EXPECT_EQ(numbers(b.stats.rx_packets, b.stats.lost_packets, b.stats.late_responses), (list{1, lost, 1}));
     b.settings.no_timeout_messages = 1;
     EXPECT_EQ(handled(&b, 0, reply(answered)), "");
   }
@@ -49,9 +57,10 @@ TEST(IcmpMonitor, LocksOnTheFirstForeignSenderAndMeasuresItsStream) {
   std::string text = handled(&b, 0, reply(0, 1234, "127.0.0.1"));
   text += handled(&b, 0, reply(0, 1234));  // locks, and is not counted
   text += handled(&b, 0, reply(7, 4321, "192.168.1.6"));
-  for (const list& each : {list{0, 65534}, {1500, 65535}, {200000, 0}, {200001, 1}, {7, 7}, {0, 6}, {7200000000, 7}}) {
-    world.now += each[0];
-    text += handled(&b, 1, reply(each[1], 1234));
+  const auto stream = pairs{{0, 65534}, {1500, 65535}, {200000, 0}, {200001, 1}, {7, 7}, {0, 6}, {7200000000, 7}};
+  for (const auto& [gap_usec, sequence] : stream) {
+    world.now += gap_usec;
+    text += handled(&b, 1, reply(sequence, 1234));
   }
   EXPECT_EQ(text, lines);
   EXPECT_EQ(numbers(b.stats.rx_packets, b.stats.lost_packets, b.stats.late_arrivals), (list{7, 5 + 65534, 2}));

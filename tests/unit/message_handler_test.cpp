@@ -37,12 +37,12 @@ TEST(Stream, IsTrackedPacketByPacket) {
       "[err] Error- packet 3:51 arrived 2147483647 usecs from last one\n";
   workbench b("-c -E50");
   for (int i = 0; i < 50; ++i) b.request(i);
-  // Usec since the packet before, the last more than 32 bits hold; sequence.
-  const list cases[] = {{9, 0}, {200000, 0x10001}, {250000, 5}, {10, 48}, {250000, 49}, {0, 50}, {4295000000, 51}};
+  constexpr std::int64_t too_long = 4295000000;  // for 32 bits
   std::string text;
-  for (const list& each : cases) {
-    world.now += each[0];
-    text += handled(&b, each[1] == 49 ? 2 : 1, message(3, 55, 3, each[1]));
+  for (const auto& [gap_usec, sequence] :
+       pairs{{9, 0}, {200000, 0x10001}, {250000, 5}, {10, 48}, {250000, 49}, {0, 50}, {too_long, 51}}) {
+    world.now += gap_usec;
+    text += handled(&b, sequence == 49 ? 2 : 1, message(3, 55, 3, sequence));
   }
   EXPECT_EQ(text, lines);
   EXPECT_EQ(numbers(b.stats.late_arrivals, b.stats.batch_first_seq, b.stats.batch_last_seq), (list{2, 0, 51}));

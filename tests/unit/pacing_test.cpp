@@ -34,32 +34,40 @@ TEST(PacketsDue, FirstReleaseIsABurst) {
 TEST(PacketsDue, CreditIsSpentInWholePeriods) {
   workbench b("-d30000 -a1000 -e1000");
   b.run.current_tx__packet = 1;
-  // The time that passed, what is due, the remainder then.
-  const list cases[] = {{29999, 0, 0},     {100000, 3, 10000}, {19999, 0, 10000}, {20000, 1, 0},
-                        {59999, 1, 29999}, {0, 0, 29999},      {1, 1, 0}};
-  for (const list& each : cases) {
-    const std::uint32_t due = due_after(&b, each[0]);
-    EXPECT_EQ(numbers(each[0], due, b.run.pacing_remainder_usec), each);
-    EXPECT_EQ(b.run.last_tx_time, due != 0 ? world.now : world.now - each[0]);  // nothing spent, nothing noted
+  const struct {
+    std::int64_t elapsed = 0, due = 0, remainder = 0;
+  } steps[] = {{.elapsed = 29999},
+               {.elapsed = 100000, .due = 3, .remainder = 10000},
+               {.elapsed = 19999, .remainder = 10000},
+               {.elapsed = 20000, .due = 1},
+               {.elapsed = 59999, .due = 1, .remainder = 29999},
+               {.remainder = 29999},
+               {.elapsed = 1, .due = 1}};
+  for (const auto& [elapsed, due, remainder] : steps) {
+    EXPECT_EQ(due_after(&b, elapsed), due);
+    EXPECT_EQ(b.run.pacing_remainder_usec, remainder);
+    EXPECT_EQ(b.run.last_tx_time, due != 0 ? world.now : world.now - elapsed);  // nothing spent, nothing noted
   }
 }
 
 TEST(PacketsDue, WindowAndTotalNearTheWraps) {
   constexpr std::int64_t all = 0xFFFFFFFF;
-  // Whether answers are ignored, total, sent, reported, usec passed; what a window of 8 lets go of one packet a usec.
-  const list cases[] = {{0, all, 100, 97, 50, 5},
-                        {0, all, 100, 91, 50, 0},
-                        {0, 102, 100, 98, 50, 2},
-                        {0, all, 100, 98, 3000000000, 6},
-                        {0, all, 0x7FFFFFFE, 0x7FFFFFFC, 50, 6},
-                        {0, all, 0xFFFFFFF0, 0xFFFFFFEE, 14, 6},
-                        {0, all, 0xFFFFFFFC, 0xFFFFFFFA, 50, 3},
-                        {1, 0x7FFFFFFF, 0x7FFFFFF0, 0, 3000000000, 15}};
-  for (const list& each : cases) {
-    workbench b("-d1 -a8");
-    b.settings.ignore_responses = static_cast<std::uint32_t>(each[0]);
-    stand_at(&b, each[1], each[2], each[3]);
-    EXPECT_EQ(due_after(&b, each[4]), each[5]) << testing::PrintToString(each);
+  const struct {
+    const char* options = "";
+    std::int64_t total = all, sent, reported, elapsed = 50, due;  // of one packet a usec
+  } cases[] = {
+      {.sent = 100, .reported = 97, .due = 5},
+      {.sent = 100, .reported = 91, .due = 0},
+      {.total = 102, .sent = 100, .reported = 98, .due = 2},
+      {.sent = 100, .reported = 98, .elapsed = 3000000000, .due = 6},
+      {.sent = 0x7FFFFFFE, .reported = 0x7FFFFFFC, .due = 6},
+      {.sent = 0xFFFFFFF0, .reported = 0xFFFFFFEE, .elapsed = 14, .due = 6},
+      {.sent = 0xFFFFFFFC, .reported = 0xFFFFFFFA, .due = 3},
+      {.options = " -i", .total = 0x7FFFFFFF, .sent = 0x7FFFFFF0, .reported = 0, .elapsed = 3000000000, .due = 15}};
+  for (const auto& [options, total, sent, reported, elapsed, due] : cases) {
+    workbench b(std::string("-d1 -a8") + options);
+    stand_at(&b, total, sent, reported);
+    EXPECT_EQ(due_after(&b, elapsed), due) << sent << " sent, " << reported << " reported";
   }
 }
 
@@ -82,18 +90,25 @@ TEST(Duration, DoesNotEndWhatAMonitorServes) {
 }
 
 TEST(Wait, UntilTheFirstThingIsDueAndNoLonger) {
-  const list cases[] = {// ages of the older (-1: answered) and the newer request, the total, the window; the wait
-                        {30000, 30000, 2, 2, 170000}, {30000, 30000, 9, 2, 170000}, {30000, 30000, 9, 5, 70000},
-                        {150000, 30000, 9, 5, 50000}, {-1, 30000, 2, 2, 200000},    {200000, 30000, 9, 5, 0},
-                        {300000, 30000, 9, 5, 0},     {30000, 170000, 9, 5, 0}};
-  for (const list& each : cases) {
+  constexpr std::int64_t answered = -1;
+  const struct {
+    std::int64_t older_age = 30000, newer_age = 30000, total = 9, window = 5, wait = 0;
+  } cases[] = {{.total = 2, .window = 2, .wait = 170000},
+               {.window = 2, .wait = 170000},
+               {.wait = 70000},
+               {.older_age = 150000, .wait = 50000},
+               {.older_age = answered, .total = 2, .window = 2, .wait = 200000},
+               {.older_age = 200000},
+               {.older_age = 300000},
+               {.newer_age = 170000}};
+  for (const auto& [older_age, newer_age, total, window, wait] : cases) {
     for (const std::int64_t older : {0LL, 65535LL, 0x7FFFFFFFLL}) {
-      workbench b("-a" + std::to_string(each[3]));
-      b.request(older, each[0]);
-      if (each[0] == -1) b.answer(older);
-      b.request(older + 1, each[1]);
-      stand_at(&b, older + each[2], older + 2, older);
-      EXPECT_EQ(time_until_next_event(&b.settings, &b.run), each[4]) << testing::PrintToString(each);
+      workbench b("-a" + std::to_string(window));
+      b.request(older, older_age);
+      if (older_age == answered) b.answer(older);
+      b.request(older + 1, newer_age);
+      stand_at(&b, older + total, older + 2, older);
+      EXPECT_EQ(time_until_next_event(&b.settings, &b.run), wait) << older_age << " and " << newer_age;
     }
   }
   workbench b;

@@ -42,12 +42,18 @@ TEST(Wire, HeadersAndSizes) {
   EXPECT_EQ(numbers(header.type, header.process_id, header.batch, header.sequence, header.length),
             (list{3, 0x01020304, 0x80000001, 0xFFFFFFFE, 1472}));
 
-  // UDP, TCP, the length asked for; the length of the datagram, what is sent, the payload.
-  const list cases[] = {{0, 0, 29, 29, 9, 1},   {0, 0, 65536, 65535, 65515, 65507},
-                        {1, 0, 0, 48, 20, 20},  {1, 0, 65536, 65535, 65507, 65507},
-                        {0, 1, 10, 60, 20, 20}, {0, 1, 65535, 65535, 65495, 65495}};
-  for (const list& each : cases) {
-    const packet_sizes sizes = sizes_for_carrier(each[0] != 0, each[1] != 0, static_cast<std::uint32_t>(each[2]));
-    EXPECT_EQ(numbers(each[0], each[1], each[2], sizes.ip_length, sizes.transmit_length, sizes.payload_length), each);
+  const struct {
+    bool udp = false, tcp = false;
+    std::uint32_t asked = 0;
+    std::int64_t ip, sent, payload;
+  } cases[] = {{.asked = 29, .ip = 29, .sent = 9, .payload = 1},
+               {.asked = 65536, .ip = 65535, .sent = 65515, .payload = 65507},
+               {.udp = true, .ip = 48, .sent = 20, .payload = 20},
+               {.udp = true, .asked = 65536, .ip = 65535, .sent = 65507, .payload = 65507},
+               {.tcp = true, .asked = 10, .ip = 60, .sent = 20, .payload = 20},
+               {.tcp = true, .asked = 65535, .ip = 65535, .sent = 65495, .payload = 65495}};
+  for (const auto& [udp, tcp, asked, ip, sent, payload] : cases) {
+    const packet_sizes sizes = sizes_for_carrier(udp, tcp, asked);
+    EXPECT_EQ(numbers(sizes.ip_length, sizes.transmit_length, sizes.payload_length), (list{ip, sent, payload}));
   }
 }
