@@ -7,7 +7,10 @@
 
 struct test_settings;
 
-inline constexpr std::uint32_t packet_table_slots = 65536;  // a power of two: a slot is found by masking
+// Powers of two: a slot is found by masking. As many as there are sequence numbers in an ICMP header are never too few;
+// a test that looks back no further than its window has fewer, since memory that was never touched costs a page fault.
+inline constexpr std::uint32_t packet_table_slots = 65536;
+inline constexpr std::uint32_t fewest_packet_slots = 64;
 inline constexpr std::int64_t longest_stamp_lag_usec = (1 << 24) - 1;
 
 // One request in flight; the slot of sequence number n is n & (packet_table_size - 1).
@@ -80,6 +83,14 @@ extern run_state* current_run_state;
 // The slot of a sequence number. The table is there (it lives from the start to the end of run_test).
 inline packet_slot* slot_of(const run_state* run, std::uint32_t sequence) {
   return &run->packet_table[sequence & (run->packet_table_size - 1)];
+}
+
+// The request that awaits the answer with this sequence number, of which an ICMP header carries the low 16 bits alone.
+// nullptr: none does.
+inline packet_slot* open_request(const run_state* run, std::uint32_t sequence) {
+  packet_slot* slot = slot_of(run, sequence);
+  const bool is_this = (slot->sequence - sequence) % packet_table_slots == 0;
+  return slot->outstanding != 0 && is_this ? slot : nullptr;
 }
 
 // The time of this step of the test, in ticks. The clock is read at most once behind a system call of the run: every

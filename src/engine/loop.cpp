@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cstdint>
 #include <cstdio>
 
@@ -28,7 +30,6 @@
 
 namespace {
 
-constexpr std::size_t packet_table_bytes = packet_table_slots * sizeof(packet_slot);
 constexpr std::int64_t full_connection_wait_usec = 1000;
 
 void derive_sizes(test_settings* settings, run_state* run) {
@@ -39,20 +40,36 @@ void derive_sizes(test_settings* settings, run_state* run) {
   run->payload_length = sizes.payload_length;
 }
 
-// Mapped, not taken from the heap: pages come zeroed when they are first touched, while a heap block that is used again
-// would be cleared as a whole, 2.6 MB for every command that a monitor runs.
-void allocate_packet_table(run_state* run) {
-  void* table = mmap(nullptr, packet_table_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+// A stream's packets and the window of the running bitrate are looked up by any sequence number. Otherwise only open
+// requests are, and what one release sends.
+std::uint32_t slots_needed(const test_settings* settings) {
+  if (is_partner(settings) || settings->average_window != 0) return packet_table_slots;
+  if (settings->ignore_responses != 0) return fewest_packet_slots;
+  return std::max(std::bit_ceil(settings->max_outstanding), fewest_packet_slots);
+}
+
+// A command that a monitor runs for a peer would spend more on mapping a table than on what it notes there.
+std::array<packet_slot, fewest_packet_slots> small_table;
+
+// Mapped, not taken from the heap: pages come zeroed when they are first touched.
+void allocate_packet_table(const test_settings* settings, run_state* run) {
+  run->packet_table_size = slots_needed(settings);
+  if (run->packet_table_size == small_table.size()) {
+    small_table = {};
+    run->packet_table = small_table.data();
+    return;
+  }
+  void* table = mmap(nullptr, run->packet_table_size * sizeof(packet_slot), PROT_READ | PROT_WRITE,
+                     MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (table == MAP_FAILED) {
     std::fprintf(stderr, "ERROR: Cannot allocate packet buffers.\n");
     cleanup_exit(1);
   }
   run->packet_table = static_cast<packet_slot*>(table);
-  run->packet_table_size = packet_table_slots;
 }
 
 void free_packet_table(run_state* run) {
-  munmap(run->packet_table, packet_table_bytes);
+  if (run->packet_table != small_table.data()) munmap(run->packet_table, run->packet_table_size * sizeof(packet_slot));
   run->packet_table = nullptr;
 }
 
@@ -74,7 +91,7 @@ void start_run(test_settings* settings, run_state* run, test_stats* stats) {
   print_host_range(settings);
   if (speaks(settings)) answer_progress_with(print_progress, settings, run, stats);
   derive_sizes(settings, run);
-  allocate_packet_table(run);
+  allocate_packet_table(settings, run);
   if (settings->process_id == 0) settings->process_id = static_cast<std::uint32_t>(getpid());
   leave_out_own_traffic(settings, run);
   settings->total_requests = hosts_of_test(settings) * settings->echo_count;

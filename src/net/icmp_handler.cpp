@@ -35,11 +35,11 @@ void declare_overtaken_lost(const test_settings* settings, const run_state* run,
 
 frame_result settle_echo_reply(const icmp_echo* echo, std::uint32_t source, const frame_arrival* arrival,
                                const test_settings* settings, run_state* run, test_stats* stats) {
-  packet_slot* slot = slot_of(run, echo->sequence);
-  if (slot->outstanding == 0) {
+  packet_slot* slot = open_request(run, echo->sequence);
+  if (slot == nullptr) {
     if (settings->no_timeout_messages == 0) {
       std::fprintf(stdout, "Err- Unexpected echo response received. Duplicate or out of order, ID %d\n",
-                   static_cast<int>(echo->sequence & (run->packet_table_size - 1)));
+                   static_cast<int>(echo->sequence));
     }
     ++stats->late_responses;
     return frame_none;
@@ -56,8 +56,8 @@ frame_result settle_quoted_request(const icmp_datagram* parts, const frame_arriv
   icmp_echo quoted = {};
   if (!read_quoted_echo(parts->icmp, &quoted)) return frame_none;
   if (quoted.identifier != static_cast<std::uint16_t>(settings->process_id)) return frame_none;
-  packet_slot* slot = slot_of(run, quoted.sequence);
-  if (slot->outstanding == 0) return frame_none;
+  packet_slot* slot = open_request(run, quoted.sequence);
+  if (slot == nullptr) return frame_none;
   ++stats->rx_packets;
   settle_answered(slot, parts->icmp[0], parts->source, arrival_of_answer(arrival, slot->tx_time));
   return frame_counted;

@@ -76,8 +76,8 @@ void send_echo_reply(const test_header* request, sender_address sender, std::siz
 // Echo mode: a duplicate, or an answer to a request that timed out, is passed over in silence.
 void settle_answered_request(const test_header* header, std::uint32_t source, const frame_arrival* arrival,
                              const run_state* run, test_stats* stats) {
-  packet_slot* slot = slot_of(run, header->sequence);
-  if (slot->outstanding == 0) return;
+  packet_slot* slot = open_request(run, header->sequence);
+  if (slot == nullptr) return;
   settle_answered(slot, icmp_echo_reply, source, arrival_of_answer(arrival, slot->tx_time));
   ++stats->rx_packets;
 }

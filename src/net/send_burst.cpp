@@ -19,6 +19,8 @@
 
 namespace {
 
+static_assert(largest_burst <= fewest_packet_slots);
+
 constexpr std::uint32_t largest_udp_bytes = largest_ip_length - ipv4_header_bytes - udp_header_bytes;
 
 // A packet of a burst is gathered by the kernel: its front, which holds the header and zeros, and for a longer one the

@@ -98,8 +98,9 @@ void plan_next_event() {
 }
 
 void leave_run() {
-  if (current_run_state != nullptr && current_run_state->packet_table != nullptr)
-    munmap(current_run_state->packet_table, packet_table_slots * sizeof(packet_slot));
+  const run_state* left = current_run_state;  // a run that was cut short, with its table
+  if (left != nullptr && left->packet_table != nullptr && left->packet_table_size != fewest_packet_slots)
+    munmap(left->packet_table, left->packet_table_size * sizeof(packet_slot));
   current_run_state = nullptr;
   std::longjmp(end_of_run, 1);
 }

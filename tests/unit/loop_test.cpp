@@ -26,6 +26,31 @@ TEST(EchoRun, SendsAgainAfterEveryAnswer) {  // were it to read what is queued f
   EXPECT_EQ(lines, 9 + 10) << text;  // one at every fiftieth, but for each that is outstanding when the last is sent
 }
 
+// The slots of a small window come round again soon: request 64 of a window of one has the slot of request 0.
+TEST(EchoRun, TellsARequestFromOthersOfItsSlot) {
+  for (const bool udp : {false, true}) {
+    workbench b(udp ? "-u -e65 -a1 -d0 -T100000 -s" : "-e65 -a1 -d0 -T100000 -s");
+    b.connect(SOCK_DGRAM);
+    byte_vector first;
+    world.on_send = [&](const byte_vector& request) {
+      if (world.sent == 1) first = request;
+      const byte_vector answered = world.sent == 65 ? first : request;
+      const byte_vector answer =
+          udp ? patched(answered, 0, be32(2)) : datagram(with_checksum(patched(answered, 0, {0})));
+      if (world.sent != 1) world.deliver(50, answer);
+    };
+    said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+    EXPECT_EQ(numbers(b.stats.rx_packets, b.stats.lost_packets), (list{63, 2})) << udp;
+  }
+  workbench b("-u -e200 -a200 -d1 -s");  // all at once, and the newest is answered first
+  b.connect(SOCK_DGRAM);
+  world.on_send = [](const byte_vector& request) {
+    world.deliver(9000 - 10 * world.sent, patched(request, 0, be32(2)));
+  };
+  said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  EXPECT_EQ(b.stats.rx_packets, 200);
+}
+
 TEST(EchoRun, TakesNoNoticeOfADateThatIsSet) {
   for (const std::string arguments : {"-e8", "-e8 -T100001", "-e8 -i", "-u -i -d1 -S2 -e"}) {
     const auto text_with = [&](std::int64_t step, std::int64_t moment) {

@@ -29,7 +29,7 @@ sent_run blast(const std::string& arguments, const std::function<int(call)>& mee
     const byte_vector whole =
         icmp ? icmp_message(8, 70000, sequence, byte_vector(72)) : message(1, 70000, 0, sequence, 72);
     EXPECT_EQ(frame, whole);
-    EXPECT_LE(world.now - b.run.packet_table[sequence].tx_time, 10);
+    EXPECT_LE(world.now - slot_of(&b.run, static_cast<std::uint32_t>(sequence))->tx_time, 10);
     result.sequences.push_back(sequence);
   };
   result.text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
