@@ -10,7 +10,6 @@
 #include "net/receive_frame.h"
 #include "report/batch_judgement.h"
 #include "report/batch_line.h"
-#include "report/buffer_consumption.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "report/buffer_consumption.h"
+#include "report/batch_judgement.h"
 
 #include <map>
 
