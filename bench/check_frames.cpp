@@ -14,7 +14,7 @@
 
 #include "bare.h"
 #include "wire/bytes.h"
-#include "wire/checksum.h"
+#include "wire/icmp_echo.h"
 
 static constexpr const char* usage = "DEVICE PORT COUNT";
 static constexpr unsigned block_bytes = 1U << 18U;

@@ -7,7 +7,6 @@
 #include <array>
 #include <cstdio>
 
-#include "app/host_address.h"
 #include "app/presets.h"
 #include "base/address_text.h"
 #include "base/clock.h"

@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "app/host_address.h"
 #include "app/option_table.h"
+#include "base/address_text.h"
 #include "base/settings.h"
 
 namespace {

@@ -22,7 +22,7 @@
 #include "engine/release.h"
 #include "net/receive_frame.h"
 #include "net/socket_connection.h"
-#include "net/socket_filter.h"
+#include "net/socket_options.h"
 #include "net/socket_wait.h"
 #include "report/results_files.h"
 #include "report/summary.h"

@@ -12,7 +12,6 @@
 #include "net/kernel_stamps.h"
 #include "net/receive_stream.h"
 #include "report/packet_lines.h"
-#include "wire/checksum.h"
 #include "wire/icmp_echo.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "net/send_datagram.h"
-#include "net/send_frame.h"
+#include "net/send_packet.h"
 #include "report/packet_lines.h"
 #include "wire/packet_sizes.h"
 

@@ -14,9 +14,10 @@
 #include "base/test_end.h"
 #include "net/kernel_stamps.h"
 #include "net/send_datagram.h"
-#include "net/send_frame.h"
 #include "net/socket_connection.h"
 #include "report/packet_lines.h"
+#include "wire/icmp_echo.h"
+#include "wire/messages.h"
 #include "wire/remote_command.h"
 
 std::array<std::uint8_t, message_buffer_bytes> transmit_buffer = {};
@@ -24,6 +25,11 @@ std::array<std::uint8_t, message_buffer_bytes> transmit_buffer = {};
 namespace {
 
 constexpr std::uint32_t largest_ttl = 127;
+
+message_type type_of_message(const test_settings* settings) {
+  if (is_commander(settings)) return message_operation;
+  return settings->unidirectional != 0 ? message_data : message_echo_request;
+}
 
 // Returns the length of the frame in bytes.
 std::uint32_t build_frame(const test_settings* settings, const run_state* run, const command_body* command) {
@@ -81,6 +87,32 @@ void move_on_in_sweep(test_settings* settings, const run_state* run) {
 }
 
 }  // namespace
+
+std::uint32_t frame_bytes(const test_settings* settings, const run_state* run) {
+  return is_commander(settings) ? std::uint32_t{sizeof(operation_message)} : run->transmit_length;
+}
+
+std::uint32_t write_frame_header(const test_settings* settings, const run_state* run, std::uint32_t sequence,
+                                 std::uint8_t* frame) {
+  if (uses_icmp(settings)) {
+    const icmp_echo echo = {
+        .type = settings->unidirectional != 0 ? icmp_echo_reply : icmp_echo_request,
+        .identifier = static_cast<std::uint16_t>(settings->process_id),
+        .sequence = static_cast<std::uint16_t>(sequence),
+    };
+    write_icmp_echo(&echo, frame);
+    return icmp_header_bytes;
+  }
+  const test_header header = {
+      .type = type_of_message(settings),
+      .process_id = settings->process_id,
+      .batch = run->batch,
+      .sequence = sequence,
+      .length = frame_bytes(settings, run),
+  };
+  write_test_header(&header, frame);
+  return test_header_bytes;
+}
 
 // The slot is there before the send, whose time it takes.
 int send_test_packet(test_settings* settings, run_state* run, test_stats* stats, const command_body* command) {

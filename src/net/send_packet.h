@@ -1,4 +1,4 @@
-// Build, record and send one test packet.
+// One test packet: its size and its header bytes, and its way out.
 #pragma once
 
 #include <array>
@@ -24,3 +24,11 @@ extern std::array<std::uint8_t, message_buffer_bytes> transmit_buffer;
 //   -1  a TCP send failed (a line is printed): nothing is counted and the caller closes the connection.
 [[nodiscard]] int send_test_packet(test_settings* settings, run_state* run, test_stats* stats,
                                    const command_body* command);
+
+// Bytes of one whole packet as the socket takes it: a command is always 164 bytes, all else run->transmit_length.
+[[nodiscard]] std::uint32_t frame_bytes(const test_settings* settings, const run_state* run);
+
+// Writes the header of packet `sequence` to `frame`: 8 bytes of an ICMP echo, 20 of a test message. What follows it in
+// a packet is zero, but for a command. Returns the bytes written.
+std::uint32_t write_frame_header(const test_settings* settings, const run_state* run, std::uint32_t sequence,
+                                 std::uint8_t* frame);

@@ -1,15 +1,25 @@
 #include "net/socket_options.h"
 
+#include <linux/filter.h>
+#include <linux/icmp.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
+#include <cstdint>
 #include <cstdio>
+
+#include "base/run_records.h"
+#include "base/settings.h"
+#include "wire/icmp_echo.h"
 
 namespace {
 
 constexpr int buffer_bytes = 1048576;
 constexpr int granted_bytes = 2 * buffer_bytes;  // how the kernel reports it: with its own overhead (socket(7))
+constexpr std::uint32_t no_frame = 0;
+constexpr std::uint32_t all_types = 0xFFFFFFFF;
 
 // Where the system's limit grants less than was asked, a process that may force it does (socket(7)): a burst of replies
 // must not be lost in our own buffer.
@@ -18,6 +28,19 @@ void force_buffer_size(int socket, int option, int forcing_option) {
   socklen_t length = sizeof granted;
   if (getsockopt(socket, SOL_SOCKET, option, &granted, &length) != 0 || granted >= granted_bytes) return;
   set_socket_option(socket, SOL_SOCKET, forcing_option, buffer_bytes);
+}
+
+// A bit for each type; those from 32 on cannot be left out this way. The kernel looks before it copies a frame for the
+// socket, which a classic filter would cost.
+void leave_out_types(int socket, std::uint32_t types) {
+  const icmp_filter filter = {.data = types};
+  setsockopt(socket, SOL_RAW, ICMP_FILTER, &filter, sizeof filter);
+}
+
+void leave_out_everything(int socket) {
+  std::array<sock_filter, 1> code = {{BPF_STMT(BPF_RET | BPF_K, no_frame)}};
+  const sock_fprog program = {.len = code.size(), .filter = code.data()};
+  setsockopt(socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
 }
 
 }  // namespace
@@ -57,4 +80,14 @@ void set_buffer_sizes(int socket) {
     std::fprintf(stdout, "err: Could not set so_rcvbuf to %d, err = %d, lasterr = %d\n", buffer_bytes, result, result);
   }
   force_buffer_size(socket, SO_RCVBUF, SO_RCVBUFFORCE);
+}
+
+void leave_out_own_traffic(const test_settings* settings, const run_state* run) {
+  if (is_command_run(settings) || uses_tcp(settings)) return;
+  if (settings->ignore_responses != 0) {
+    leave_out_types(run->data_socket, all_types);  // a UDP socket has none
+    leave_out_everything(run->data_socket);
+  } else if (is_echo_mode(settings) && uses_icmp(settings)) {
+    leave_out_types(run->data_socket, 1U << icmp_echo_request);
+  }
 }

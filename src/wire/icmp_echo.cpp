@@ -2,8 +2,9 @@
 
 #include <netinet/in.h>
 
+#include <cstring>
+
 #include "wire/bytes.h"
-#include "wire/checksum.h"
 #include "wire/packet_sizes.h"
 
 namespace {
@@ -16,7 +17,30 @@ constexpr std::size_t ipv4_protocol_offset = 9;
 constexpr std::size_t ipv4_source_offset = 12;
 constexpr std::uint8_t ipv4_without_options = 0x45;
 
+std::uint16_t fold_to_16_bits(std::uint64_t sum) {
+  while (sum > 0xFFFF) sum = (sum & 0xFFFF) + (sum >> 16U);
+  return static_cast<std::uint16_t>(sum);
+}
+
 }  // namespace
+
+// The sum does not depend on the byte order in which the words are added (RFC 1071, section 2B), so it is taken in
+// wider words as they lie in memory, whose carries gather above them; a short tail is padded with zeros, which add
+// nothing.
+std::uint16_t internet_checksum(const std::uint8_t* bytes, std::size_t length) {
+  std::uint64_t sum = 0;
+  std::uint32_t word = 0;
+  for (; length >= sizeof word; length -= sizeof word, bytes += sizeof word) {
+    std::memcpy(&word, bytes, sizeof word);
+    sum += word;
+  }
+  if (length != 0) {
+    word = 0;
+    std::memcpy(&word, bytes, length);
+    sum += word;
+  }
+  return fold_to_16_bits(sum);
+}
 
 const std::array<const char*, 19> icmp_type_names = {
     " Echo Reply ",  // 0

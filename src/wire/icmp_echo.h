@@ -1,4 +1,4 @@
-// ICMP echo frames, and the ICMP errors that quote them (RFC 792).
+// ICMP echo frames, the ICMP errors that quote them (RFC 792), and the Internet checksum of both (RFC 1071).
 //
 //      0        1        2        3
 //      +--------+--------+--------+--------+
@@ -13,6 +13,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -56,3 +57,8 @@ struct icmp_datagram {
 // The echo request that an ICMP error quotes (RFC 792: its IPv4 header and first 8 bytes). False, with *echo
 // untouched, when `icmp` is too short to hold it or quotes anything but ICMP behind a 20-byte IPv4 header.
 [[nodiscard]] bool read_quoted_echo(std::span<const std::uint8_t> icmp, icmp_echo* echo);
+
+// The 16-bit one's-complement sum of `length` bytes at any alignment, not complemented, in network byte order: stored
+// as it lies in memory it is right on every processor. An odd last byte counts as the high half of a zero-padded word.
+// A message with its checksum field in place is valid exactly when the result is 0xFFFF.
+[[nodiscard]] std::uint16_t internet_checksum(const std::uint8_t* bytes, std::size_t length);

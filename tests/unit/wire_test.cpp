@@ -1,5 +1,4 @@
 #include "support/expect.h"
-#include "wire/checksum.h"
 #include "wire/icmp_echo.h"
 #include "wire/messages.h"
 #include "wire/packet_sizes.h"
