@@ -18,16 +18,17 @@ constexpr std::int64_t most_noise_nsec = 20000;      // where the clocks are slo
 constexpr std::int64_t smallest_set_nsec = 1000000;  // less may come between them: this process lost the processor
 constexpr int most_attempts = 5;
 
-// Where our clock started.
-struct clock_start {
-  std::int64_t ticks;           // 0 = not yet
-  std::int64_t monotonic_nsec;  // CLOCK_MONOTONIC then
+// Where our clock started, and what is known of the date.
+struct clock_origin {
+  std::int64_t ticks;             // 0 = not yet
+  std::int64_t monotonic_nsec;    // CLOCK_MONOTONIC then
+  std::int64_t noise_nsec;        // of a reading of both clocks
+  std::int64_t lead_nsec;         // of the date, as last measured
+  std::int64_t stamps_true_from;  // ticks; earlier ones may be by a date that was set since
 };
 
-clock_start start = {};
-std::int64_t reading_noise_nsec = least_noise_nsec;
-std::int64_t known_lead_nsec = 0;
-std::int64_t stamps_are_true_from = 0;  // ticks; earlier ones may be by a date that was set since
+clock_origin start = {
+    .ticks = 0, .monotonic_nsec = 0, .noise_nsec = least_noise_nsec, .lead_nsec = 0, .stamps_true_from = 0};
 
 std::int64_t as_nsec(const timespec* time) {
   return static_cast<std::int64_t>(time->tv_sec) * nsec_per_second + static_cast<std::int64_t>(time->tv_nsec);
@@ -48,7 +49,7 @@ struct lead_measurement {
 lead_measurement measure_lead() {
   std::int64_t lead = 0;
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
-  for (int attempt = 0; attempt < most_attempts && shortest > reading_noise_nsec; ++attempt) {
+  for (int attempt = 0; attempt < most_attempts && shortest > start.noise_nsec; ++attempt) {
     const std::int64_t before = nsec_of(CLOCK_MONOTONIC);
     const std::int64_t date = nsec_of(CLOCK_REALTIME);
     const std::int64_t took = nsec_of(CLOCK_MONOTONIC) - before;
@@ -65,8 +66,8 @@ void start_clock() {
   start.monotonic_nsec = nsec_of(CLOCK_MONOTONIC);
   start.ticks = static_cast<std::int64_t>(date.tv_sec) * usec_per_second + static_cast<std::int64_t>(date.tv_usec);
   const lead_measurement first = measure_lead();
-  known_lead_nsec = first.lead_nsec;
-  reading_noise_nsec = std::clamp(first.took_nsec, least_noise_nsec, most_noise_nsec);
+  start.lead_nsec = first.lead_nsec;
+  start.noise_nsec = std::clamp(first.took_nsec, least_noise_nsec, most_noise_nsec);
 }
 
 std::int64_t monotonic_to_ticks(std::int64_t nsec) {
@@ -79,7 +80,7 @@ std::int64_t monotonic_to_ticks(std::int64_t nsec) {
 // by what it was set forward, or younger by what it was set back; those that are too young by more than a second show
 // it, since they are yet to come.
 void distrust_stamps(std::int64_t now, std::int64_t set_back_nsec) {
-  stamps_are_true_from = now + std::clamp<std::int64_t>(set_back_nsec / nsec_per_usec, 0, usec_per_second);
+  start.stamps_true_from = now + std::clamp<std::int64_t>(set_back_nsec / nsec_per_usec, 0, usec_per_second);
 }
 
 }  // namespace
@@ -93,19 +94,19 @@ std::int64_t clock_now() {
 clock_reading read_both_clocks() {
   const std::int64_t monotonic = nsec_of(CLOCK_MONOTONIC);
   const std::int64_t lead = nsec_of(CLOCK_REALTIME) - monotonic;
-  clock_reading reading = {.now = monotonic_to_ticks(monotonic), .date_lead_nsec = known_lead_nsec};
-  if (std::abs(lead - known_lead_nsec) <= reading_noise_nsec) return reading;
+  clock_reading reading = {.now = monotonic_to_ticks(monotonic), .date_lead_nsec = start.lead_nsec};
+  if (std::abs(lead - start.lead_nsec) <= start.noise_nsec) return reading;
   const std::int64_t measured = measure_lead().lead_nsec;
-  if (std::abs(measured - known_lead_nsec) <= reading_noise_nsec) return reading;
-  if (std::abs(measured - known_lead_nsec) > smallest_set_nsec)
-    distrust_stamps(reading.now, known_lead_nsec - measured);
-  reading.date_lead_nsec = known_lead_nsec = measured;
+  if (std::abs(measured - start.lead_nsec) <= start.noise_nsec) return reading;
+  if (std::abs(measured - start.lead_nsec) > smallest_set_nsec)
+    distrust_stamps(reading.now, start.lead_nsec - measured);
+  reading.date_lead_nsec = start.lead_nsec = measured;
   return reading;
 }
 
 std::int64_t stamp_to_ticks(const timespec* stamp, const clock_reading* reading) {
   const std::int64_t ticks = monotonic_to_ticks(as_nsec(stamp) - reading->date_lead_nsec);
-  return ticks >= stamps_are_true_from ? ticks : 0;
+  return ticks >= start.stamps_true_from ? ticks : 0;
 }
 
 // Whole seconds and the rest apart: a run of 106 days has more ticks than can be multiplied by a million. At the usual

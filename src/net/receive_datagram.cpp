@@ -22,24 +22,27 @@ struct stored_datagram {
   std::array<std::uint8_t, message_buffer_bytes> bytes;
 };
 
-// One monitor's frames must not be lost while it executes a command, so they outlive the call that read them. Only what
-// was received is ever touched.
-std::array<stored_datagram, longest_read_run> store;
-std::array<mmsghdr, longest_read_run> messages = {};
-std::array<iovec, longest_read_run> parts = {};
-std::uint32_t prepared_count = 0;  // of the messages, those that were ever prepared
-std::uint32_t stored_count = 0;    // in the store
-std::uint32_t next_stored = 0;     // of these, the first that was not handed on
-clock_reading read_at = {};        // behind the call that read them
+// One monitor's frames must not be lost while it executes a command, so they outlive the call that read them.
+struct datagram_queue {
+  std::array<stored_datagram, longest_read_run> store;  // only what was received is ever touched
+  std::array<mmsghdr, longest_read_run> messages;
+  std::array<iovec, longest_read_run> parts;
+  std::uint32_t prepared;  // of the messages, those that were ever prepared
+  std::uint32_t stored;    // in the store
+  std::uint32_t next;      // of these, the first that was not handed on
+  clock_reading read_at;   // behind the call that read them
+};
+
+datagram_queue queue;
 
 void prepare_message(std::uint32_t index) {
-  stored_datagram* place = &store[index];
-  parts[index] = {.iov_base = place->bytes.data(), .iov_len = place->bytes.size()};
-  msghdr* message = &messages[index].msg_hdr;
+  stored_datagram* place = &queue.store[index];
+  queue.parts[index] = {.iov_base = place->bytes.data(), .iov_len = place->bytes.size()};
+  msghdr* message = &queue.messages[index].msg_hdr;
   *message = {};
   message->msg_name = &place->source;
   message->msg_namelen = sizeof place->source;
-  message->msg_iov = &parts[index];
+  message->msg_iov = &queue.parts[index];
   message->msg_iovlen = 1;
   message->msg_control = place->control.data();
   message->msg_controllen = place->control.size();
@@ -47,30 +50,30 @@ void prepare_message(std::uint32_t index) {
 
 // Of a message that it filled the kernel has changed the lengths.
 void prepare_again(std::uint32_t index) {
-  messages[index].msg_hdr.msg_namelen = sizeof(sockaddr_in);
-  messages[index].msg_hdr.msg_controllen = control_bytes;
+  queue.messages[index].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+  queue.messages[index].msg_hdr.msg_controllen = control_bytes;
 }
 
 // Reads without waiting: a datagram that select announced may be gone again, dropped for a wrong checksum (select(2)).
 int read_some(int socket, std::uint32_t most) {
-  for (std::uint32_t i = 0; i < stored_count; ++i) prepare_again(i);
-  stored_count = next_stored = 0;
-  for (; prepared_count < most; ++prepared_count) prepare_message(prepared_count);
+  for (std::uint32_t i = 0; i < queue.stored; ++i) prepare_again(i);
+  queue.stored = queue.next = 0;
+  for (; queue.prepared < most; ++queue.prepared) prepare_message(queue.prepared);
   int got = 0;
   do {
-    got = recvmmsg(socket, messages.data(), most, MSG_DONTWAIT, nullptr);
+    got = recvmmsg(socket, queue.messages.data(), most, MSG_DONTWAIT, nullptr);
   } while (got < 0 && errno == EINTR);
   return got;
 }
 
 void hand_on(std::uint32_t index, received_datagram* datagram) {
-  stored_datagram* from = &store[index];
-  mmsghdr* message = &messages[index];
+  stored_datagram* from = &queue.store[index];
+  mmsghdr* message = &queue.messages[index];
   *datagram = {.bytes = {from->bytes.data(), message->msg_len},
                .failed = false,
                .source = from->source.sin_addr.s_addr,
                .source_port = from->source.sin_port,
-               .arrival = {.stamp = stamp_of(&message->msg_hdr, &read_at), .reading = read_at.now}};
+               .arrival = {.stamp = stamp_of(&message->msg_hdr, &queue.read_at), .reading = queue.read_at.now}};
 }
 
 }  // namespace
@@ -78,26 +81,26 @@ void hand_on(std::uint32_t index, received_datagram* datagram) {
 // Queued datagrams cost one call together, but are handed on one by one: the loop reports and sends between them as if
 // each had been read by itself.
 read_result read_datagram(int socket, std::uint32_t most, received_datagram* datagram) {
-  if (next_stored == stored_count) {
+  if (queue.next == queue.stored) {
     const int got = read_some(socket, std::clamp(most, 1U, longest_read_run));
     if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return read_result::nothing_there;
     if (got < 0 && (errno == EBADF || errno == ENOTSOCK)) return read_result::no_socket;
     *datagram = {};
     datagram->failed = got < 0;
     if (got <= 0) return got < 0 ? read_result::datagram : read_result::nothing_there;
-    stored_count = static_cast<std::uint32_t>(got);
-    read_at = read_both_clocks();
+    queue.stored = static_cast<std::uint32_t>(got);
+    queue.read_at = read_both_clocks();
   }
-  hand_on(next_stored++, datagram);
+  hand_on(queue.next++, datagram);
   return read_result::datagram;
 }
 
 bool has_read_ahead() {
-  return next_stored != stored_count;
+  return queue.next != queue.stored;
 }
 
 int discard_read_ahead() {
-  const auto discarded = static_cast<int>(stored_count - next_stored);
-  stored_count = next_stored = prepared_count = 0;
+  const auto discarded = static_cast<int>(queue.stored - queue.next);
+  queue.stored = queue.next = queue.prepared = 0;
   return discarded;
 }

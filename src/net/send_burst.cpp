@@ -28,11 +28,15 @@ constexpr std::uint32_t largest_udp_bytes = largest_ip_length - ipv4_header_byte
 constexpr std::uint32_t front_bytes = 64;
 constexpr std::size_t most_pieces = 2;
 
-std::array<std::array<std::uint8_t, front_bytes>, largest_burst> fronts = {};
-std::array<std::uint8_t, message_buffer_bytes> zeros = {};
-std::array<iovec, most_pieces * largest_burst> pieces = {};
-std::array<mmsghdr, largest_burst> messages = {};
-sockaddr_in destination = {};  // of all of them
+struct burst_buffers {
+  std::array<std::array<std::uint8_t, front_bytes>, largest_burst> fronts;
+  std::array<std::uint8_t, message_buffer_bytes> zeros;
+  std::array<iovec, most_pieces * largest_burst> pieces;
+  std::array<mmsghdr, largest_burst> messages;
+  sockaddr_in destination;  // of all of them
+};
+
+burst_buffers burst;
 
 std::size_t pieces_of_packet(const run_state* run) {
   return run->transmit_length <= front_bytes ? 1 : most_pieces;
@@ -41,17 +45,17 @@ std::size_t pieces_of_packet(const run_state* run) {
 void build_packet(const test_settings* settings, const run_state* run, const test_stats* stats, std::uint32_t index,
                   std::int64_t now) {
   const std::uint32_t sequence = run->current_tx__packet + index;
-  std::uint8_t* front = fronts[index].data();
-  fronts[index] = {};  // another run of this process may have had a longer header
+  std::uint8_t* front = burst.fronts[index].data();
+  burst.fronts[index] = {};  // another run of this process may have had a longer header
   write_frame_header(settings, run, sequence, front);
 
   const std::size_t piece_count = pieces_of_packet(run);
-  iovec* own_pieces = &pieces[index * piece_count];
+  iovec* own_pieces = &burst.pieces[index * piece_count];
   own_pieces[0] = {.iov_base = front, .iov_len = std::min(run->transmit_length, front_bytes)};
-  if (piece_count > 1) own_pieces[1] = {.iov_base = zeros.data(), .iov_len = run->transmit_length - front_bytes};
-  msghdr* message = &messages[index].msg_hdr;
-  message->msg_name = &destination;
-  message->msg_namelen = sizeof destination;
+  if (piece_count > 1) own_pieces[1] = {.iov_base = burst.zeros.data(), .iov_len = run->transmit_length - front_bytes};
+  msghdr* message = &burst.messages[index].msg_hdr;
+  message->msg_name = &burst.destination;
+  message->msg_namelen = sizeof burst.destination;
   message->msg_iov = own_pieces;
   message->msg_iovlen = piece_count;
   arm_slot(settings, run, sequence, now);
@@ -67,7 +71,7 @@ struct call_result {
 call_result send_side_by_side(const run_state* run, std::uint32_t first, std::uint32_t count) {
   const auto segment_bytes = static_cast<std::uint16_t>(run->transmit_length);
   alignas(cmsghdr) std::array<std::uint8_t, CMSG_SPACE(sizeof segment_bytes)> control = {};
-  msghdr message = messages[first].msg_hdr;
+  msghdr message = burst.messages[first].msg_hdr;
   message.msg_iovlen *= count;
   message.msg_control = control.data();
   message.msg_controllen = control.size();
@@ -80,7 +84,7 @@ call_result send_side_by_side(const run_state* run, std::uint32_t first, std::ui
 }
 
 call_result send_one_by_one(const run_state* run, std::uint32_t first, std::uint32_t count) {
-  const int sent = sendmmsg(run->data_socket, &messages[first], count, MSG_DONTWAIT);
+  const int sent = sendmmsg(run->data_socket, &burst.messages[first], count, MSG_DONTWAIT);
   return {outcome_of(sent), static_cast<std::uint32_t>(std::max(sent, 0))};
 }
 
@@ -97,7 +101,7 @@ std::uint32_t segments_of_call(const test_settings* settings, const run_state* r
 
 // Packets `first` and up to `count` more of the burst.
 call_result send_in_one_call(const test_settings* settings, run_state* run, std::uint32_t first, std::uint32_t count) {
-  if (refuses_destination(settings, &destination)) return {send_outcome::refused, 0};
+  if (refuses_destination(settings, &burst.destination)) return {send_outcome::refused, 0};
   const std::uint32_t segments = segments_of_call(settings, run, count);
   if (segments > 1) {
     const call_result result = send_side_by_side(run, first, segments);
@@ -123,7 +127,7 @@ bool sends_bursts(const test_settings* settings) {
 // All packets are built and recorded first, at one time, so that the calls follow one another; what one call leaves the
 // next takes.
 std::uint32_t send_burst(const test_settings* settings, run_state* run, test_stats* stats, std::uint32_t count) {
-  destination = current_destination(settings);
+  burst.destination = current_destination(settings);
   const std::int64_t now = clock_now();
   for (std::uint32_t i = 0; i < count; ++i) build_packet(settings, run, stats, i, now);
   std::uint32_t done = 0;
