@@ -6,7 +6,6 @@
 #include "base/signals.h"
 #include "engine/release.h"
 #include "net/socket_wait.h"
-#include "report/summary.h"
 #include "support/expect.h"
 #include "wire/remote_command.h"
 
@@ -195,24 +194,6 @@ TEST(Debugging, TellsEverySendAndWait) {
   workbench stream("-u -i -D");  // that a monitor was commanded to send
   stream.settings.remote_run = 1;
   EXPECT_EQ(said([&] { run_test(&stream.settings, &stream.stats, &stream.run, nullptr); }), "");
-}
-
-TEST(Progress, OfRequestsAndOfBatches) {
-  workbench echo;
-  workbench commander("-c -E50");
-  for (workbench* b : {&echo, &commander}) {
-    b->run.batch = 4;
-    b->stats.tx_packets = 8;
-    b->stats.rx_packets = 5;
-    b->stats.lost_packets = 2;
-    b->stats.lost_in_bad_samples = 14;
-  }
-  const auto progress = [](const workbench& b) { return said([&] { print_progress(&b.settings, &b.run, &b.stats); }); };
-  EXPECT_EQ(progress(echo), "[err] So far: 8 sent, 5 received, 2 lost, 25.00% lost\n");
-  EXPECT_EQ(progress(commander), "[err] So far: 200 sent, 184 received, 16 lost, 8.00% lost\n");
-  commander.run.batch = 0;
-  commander.stats = {};
-  EXPECT_EQ(progress(commander), "[err] So far: 0 sent, 0 received, 0 lost, 0.00% lost\n");
 }
 
 TEST(Progress, IsToldAtOnceAndDisturbsNoSchedule) {
