@@ -16,6 +16,7 @@
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "base/settings.h"
+#include "engine/loop.h"
 #include "net/icmp_handler.h"
 #include "net/kernel_stamps.h"
 #include "net/message_handler.h"
@@ -25,6 +26,7 @@
 #include "report/sample_list.h"
 #include "support/frames.h"
 #include "support/simulated_world.h"
+#include "wire/remote_command.h"
 
 inline std::vector<std::string> words_of(const std::string& line) {
   std::istringstream words(line);
@@ -132,6 +134,11 @@ struct workbench {
     arrival.reading = world.now;
     return handle_test_message(inet_addr("10.0.0.7"), htons(9999), bytes.data(), static_cast<int>(bytes.size()),
                                &arrival, &settings, &stats, &run);
+  }
+  // The whole test; a commander's command is blank.
+  void run_to_end() {
+    const command_body command = {};
+    run_test(&settings, &stats, &run, &command);
   }
   // Joins run.data_socket to world.peer, by a stream or by datagrams.
   void connect(int type) {

@@ -6,9 +6,7 @@
 #include "base/signals.h"
 #include "engine/release.h"
 #include "net/socket_wait.h"
-#include "report/summary.h"
 #include "support/expect.h"
-#include "wire/remote_command.h"
 
 // Every request is answered `usec` after it was sent.
 static void answer_after(workbench* b, std::int64_t usec) {
@@ -21,7 +19,7 @@ static void answer_after(workbench* b, std::int64_t usec) {
 TEST(EchoRun, SendsAgainAfterEveryAnswer) {  // were it to read what is queued first, each would print a bitrate line
   workbench b("-e500 -a10 -d0 -A50 -s");
   answer_after(&b, 1000);
-  const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  const std::string text = said([&] { b.run_to_end(); });
   const auto lines = std::count(text.begin(), text.end(), '\n') - 6;  // the rest is the host and the summary
   EXPECT_EQ(lines, 9 + 10) << text;  // one at every fiftieth, but for each that is outstanding when the last is sent
 }
@@ -58,7 +56,7 @@ TEST(EchoRun, TakesNoNoticeOfADateThatIsSet) {
       world.after(moment, [step] { world.set_by = step; });
       answer_after(&b, 1000);
       if (arguments != "-e8") world.on_send = [](const byte_vector&) { world.now += 50; };  // what a send takes
-      return said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+      return said([&] { b.run_to_end(); });
     };
     const std::string undisturbed = text_with(0, 0);
     for (const std::int64_t step : list{3600000000, -3600000000, -200000, 20 * 365 * 86400000000}) {
@@ -75,7 +73,7 @@ TEST(Blast, OfALongReleaseEndsWithAStopSignal) {
     world.on_send = [](const byte_vector&) {
       if (world.sent == 200) std::raise(SIGTERM);
     };
-    run_test(&b.settings, &b.stats, &b.run, nullptr);
+    b.run_to_end();
     EXPECT_LT(world.sent, 300);
   });
 }
@@ -90,7 +88,7 @@ static list send_times(const std::string& arguments, std::int64_t due = 0, std::
   world.after(due + lateness + 1, [] { world.overshoot = 70; });
   list times;
   world.on_send = [&](const byte_vector&) { times.push_back((world.now - start) / 10 * 10); };
-  said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  said([&] { b.run_to_end(); });
   return times;
 }
 
@@ -114,7 +112,7 @@ TEST(TcpRun, WithNothingToSendDoesNotSpin) {
   for (const char* arguments : {"-p --server -i -S2 -d1000", "-p -e99 -a99 -d1 -l65535 -S2 -T900000"}) {
     workbench b(arguments);
     b.connect(SOCK_STREAM);
-    said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+    said([&] { b.run_to_end(); });
     EXPECT_LT(world.readings, 20000) << arguments;
   }
 }
@@ -132,7 +130,7 @@ TEST(TcpRun, KeepsTheCreditOfWhatAFullConnectionCutShort) {
   world.after(100000, read_all);
   std::uint32_t sent = 0;
   world.after(310000, [&] { sent = b.run.current_tx__packet; });
-  said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  said([&] { b.run_to_end(); });
   EXPECT_LT(sent_until_then, 90U);
   EXPECT_EQ(sent, 300U);
 }
@@ -146,8 +144,7 @@ TEST(Commander, ReadsAwayWhatAMonitorStillSendsForAnother) {
     EXPECT_EQ(world.now, start + 30000 + 20000);  // behind 20 ms of silence
     for (int i = 0; i < 2; ++i) world.deliver(5000 * i, message(3, 55, 0, i, 100));
   };
-  const command_body command = {};
-  const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
+  const std::string text = said([&] { b.run_to_end(); });
   EXPECT_NE(text.find("Flushed 3 frames\n"), std::string::npos) << text;
   EXPECT_NE(text.find(" Pkts:   2/2 "), std::string::npos) << text;
   EXPECT_EQ(b.stats.start_time, start + 50000);
@@ -159,8 +156,7 @@ TEST(Commander, OpensNoBatchForACommandThatCouldNotLeave) {
     b.connect(b.settings.tcp != 0 ? SOCK_STREAM : SOCK_DGRAM);
     world.meets = [](call which) { return which == call::sendto ? world.now += 10000, EAGAIN : 0; };
     if (b.settings.tcp != 0) world.fill();
-    const command_body command = {};
-    const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
+    const std::string text = said([&] { b.run_to_end(); });
     EXPECT_TRUE(text.starts_with("Test complete! Total test time:    1.0")) << text;  // and nothing before it
     EXPECT_TRUE(text.ends_with("\n[err] Destination IP = 10.0.0.1\n")) << text;
     EXPECT_EQ(numbers(b.run.batch, b.stats.bad_samples, b.run.connection_is_gone), (list{0, 0, 0}));
@@ -179,13 +175,12 @@ TEST(Commander, EveryPacketOfTheStreamGetsItsSlotAndTheCommandLeavesTheBuffer) {
 TEST(Commander, FiguresOfEveryBatchBeginAnew) {
   workbench b("-c -e3 -E3 -v -s -T0 -d1000");
   b.connect(SOCK_DGRAM);
-  const command_body command = {};
   world.on_send = [&](const byte_vector& operation) {
     const int batch = operation[11];
     for (int i = 0; i < 3; i += batch == 2 ? 2 : 1)  // a packet of the last one is lost: no two follow each other
       world.deliver((batch == 0 ? 5000 : 900) * i, message(3, 55, batch, i, 100));
   };
-  const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
+  const std::string text = said([&] { b.run_to_end(); });
   EXPECT_NE(text.find(" 2 late"), std::string::npos) << text;
   EXPECT_NE(text.find("m/M/a   5.000/  5.000/"), std::string::npos) << text;
   EXPECT_NE(text.find(" 0 late"), std::string::npos) << text;
@@ -201,14 +196,14 @@ TEST(IcmpMonitor, LocksOnTheFirstSenderThatItHears) {
     b.connect(SOCK_DGRAM);
     for (int i = 0; i < 3; ++i) world.deliver(1000 * i, datagram(icmp_message(0, 1234, i)));
     world.after(5000, [] { std::raise(SIGTERM); });
-    run_test(&b.settings, &b.stats, &b.run, nullptr);
+    b.run_to_end();
     EXPECT_EQ(numbers(b.settings.process_id, b.stats.rx_packets), (list{1234, 2}));
   });
 }
 
 TEST(Debugging, TellsEverySendAndWait) {
   workbench b("-e2 -D -m -T1000000 -d5000");
-  const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  const std::string text = said([&] { b.run_to_end(); });
   for (const char* part : {"0.000000: Tx one, process_id = 00011170, *current_tx__packet = 0, batch = 0\n",
                            "\nSelect for 1.005000\n", "\n1.005000: Tx one, ", ", *current_tx__packet = 1, batch = 0\n"})
     EXPECT_NE(text.find(part), std::string::npos) << part << text;
@@ -219,25 +214,7 @@ TEST(Debugging, TellsEverySendAndWait) {
   EXPECT_TRUE(said(0, send).ends_with(", *current_tx__packet = 0, batch = 7\n"));
   workbench stream("-u -i -D");  // that a monitor was commanded to send
   stream.settings.remote_run = 1;
-  EXPECT_EQ(said([&] { run_test(&stream.settings, &stream.stats, &stream.run, nullptr); }), "");
-}
-
-TEST(Progress, OfRequestsAndOfBatches) {
-  workbench echo;
-  workbench commander("-c -E50");
-  for (workbench* b : {&echo, &commander}) {
-    b->run.batch = 4;
-    b->stats.tx_packets = 8;
-    b->stats.rx_packets = 5;
-    b->stats.lost_packets = 2;
-    b->stats.lost_in_bad_samples = 14;
-  }
-  const auto progress = [](const workbench& b) { return said([&] { print_progress(&b.settings, &b.run, &b.stats); }); };
-  EXPECT_EQ(progress(echo), "[err] So far: 8 sent, 5 received, 2 lost, 25.00% lost\n");
-  EXPECT_EQ(progress(commander), "[err] So far: 200 sent, 184 received, 16 lost, 8.00% lost\n");
-  commander.run.batch = 0;
-  commander.stats = {};
-  EXPECT_EQ(progress(commander), "[err] So far: 0 sent, 0 received, 0 lost, 0.00% lost\n");
+  EXPECT_EQ(said([&] { stream.run_to_end(); }), "");
 }
 
 TEST(Progress, IsToldAtOnceAndDisturbsNoSchedule) {
@@ -256,25 +233,24 @@ TEST(Progress, IsToldAtOnceAndDisturbsNoSchedule) {
         world.interrupted = true;
       });
       world.after(25001, [] { std::fputs("next\n", stderr); });
-      run_test(&b.settings, &b.stats, &b.run, nullptr);
+      b.run_to_end();
       EXPECT_EQ(times, (list{0, 20000, 40000, 60000}));
     }
     workbench commander("-c -e1 -E2 -s");  // in a batch, which goes on
     commander.connect(SOCK_DGRAM);
-    const command_body command = {};
     world.on_send = [&](const byte_vector&) {
       world.deliver(0, message(3, 55, 0, 0));
       world.after(25000, [] { std::raise(SIGQUIT); });
       world.deliver(50000, message(3, 55, 0, 1));
     };
-    run_test(&commander.settings, &commander.stats, &commander.run, &command);
+    commander.run_to_end();
     EXPECT_EQ(numbers(commander.stats.rx_packets, commander.stats.bad_samples), (list{2, 0}));
     workbench b("-i -d1 -e1000");  // in a long release
     world.on_send = [](const byte_vector&) {
       if (world.sent == 200) std::raise(SIGQUIT);
       if (world.sent == 300) std::fputs("next\n", stderr);
     };
-    run_test(&b.settings, &b.stats, &b.run, nullptr);
+    b.run_to_end();
   };
   apart(run, told);
 }

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <functional>
 
-#include "engine/loop.h"
 #include "support/expect.h"
 #include "wire/bytes.h"
 
@@ -32,7 +31,7 @@ sent_run blast(const std::string& arguments, const std::function<int(call)>& mee
     EXPECT_LE(world.now - slot_of(&b.run, static_cast<std::uint32_t>(sequence))->tx_time, 10);
     result.sequences.push_back(sequence);
   };
-  result.text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  result.text = said([&] { b.run_to_end(); });
   result.counted = b.stats.tx_packets;
   return result;
 }
@@ -56,7 +55,7 @@ TEST(Burst, EveryPacketOnceInOrderInFewCalls) {
   // A send time is measured in echo mode, in a sweep, in a traceroute: a call for each.
   for (const std::string arguments : {"-u -a20 -d1 -e20 -T1", "-u -i -d1 -e10 10.0.0.1 10.0.0.2", "-i -t -d1 -e20"}) {
     workbench b(arguments);
-    said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+    said([&] { b.run_to_end(); });
     EXPECT_EQ(numbers(world.sent, world.send_calls), (list{20, 20})) << arguments;
   }
 }

@@ -3,11 +3,9 @@
 #include <cerrno>
 
 #include "base/signals.h"
-#include "engine/loop.h"
 #include "net/message_handler.h"
 #include "net/receive_frame.h"
 #include "support/expect.h"
-#include "wire/remote_command.h"
 
 static bool has_ended(int socket) {
   char byte = 0;
@@ -72,7 +70,7 @@ TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
     workbench b("-p -e5 -d10000 -T10000 -S9 " + options);
     b.connect(SOCK_STREAM);
     shutdown(world.peer, end);
-    const std::string text = said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+    const std::string text = said([&] { b.run_to_end(); });
     const char* const line = "Err- could not send 20 bytes. Sent 0 bytes\n";
     EXPECT_EQ(text.find(line), 0U) << text;
     EXPECT_EQ(text.rfind(line), 0U) << text;  // nothing more is sent
@@ -85,7 +83,7 @@ TEST(EchoRun, OfAClosedConnectionEndsWithoutSpinning) {
       b.connect(SOCK_STREAM);
       if (count == "-e9") world.after(100, [] { std::raise(SIGTERM); });
       world.after(10900, [] { shutdown(world.peer, SHUT_WR); });  // took the request, never answers
-      run_test(&b.settings, &b.stats, &b.run, nullptr);
+      b.run_to_end();
       EXPECT_EQ(numbers(b.stats.tx_packets, b.stats.lost_packets, b.run.data_socket), (list{1, 1, -1}));
       EXPECT_LT(world.readings, 100);
     }
@@ -98,8 +96,7 @@ TEST(Commander, SendsItsCommandOnceAFullConnectionHasRoom) {
   world.fill();
   world.after(50000, [] { world.drain(); });
   world.deliver(60000, message(3, 55, 0, 0, 100));
-  const command_body command = {};
-  said([&] { run_test(&b.settings, &b.stats, &b.run, &command); });
+  said([&] { b.run_to_end(); });
   EXPECT_EQ(numbers(world.drain().size(), b.stats.tx_packets, b.stats.bad_samples), (list{164, 1, 0}));
 }
 
