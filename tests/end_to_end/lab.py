@@ -4,11 +4,12 @@ import contextlib, fcntl, os, re, select, socket, struct, subprocess, sys, tempf
 from collections import namedtuple
 from pathlib import Path
 
-LABORATORY = str(Path(__file__).parents[2] / "lab")
-sys.path.insert(0, LABORATORY)
+TOP = Path(__file__).parents[2]
+sys.path.insert(0, str(TOP / "lab"))
 from network import LIBC, End, Host, Link, chain, standing
 
-VORN = os.path.abspath(os.environ.get("VORN", Path(__file__).parents[2] / "build/debug/vorn"))
+VORN = os.path.abspath(os.environ.get("VORN", TOP / "build/debug/vorn"))
+VERSION = ".".join(re.findall(r"version_(?:major|minor) = (\d+);", (TOP / "src/base/version.h").read_text()))
 SET_DATE = os.environ.get("SET_DATE", "")  # the library that shows a program a date that is set
 PATIENCE = 60  # seconds that only a hanging program exceeds
 HOST, LOOPBACK = "10.9.0.2", "127.0.0.1"  # the first stands behind the TUN device, as does all of 10.9.0.0/16
@@ -40,7 +41,7 @@ class Program:
 
     @property
     def body(self):  # standard output behind the banner
-        banner = r"Vorn version 5\.2, .*\nBuilt [A-Z][a-z]{2} [ \d]\d \d{4} at \d\d:\d\d:\d\d\n"
+        banner = rf"Vorn version {re.escape(VERSION)}, .*\nBuilt [A-Z][a-z]{{2}} [ \d]\d \d{{4}} at \d\d:\d\d:\d\d\n"
         return self.out[re.match(banner, self.out).end():]
 
     def proc(self, file):

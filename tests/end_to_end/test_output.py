@@ -3,7 +3,7 @@ import os, re, shutil, signal, subprocess
 
 import pytest
 from lab import (
-    HOST, LOCAL_PORT, LOOPBACK, REMOTE_PORT, TunPeer, error, eventually, received, reply, shape, summary, udp)
+    HOST, LOCAL_PORT, LOOPBACK, REMOTE_PORT, VERSION, TunPeer, error, eventually, received, reply, shape, summary, udp)
 
 CLIENT, END = "Engaging options: -c -u -s -d0 -l1500 -E50 -e1000\n", "Cleanup exit\n"
 SHORT = ("--client", LOOPBACK, "-e2", "-E3", "-d1000", "-T2000000000")
@@ -42,7 +42,7 @@ def test_closed_descriptors(lab, tmp_path, closed):
     assert run.out == "" if "1" in closed else run.body.startswith(CLIENT) and "Test complete!" in run.body
     assert (run.err, run.status) == ("" if "2" in closed else TO_HERE + END, 0)
     for name in ("out.csv", "HISTOGRAM_out.csv"):  # neither they nor a socket have taken the console's place
-        assert re.fullmatch(r"Vorn Version,[^\n]*\n5\.2,[^\n]*,\n", (tmp_path / name).read_text())
+        assert re.fullmatch(rf"Vorn Version,[^\n]*\n{re.escape(VERSION)},[^\n]*,\n", (tmp_path / name).read_text())
 
 
 def test_full_disk_and_odd_results_files(lab, tmp_path):
@@ -56,7 +56,7 @@ def test_full_disk_and_odd_results_files(lab, tmp_path):
         run = lab.run(*SHORT, f"-f{name}", at=here, cwd=tmp_path)
         assert (run.err, run.status) == (TO_HERE + words + END, 0)
     assert (tmp_path / "out/row.csv").read_text().count("\n") == 2
-    assert re.fullmatch(r"(5\.2,fifo,[^\n]*,\n)?", reader.read())
+    assert re.fullmatch(rf"({re.escape(VERSION)},fifo,[^\n]*,\n)?", reader.read())
     run = lab.start(*SHORT, "-d300000", "-ffifo", at=here, cwd=tmp_path)
     run.wait_for("Destination")
     reader.close()
@@ -118,7 +118,7 @@ def test_two_commanders_append_to_one_file(lab, tmp_path):
     for name, least in (("out.csv", 13 + 110), ("HISTOGRAM_out.csv", 13)):
         headings, *rows = (tmp_path / name).read_text().splitlines()
         assert headings.startswith("Vorn Version,") and len(rows) == 11
-        assert all(row.startswith("5.2,out.csv,udp,") and row.count(",") >= least and row.endswith(",") for row in rows)
+        assert all(row.startswith(f"{VERSION},out.csv,udp,") and row.count(",") >= least and row.endswith(",") for row in rows)
 
 
 def test_what_this_host_itself_lost_is_told(lab):
