@@ -10,7 +10,8 @@ from network import LIBC, End, Host, Link, chain, standing
 
 VORN = os.path.abspath(os.environ.get("VORN", TOP / "build/debug/vorn"))
 VERSION = ".".join(re.findall(r"version_(?:major|minor) = (\d+);", (TOP / "src/base/version.h").read_text()))
-SET_DATE = os.environ.get("SET_DATE", "")  # the library that shows a program a date that is set
+# The library that shows a program a date that is set.
+SET_DATE = os.path.abspath(os.environ.get("SET_DATE", TOP / "build/debug/tests/libvorn_set_date.so"))
 PATIENCE = 60  # seconds that only a hanging program exceeds
 HOST, LOOPBACK = "10.9.0.2", "127.0.0.1"  # the first stands behind the TUN device, as does all of 10.9.0.0/16
 LOCAL_PORT, REMOTE_PORT = 8003, 8004  # a commander's; a monitor swaps them
