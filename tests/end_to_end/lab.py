@@ -1,6 +1,6 @@
 # The laboratory of the end-to-end tests: the networks of lab/network.py, the program in them, a peer that follows a
 # script, and what the program sends and prints. Nothing is left behind, however a test ends.
-import contextlib, fcntl, os, re, select, socket, struct, subprocess, sys, tempfile, threading, time
+import contextlib, csv, fcntl, os, re, select, socket, struct, subprocess, sys, tempfile, threading, time
 from collections import namedtuple
 from pathlib import Path
 
@@ -258,6 +258,13 @@ def command(echoes, **changes):
 
 
 # ---- what the program prints ----
+
+# The last row of a results file, by the headings of its first.
+def last_row(file):
+    with file.open() as table:
+        headings, *_, row = csv.reader(table)
+    return dict(zip(headings, row))
+
 
 # Measured figures become #, but only where they stand in a column as wide as it must be.
 def shape(text):
