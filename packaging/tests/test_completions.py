@@ -122,10 +122,11 @@ def test_hosts_are_those_already_known(terminal):
 
 def test_fish_offers_whole_words(tmp_path):
     make_home(tmp_path)
+    sourced = "".join(f"source {QUOTED}/{name}.fish; " for name in ("vorn", "vorn-check", "vorn-plot", "vorn-record"))
 
     def offered(typed):
-        script = f"source {QUOTED}/vorn.fish; complete -C {shlex.quote(typed)}"
-        shown = subprocess.run(["fish", "-c", script], cwd=tmp_path, env={"HOME": str(tmp_path), "PATH": os.environ["PATH"]},
+        shown = subprocess.run(["fish", "-c", f"{sourced} complete -C {shlex.quote(typed)}"], cwd=tmp_path,
+                               env={"HOME": str(tmp_path), "PATH": os.environ["PATH"]},
                                stdout=subprocess.PIPE, text=True, check=True).stdout
         return {line.partition("\t")[0] for line in shown.splitlines()}
 
@@ -136,22 +137,11 @@ def test_fish_offers_whole_words(tmp_path):
     assert offered("vorn -Rsol") == {"-Rsolo.example"}
     assert offered("vorn -S10 solo.example gauge") == {"gauge-one.example", "gauge-two.example"}
     assert offered("vorn 1.2.3.4 5.6.7.8 sol") == set()
-
-
-def test_fish_completes_the_companions(tmp_path):
-    make_home(tmp_path)
-
-    def offered(command, typed):
-        script = f"source {QUOTED}/vorn.fish; source {QUOTED}/{command}.fish; complete -C {shlex.quote(f'{command} {typed}')}"
-        shown = subprocess.run(["fish", "-c", script], cwd=tmp_path, env={"HOME": str(tmp_path), "PATH": os.environ["PATH"]},
-                               stdout=subprocess.PIPE, text=True, check=True).stdout
-        return {line.partition("\t")[0] for line in shown.splitlines()}
-
-    assert offered("vorn-check", "--rtt") == {"--rtt-p95", "--rtt-p99", "--rtt-max"}
-    assert offered("vorn-plot", "-k la") == {"latency"}
-    assert "night run.csv" in offered("vorn-plot", "ni")
-    assert offered("vorn-record", "--ev") == {"--every"}
-    assert offered("vorn-record", "-- --cl") == {"--client"}
+    assert offered("vorn-check --rtt") == {"--rtt-p95", "--rtt-p99", "--rtt-max"}
+    assert offered("vorn-plot -k la") == {"latency"}
+    assert "night run.csv" in offered("vorn-plot ni")
+    assert offered("vorn-record --ev") == {"--every"}
+    assert offered("vorn-record -- --cl") == {"--client"}
 
 
 def test_the_files_are_what_the_table_makes():

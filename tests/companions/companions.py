@@ -6,6 +6,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[2]
 COMPANIONS = ROOT / "companions/src"
 sys.path += [str(COMPANIONS), str(ROOT / "tests/end_to_end")]
+from lab import VERSION
 from vorn_companions.commands import plot
 
 
@@ -18,7 +19,7 @@ def companion(name):
 
 HOST = "10.0.0.2"
 ERROR, HOP = "Destination Unreachable", "TTL Exceeded"  # kinds of answers beside the reply
-BANNER = f"Vorn version 5.2, a notice\nBuilt Jan  5 2026 at 09:00:00\nDestination IP = {HOST}\n"
+BANNER = f"Vorn version {VERSION}, a notice\nBuilt Jan  5 2026 at 09:00:00\nDestination IP = {HOST}\n"
 
 
 def answer(sequence, seconds=0.010, kind=" Echo Reply ", host=HOST):

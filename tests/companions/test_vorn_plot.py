@@ -3,7 +3,7 @@ import contextlib, math, random, re, signal, subprocess
 
 import pytest
 from companions import BANNER, ERROR, HOP, answer, batch, companion, draw, silent_batch, timed_out, totals
-from lab import Program
+from lab import VERSION, Program
 from vorn_companions import words
 from vorn_companions.commands import plot
 from vorn_companions.figures import echo, histogram, hosts, numbers, rate, rows as tests
@@ -22,7 +22,7 @@ COLUMNS = " 94.0  93.9  91.8  91.2 123456.7  52.0  41.6 "  # what -b and -B add 
 
 def row(values, name="r.csv", tag="NULL", bad=3, batches=100, day=5):
     when = f"Mon Jan {day:2} 09:30:00 2026"
-    fields = ["5.2", name, "udp", bad, 12, 140, batches, 50, 1500, 1, "  12.500s", when, tag, *values]
+    fields = [VERSION, name, "udp", bad, 12, 140, batches, 50, 1500, 1, "  12.500s", when, tag, *values]
     return "".join(f"{field}," for field in fields) + "\n"
 
 

@@ -1,15 +1,17 @@
 # The laboratory of the end-to-end tests: the networks of lab/network.py, the program in them, a peer that follows a
 # script, and what the program sends and prints. Nothing is left behind, however a test ends.
-import contextlib, fcntl, os, re, select, socket, struct, subprocess, sys, tempfile, threading, time
+import contextlib, csv, fcntl, os, re, select, socket, struct, subprocess, sys, tempfile, threading, time
 from collections import namedtuple
 from pathlib import Path
 
-LABORATORY = str(Path(__file__).parents[2] / "lab")
-sys.path.insert(0, LABORATORY)
+TOP = Path(__file__).parents[2]
+sys.path.insert(0, str(TOP / "lab"))
 from network import LIBC, End, Host, Link, chain, standing
 
-VORN = os.path.abspath(os.environ.get("VORN", Path(__file__).parents[2] / "build/debug/vorn"))
-SET_DATE = os.environ.get("SET_DATE", "")  # the library that shows a program a date that is set
+VORN = os.path.abspath(os.environ.get("VORN", TOP / "build/debug/vorn"))
+VERSION = ".".join(re.findall(r"version_(?:major|minor) = (\d+);", (TOP / "src/base/version.h").read_text()))
+# The library that shows a program a date that is set.
+SET_DATE = os.path.abspath(os.environ.get("SET_DATE", TOP / "build/debug/tests/libvorn_set_date.so"))
 PATIENCE = 60  # seconds that only a hanging program exceeds
 HOST, LOOPBACK = "10.9.0.2", "127.0.0.1"  # the first stands behind the TUN device, as does all of 10.9.0.0/16
 LOCAL_PORT, REMOTE_PORT = 8003, 8004  # a commander's; a monitor swaps them
@@ -40,7 +42,7 @@ class Program:
 
     @property
     def body(self):  # standard output behind the banner
-        banner = r"Vorn version 5\.2, .*\nBuilt [A-Z][a-z]{2} [ \d]\d \d{4} at \d\d:\d\d:\d\d\n"
+        banner = rf"Vorn version {re.escape(VERSION)}, .*\nBuilt [A-Z][a-z]{{2}} [ \d]\d \d{{4}} at \d\d:\d\d:\d\d\n"
         return self.out[re.match(banner, self.out).end():]
 
     def proc(self, file):
@@ -256,6 +258,13 @@ def command(echoes, **changes):
 
 
 # ---- what the program prints ----
+
+# The last row of a results file, by the headings of its first.
+def last_row(file):
+    with file.open() as table:
+        headings, *_, row = csv.reader(table)
+    return dict(zip(headings, row))
+
 
 # Measured figures become #, but only where they stand in a column as wide as it must be.
 def shape(text):

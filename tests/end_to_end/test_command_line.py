@@ -1,7 +1,7 @@
 # Refusals with their words, stream and status, the usage text, and what ordinary users may do.
 import hashlib, os, shutil, signal, socket, subprocess, tempfile
 
-from lab import LOOPBACK, REMOTE_PORT, VORN, eventually, received, shape, summary
+from lab import LOOPBACK, REMOTE_PORT, VERSION, VORN, eventually, received, shape, summary
 
 # SHA-256 of the usage text, whose letters scripts may read: in the program's place stands "vorn". An option that is
 # added changes it.
@@ -28,7 +28,7 @@ def test_presets_and_refusals(lab):
         "-a65535 -l65536 -E65536 -x": "-a# capped at 65534\n-l# capped at 65535\n",
     }.items():
         run = lab.run(*arguments.split())
-        before, version, usage = run.err.partition("vorn, version 5.2, ")
+        before, version, usage = run.err.partition(f"vorn, version {VERSION}, ")
         assert (before, run.body, run.status) == (words, PRESETS if "--v" in arguments else "", 1), arguments
         text, _, end = usage.partition("\n")[2].replace(VORN, "vorn").rpartition("Cleanup exit\n")
         assert version and hashlib.sha256(text.encode()).hexdigest() == USAGE and end == "", text

@@ -2,7 +2,7 @@
 import re, signal, socket, struct, time
 
 import pytest
-from lab import DATA, LOOPBACK, OPERATION, REMOTE_PORT, header, message, received, shape, summary
+from lab import DATA, LOOPBACK, OPERATION, REMOTE_PORT, VERSION, header, last_row, message, received, shape, summary
 
 CLIENT, TO_HERE = "Engaging options: -c -u -s -d0 -l1500 -E50 -e1000\n", f"Destination IP = {LOOPBACK}\n"
 HEADINGS = ["Vorn Version", "Filename", "Protocol", "Bad Samples", "Packets Lost", "Packets Lost(Bad Samples)",
@@ -59,8 +59,9 @@ def test_batches_of_a_monitor_that_loses_repeats_and_reorders(lab, tmp_path):
     run.finish()
     assert shape(run.body) == CLIENT + "".join(line for _, line, _ in batches) + "Test complete! Total test time: #s\n"
     assert run.err == TO_HERE + "".join(words for *_, words in batches) + "Cleanup exit\n" and run.status == 0
-    row = (tmp_path / "losses.csv").read_text().splitlines()[1].split(",")
-    assert row[3:8] == ["5", "0", "13", "4", "5"]  # batches that were bad, packets lost in good and bad ones, batches
+    row = last_row(tmp_path / "losses.csv")
+    assert (row["Bad Samples"], row["Batches"], row["Batch Size"]) == ("5", "4", "5")
+    assert (row["Packets Lost"], row["Packets Lost(Bad Samples)"]) == ("0", "13")
     assert 2 <= float(re.search(r"test time: +([\d.]+)s", run.body)[1]) < 20  # two of them ended by a second of silence
 
 
@@ -79,7 +80,7 @@ def test_results_files(lab, tmp_path, name, separator, option):
         markers = re.findall(r"^ *\d+:(.)", run.body, re.M)  # one of a batch: a monitor that was held up made it bad
         bad, good = markers.count("*"), markers.count(" ")
         closed = bad + good if option == "-S1" else good
-        assert row[:4] + row[6:10] == ["5.2", name, "udp", str(bad), str(closed), "10", "1500", "200"]
+        assert row[:4] + row[6:10] == [VERSION, name, "udp", str(bad), str(closed), "10", "1500", "200"]
         assert re.fullmatch(r" *\d+\.\d{3}s", row[10]) and time.strptime(row[11])
         assert row[12] == ("night" if option == "-Fnight" else "NULL") and row[-1] == ""
         values = [float(value) for value in row[13:-1]]
@@ -109,8 +110,8 @@ def test_commands_go_to_the_first_host_alone(lab, tmp_path):
     lines = "    1:*** Rx 1, Lost 0\n    2:*** Rx 1, Lost 0\n    3:*** Rx 1, Lost 0\n"
     assert shape(run.body) == CLIENT + lines + "Test complete! Total test time: #s\n"
     assert run.err == "Start IP= 127.0.0.1  End IP= 127.0.0.5\nCleanup exit\n"
-    row = (tmp_path / "out.csv").read_text().splitlines()[1].split(",")
-    assert (row[3], row[6]) == ("1", "3")  # with a duration all batches count, the bad one too
+    row = last_row(tmp_path / "out.csv")
+    assert (row["Bad Samples"], row["Batches"]) == ("1", "3")  # with a duration all batches count, the bad one too
 
 
 # By a commander that awaits a batch, whose results are kept, and by a test that sends.
@@ -130,7 +131,7 @@ def test_a_lost_connection(lab, tmp_path, stray, batches):
     lines = batch_line(1, 2, echoes=2) + batch_line(2, 2, echoes=2)
     assert shape(run.body).startswith(CLIENT + lines + "Test complete! ")
     assert run.err == TO_HERE + "Err: Could not accept connection\nCleanup exit\n"
-    assert (tmp_path / "lost.csv").read_text().splitlines()[1].split(",")[6] == batches
+    assert last_row(tmp_path / "lost.csv")["Batches"] == batches
     run = lab.start("-p", "-i", "-e9999", "-d1000", LOOPBACK, at=here)
     peer, _ = server.accept()
     peer.shutdown(socket.SHUT_WR)  # so that a send meets EPIPE, and not ECONNRESET

@@ -7,12 +7,21 @@ from lab import HOST, LOOPBACK, SET_DATE, TunPeer, reply
 STEPS = (-0.2, -5, 0.2, 3600)  # seconds
 
 
+def setting_the_date(seconds, after):
+    return {"LD_PRELOAD": SET_DATE, "SET_DATE_AFTER": f"{int(after * 1e6)}", "SET_DATE_BY": f"{int(seconds * 1e6)}"}
+
+
+# Without the library, or with one that does nothing, all tests here would pass.
+@pytest.fixture(autouse=True)
+def the_date_can_be_set(lab):
+    told = lab.run("-c", "import time; print(time.time())", program="python3", env=setting_the_date(3600, after=0))
+    assert float(told.out) > time.time() + 3000, f"{SET_DATE} does not set the date: {told.err}"
+
+
 # The output of a run for each step of the date that comes 0.4 s after its start, of all of them side by side.
 def outputs(lab, arguments, at):
     began = time.monotonic()
-    runs = [lab.start(*arguments, at=host, env={
-        "LD_PRELOAD": SET_DATE, "SET_DATE_AFTER": "400000", "SET_DATE_BY": f"{int(step * 1e6)}"})
-        for step, host in zip(STEPS, at)]
+    runs = [lab.start(*arguments, at=host, env=setting_the_date(step, after=0.4)) for step, host in zip(STEPS, at)]
     texts = [run.finish().body for run in runs]
     return texts, time.monotonic() - began
 
