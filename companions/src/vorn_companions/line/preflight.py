@@ -41,12 +41,16 @@ def is_answered(session: Session, *options: str) -> bool:
     return any(isinstance(record, Request) and record.answer for record in records_of(run))
 
 
+def insist_on_icmp(pinging: UnderWay) -> None:
+    if refusal := refusal_of(pinging):
+        raise NotMeasured(f"no right to send ICMP, which measures the delay: {refusal}")
+
+
 def look_before(session: Session) -> None:
     """Raises NotMeasured, with the reason, within two seconds when the line cannot be measured."""
     with under_way(session, *PINGS) as pinging:
         streaming = streams_back(session)
-        if refusal := refusal_of(pinging):
-            raise NotMeasured(f"no right to send ICMP, which measures the delay: {refusal}")
+        insist_on_icmp(pinging)
         if not streaming and is_answered(session, "-u", "-e3", "-d10000", "-a3"):
             raise NotMeasured(f"a monitor answers at {session.host}, but its stream to UDP port 8003 of this host does "
                               "not arrive: a firewall?")
@@ -54,5 +58,6 @@ def look_before(session: Session) -> None:
             raise NotMeasured(f"no monitor answers at {session.host}: vorn --server has to run there, and UDP port "
                               "8004 to be open")
         wait_for(session, pinging, longest_sec=1.5)
+        insist_on_icmp(pinging)  # on a busy host a stream may be back before the pings have begun
     if not any(isinstance(record, Request) and record.answer for record in records_of(pinging)):
         raise NotMeasured(f"{session.host} answers no ICMP echo requests, which measure the delay")
