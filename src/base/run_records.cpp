@@ -10,6 +10,7 @@ std::int64_t time_of_step(run_state* run) {
   return run->step_time;
 }
 
+// What only an answer sets stays as it was: nobody looks at it before the request is settled.
 packet_slot* arm_slot(const test_settings* settings, const run_state* run, std::uint32_t sequence,
                       std::int64_t tx_time) {
   packet_slot* slot = slot_of(run, sequence);

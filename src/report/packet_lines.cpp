@@ -8,6 +8,7 @@
 #include "base/settings.h"
 #include "wire/icmp_echo.h"
 
+// The clock is read anew: the line says when the packet leaves, not when its release was decided.
 void print_debug_line(const test_settings* settings, const run_state* run, const test_stats* stats,
                       std::uint32_t sequence) {
   if (settings->debug == 0 || !speaks(settings)) return;
