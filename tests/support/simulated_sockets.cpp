@@ -77,12 +77,14 @@ void simulated_world::fill() const {
   }
 }
 
-byte_vector simulated_world::drain() const {
+std::size_t simulated_world::drain(byte_vector* bytes) const {
   static std::array<std::uint8_t, 65536> piece;
-  byte_vector all;
-  for (ssize_t got = 0; (got = recv(peer, piece.data(), piece.size(), MSG_DONTWAIT)) > 0;)
-    all.insert(all.end(), piece.begin(), piece.begin() + got);
-  return all;
+  std::size_t total = 0;
+  for (ssize_t got = 0; (got = recv(peer, piece.data(), piece.size(), MSG_DONTWAIT)) > 0;) {
+    total += static_cast<std::size_t>(got);
+    if (bytes != nullptr) bytes->insert(bytes->end(), piece.begin(), piece.begin() + got);
+  }
+  return total;
 }
 
 extern "C" {

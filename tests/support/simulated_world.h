@@ -3,6 +3,7 @@
 // up and use a socket are replaced in every test program.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <deque>
@@ -47,8 +48,8 @@ struct simulated_world {
   void deliver(std::int64_t usec, const byte_vector& bytes);
   // Lets the code send nothing more until the peer reads.
   void fill() const;
-  // Reads what the code has sent to the peer.
-  byte_vector drain() const;
+  // Reads what the code has sent to the peer, to append it to *bytes or to forget it. Returns how many bytes.
+  std::size_t drain(byte_vector* bytes = nullptr) const;
 };
 
 extern simulated_world world;

@@ -10,11 +10,7 @@ static std::int64_t age_of_arrival(const std::string& carrier, bool in_a_stream,
   b.request(5, 9000);
   b.run.last_rx_time = in_a_stream ? b.slot(5).tx_time : 0;
   b.arrival.stamp = world.now - stamp_age;
-  if (carrier.empty()) {
-    b.receive_icmp(datagram(icmp_message(0, 70000, 5)));
-  } else {
-    b.receive_message(message(2, 70000, 0, 5));
-  }
+  carrier.empty() ? b.receive_icmp(datagram(icmp_message(0, 70000, 5))) : b.receive_message(message(2, 70000, 0, 5));
   EXPECT_EQ(b.stats.rx_packets, 1U);
   return world.now - (in_a_stream ? b.run.last_rx_time : b.slot(5).rx_time);
 }
