@@ -20,7 +20,7 @@ struct preset {
   void (*apply)(test_settings* settings);
 };
 
-// -p may stand before a preset; a preset alone means UDP.
+// -p may stand before a partner's preset, which alone means UDP.
 void use_udp_unless_tcp(test_settings* settings) {
   if (!uses_tcp(settings)) settings->udp = 1;
 }

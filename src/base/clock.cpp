@@ -18,7 +18,7 @@ constexpr std::int64_t most_noise_nsec = 20000;      // where the clocks are slo
 constexpr std::int64_t smallest_set_nsec = 1000000;  // less may come between them: this process lost the processor
 constexpr int most_attempts = 5;
 
-// Where our clock started, and what is known of the date.
+// Where our clock started, and what is known of the date since.
 struct clock_origin {
   std::int64_t ticks;             // 0 = not yet
   std::int64_t monotonic_nsec;    // CLOCK_MONOTONIC then
@@ -27,7 +27,7 @@ struct clock_origin {
   std::int64_t stamps_true_from;  // ticks; earlier ones may be by a date that was set since
 };
 
-clock_origin start = {
+clock_origin origin = {
     .ticks = 0, .monotonic_nsec = 0, .noise_nsec = least_noise_nsec, .lead_nsec = 0, .stamps_true_from = 0};
 
 std::int64_t as_nsec(const timespec* time) {
@@ -49,7 +49,7 @@ struct lead_measurement {
 lead_measurement measure_lead() {
   std::int64_t lead = 0;
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
-  for (int attempt = 0; attempt < most_attempts && shortest > start.noise_nsec; ++attempt) {
+  for (int attempt = 0; attempt < most_attempts && shortest > origin.noise_nsec; ++attempt) {
     const std::int64_t before = nsec_of(CLOCK_MONOTONIC);
     const std::int64_t date = nsec_of(CLOCK_REALTIME);
     const std::int64_t took = nsec_of(CLOCK_MONOTONIC) - before;
@@ -63,30 +63,30 @@ lead_measurement measure_lead() {
 void start_clock() {
   timeval date = {};
   gettimeofday(&date, nullptr);
-  start.monotonic_nsec = nsec_of(CLOCK_MONOTONIC);
-  start.ticks = static_cast<std::int64_t>(date.tv_sec) * usec_per_second + static_cast<std::int64_t>(date.tv_usec);
+  origin.monotonic_nsec = nsec_of(CLOCK_MONOTONIC);
+  origin.ticks = static_cast<std::int64_t>(date.tv_sec) * usec_per_second + static_cast<std::int64_t>(date.tv_usec);
   const lead_measurement first = measure_lead();
-  start.lead_nsec = first.lead_nsec;
-  start.noise_nsec = std::clamp(first.took_nsec, least_noise_nsec, most_noise_nsec);
+  origin.lead_nsec = first.lead_nsec;
+  origin.noise_nsec = std::clamp(first.took_nsec, least_noise_nsec, most_noise_nsec);
 }
 
 std::int64_t monotonic_to_ticks(std::int64_t nsec) {
   ticks_per_second = usec_per_second;
-  if (start.ticks == 0) start_clock();
-  return start.ticks + (nsec - start.monotonic_nsec) / nsec_per_usec;
+  if (origin.ticks == 0) start_clock();
+  return origin.ticks + (nsec - origin.monotonic_nsec) / nsec_per_usec;
 }
 
 // Frames that wait to be read were stamped by the date as it was. Brought to our time by its new lead they seem older
 // by what it was set forward, or younger by what it was set back; those that are too young by more than a second show
 // it, since they are yet to come.
 void distrust_stamps(std::int64_t now, std::int64_t set_back_nsec) {
-  start.stamps_true_from = now + std::clamp<std::int64_t>(set_back_nsec / nsec_per_usec, 0, usec_per_second);
+  origin.stamps_true_from = now + std::clamp<std::int64_t>(set_back_nsec / nsec_per_usec, 0, usec_per_second);
 }
 
 }  // namespace
 
 std::int64_t clock_now() {
-  if (start.ticks == 0) start_clock();
+  if (origin.ticks == 0) start_clock();
   return monotonic_to_ticks(nsec_of(CLOCK_MONOTONIC));
 }
 
@@ -94,19 +94,19 @@ std::int64_t clock_now() {
 clock_reading read_both_clocks() {
   const std::int64_t monotonic = nsec_of(CLOCK_MONOTONIC);
   const std::int64_t lead = nsec_of(CLOCK_REALTIME) - monotonic;
-  clock_reading reading = {.now = monotonic_to_ticks(monotonic), .date_lead_nsec = start.lead_nsec};
-  if (std::abs(lead - start.lead_nsec) <= start.noise_nsec) return reading;
+  clock_reading reading = {.now = monotonic_to_ticks(monotonic), .date_lead_nsec = origin.lead_nsec};
+  if (std::abs(lead - origin.lead_nsec) <= origin.noise_nsec) return reading;
   const std::int64_t measured = measure_lead().lead_nsec;
-  if (std::abs(measured - start.lead_nsec) <= start.noise_nsec) return reading;
-  if (std::abs(measured - start.lead_nsec) > smallest_set_nsec)
-    distrust_stamps(reading.now, start.lead_nsec - measured);
-  reading.date_lead_nsec = start.lead_nsec = measured;
+  if (std::abs(measured - origin.lead_nsec) <= origin.noise_nsec) return reading;
+  if (std::abs(measured - origin.lead_nsec) > smallest_set_nsec)
+    distrust_stamps(reading.now, origin.lead_nsec - measured);
+  reading.date_lead_nsec = origin.lead_nsec = measured;
   return reading;
 }
 
 std::int64_t stamp_to_ticks(const timespec* stamp, const clock_reading* reading) {
   const std::int64_t ticks = monotonic_to_ticks(as_nsec(stamp) - reading->date_lead_nsec);
-  return ticks >= start.stamps_true_from ? ticks : 0;
+  return ticks >= origin.stamps_true_from ? ticks : 0;
 }
 
 // Whole seconds and the rest apart: a run of 106 days has more ticks than can be multiplied by a million. At the usual

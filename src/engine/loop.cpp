@@ -41,24 +41,25 @@ void derive_sizes(test_settings* settings, run_state* run) {
 }
 
 // A stream's packets and the window of the running bitrate are looked up by any sequence number. Otherwise only open
-// requests are, and what one release sends.
+// requests are, and the packets of one burst.
 std::uint32_t slots_needed(const test_settings* settings) {
   if (is_partner(settings) || settings->average_window != 0) return packet_table_slots;
   if (settings->ignore_responses != 0) return fewest_packet_slots;
   return std::max(std::bit_ceil(settings->max_outstanding), fewest_packet_slots);
 }
 
-// A command that a monitor runs for a peer would spend more on mapping a table than on what it notes there.
-std::array<packet_slot, fewest_packet_slots> small_table;
+// A command run would spend more on mapping a table than on what it notes there. There is one at a time, inside a run
+// whose own table it must not touch.
+std::array<packet_slot, fewest_packet_slots> table_of_command_run;
 
 // Mapped, not taken from the heap: pages come zeroed when they are first touched.
 void allocate_packet_table(const test_settings* settings, run_state* run) {
-  run->packet_table_size = slots_needed(settings);
-  if (run->packet_table_size == small_table.size()) {
-    small_table = {};
-    run->packet_table = small_table.data();
+  if (is_command_run(settings)) {
+    run->packet_table_size = fewest_packet_slots;
+    run->packet_table = table_of_command_run.data();
     return;
   }
+  run->packet_table_size = slots_needed(settings);
   void* table = mmap(nullptr, run->packet_table_size * sizeof(packet_slot), PROT_READ | PROT_WRITE,
                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (table == MAP_FAILED) {
@@ -69,7 +70,8 @@ void allocate_packet_table(const test_settings* settings, run_state* run) {
 }
 
 void free_packet_table(run_state* run) {
-  if (run->packet_table != small_table.data()) munmap(run->packet_table, run->packet_table_size * sizeof(packet_slot));
+  if (run->packet_table != table_of_command_run.data())
+    munmap(run->packet_table, run->packet_table_size * sizeof(packet_slot));
   run->packet_table = nullptr;
 }
 

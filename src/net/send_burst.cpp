@@ -19,7 +19,7 @@
 
 namespace {
 
-static_assert(largest_burst <= fewest_packet_slots);
+static_assert(largest_burst <= fewest_packet_slots);  // each packet of a burst has a slot of its own
 
 constexpr std::uint32_t largest_udp_bytes = largest_ip_length - ipv4_header_bytes - udp_header_bytes;
 

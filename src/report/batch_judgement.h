@@ -14,14 +14,15 @@ struct batch_judgement {
   bool bad;                // its first or its last packet did not arrive
 };
 
-// The judgement of the batch that the records describe.
-[[nodiscard]] batch_judgement judge_batch(const test_settings* settings, const run_state* run, const test_stats* stats);
-
-// Adds it to the counts of the test and, when it is good, its rate and its buffer consumption to the distributions.
-void count_batch(const batch_judgement* batch, test_stats* stats);
-
 // Sets stats->buffer_consumption_usec (usec) to the spread between the earliest and the latest arrival of the batch,
 // each against its schedule: the depth of the playout buffer that the stream would have needed. The schedule is the
 // commanded delay, or the mean spacing where that is below 1 ms; a missing packet starts it anew. 0 when nothing
 // arrived; unchanged when a single packet did.
 void compute_buffer_consumption(const run_state* run, test_stats* stats, const test_settings* settings);
+
+// The judgement of the batch that the records describe.
+[[nodiscard]] batch_judgement judge_batch(const test_settings* settings, const run_state* run, const test_stats* stats);
+
+// Adds it to the counts of the test and, when it is good, its rate and the buffer consumption that was computed of it
+// to the distributions.
+void count_batch(const batch_judgement* batch, test_stats* stats);

@@ -101,7 +101,7 @@ void plan_next_event() {
 
 void leave_run() {
   const run_state* left = current_run_state;  // a run that was cut short, with its table
-  if (left != nullptr && left->packet_table != nullptr && left->packet_table_size != fewest_packet_slots)
+  if (left != nullptr && left->packet_table != nullptr)
     munmap(left->packet_table, left->packet_table_size * sizeof(packet_slot));
   current_run_state = nullptr;
   std::longjmp(end_of_run, 1);

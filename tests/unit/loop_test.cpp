@@ -37,7 +37,7 @@ TEST(EchoRun, TellsARequestFromOthersOfItsSlot) {
           udp ? patched(answered, 0, be32(2)) : datagram(with_checksum(patched(answered, 0, {0})));
       if (world.sent != 1) world.deliver(50, answer);
     };
-    said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+    said([&] { b.run_to_end(); });
     EXPECT_EQ(numbers(b.stats.rx_packets, b.stats.lost_packets), (list{63, 2})) << udp;
   }
   workbench b("-u -e200 -a200 -d1 -s");  // all at once, and the newest is answered first
@@ -45,8 +45,24 @@ TEST(EchoRun, TellsARequestFromOthersOfItsSlot) {
   world.on_send = [](const byte_vector& request) {
     world.deliver(9000 - 10 * world.sent, patched(request, 0, be32(2)));
   };
-  said([&] { run_test(&b.settings, &b.stats, &b.run, nullptr); });
+  said([&] { b.run_to_end(); });
   EXPECT_EQ(b.stats.rx_packets, 200);
+}
+
+// An echo test obeys commands too; the stream that it sends then is a run of its own. With -A it has another table.
+TEST(EchoRun, KeepsItsRequestsThroughACommand) {
+  const auto text_with = [](const std::string& option, std::int64_t packets) {
+    workbench b("-u -e3 -a3 -d1000 -T5000" + option);
+    b.connect(SOCK_DGRAM);
+    const byte_vector command = patched(message(4, 70000, 0, 0, 164), 28, be32(packets));
+    world.on_send = [&](const byte_vector&) {
+      if (world.sent == 3) world.deliver(1500, command);
+    };
+    const std::string text = said([&] { b.run_to_end(); });
+    EXPECT_EQ(numbers(b.stats.tx_packets, b.stats.lost_packets), (list{3, 3})) << text;
+    return text;
+  };
+  for (const std::int64_t packets : {0, 1, 2, 3}) EXPECT_EQ(text_with("", packets), text_with(" -A65536", packets));
 }
 
 TEST(EchoRun, TakesNoNoticeOfADateThatIsSet) {
