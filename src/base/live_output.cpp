@@ -1,6 +1,7 @@
 #include "base/live_output.h"
 
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +31,10 @@ void set_up_standard_streams() {
   fill_closed_standard_descriptors();
   std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow fails the write, like a full disk
   std::setvbuf(stdout, nullptr, both_streams_lead_to_one_place() ? _IOLBF : _IOFBF, BUFSIZ);
+}
+
+bool output_is_waiting() {
+  return __fpending(stdout) != 0;
 }
 
 void flush_output() {

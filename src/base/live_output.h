@@ -8,5 +8,8 @@
 // file takes their number, and sets the buffering of standard output. Call once, before anything is printed or opened.
 void set_up_standard_streams();
 
+// True when standard output has gathered something that is not out yet.
+[[nodiscard]] bool output_is_waiting();
+
 // Writes out what standard output has gathered. Called just before the program waits, sleeps, forks or ends.
 void flush_output();

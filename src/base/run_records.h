@@ -48,6 +48,7 @@ struct run_state {
   std::uint32_t segmentation_refused;  // flag: the kernel does not cut our datagrams, so they go out one by one
   std::uint32_t refusal_reported;      // flag: the line of a refused packet was printed
   std::uint32_t stamps_sends;          // flag: the kernel stamps what is sent (net/kernel_stamps.h)
+  std::uint32_t reads_can_wait;        // flag: a read may wait for a datagram (net/receive_datagram.h)
   std::uint32_t stamped_from;          // sequence number of the packet whose stamp has number 0
 };
 

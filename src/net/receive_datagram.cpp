@@ -2,12 +2,14 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 
 #include "base/clock.h"
+#include "base/run_records.h"
 #include "wire/packet_sizes.h"
 
 namespace {
@@ -54,15 +56,17 @@ void prepare_again(std::uint32_t index) {
   queue.messages[index].msg_hdr.msg_controllen = control_bytes;
 }
 
-// Reads without waiting: a datagram that select announced may be gone again, dropped for a wrong checksum (select(2)).
-int read_some(int socket, std::uint32_t most) {
+// Without patience it does not wait even for a datagram that select announced: that may be gone again, dropped for a
+// wrong checksum (select(2)). A wait that a signal ends brings nothing.
+int read_some(int socket, std::uint32_t most, read_patience patience) {
   for (std::uint32_t i = 0; i < queue.stored; ++i) prepare_again(i);
   queue.stored = queue.next = 0;
   for (; queue.prepared < most; ++queue.prepared) prepare_message(queue.prepared);
+  const int flags = patience == read_patience::none ? MSG_DONTWAIT : MSG_WAITFORONE;
   int got = 0;
   do {
-    got = recvmmsg(socket, queue.messages.data(), most, MSG_DONTWAIT, nullptr);
-  } while (got < 0 && errno == EINTR);
+    got = recvmmsg(socket, queue.messages.data(), most, flags, nullptr);
+  } while (got < 0 && errno == EINTR && patience == read_patience::none);
   return got;
 }
 
@@ -80,10 +84,10 @@ void hand_on(std::uint32_t index, received_datagram* datagram) {
 
 // Queued datagrams cost one call together, but are handed on one by one: the loop reports and sends between them as if
 // each had been read by itself.
-read_result read_datagram(int socket, std::uint32_t most, received_datagram* datagram) {
+read_result read_datagram(int socket, std::uint32_t most, read_patience patience, received_datagram* datagram) {
   if (queue.next == queue.stored) {
-    const int got = read_some(socket, std::clamp(most, 1U, longest_read_run));
-    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return read_result::nothing_there;
+    const int got = read_some(socket, std::clamp(most, 1U, longest_read_run), patience);
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return read_result::nothing_there;
     if (got < 0 && (errno == EBADF || errno == ENOTSOCK)) return read_result::no_socket;
     *datagram = {};
     datagram->failed = got < 0;
@@ -93,6 +97,13 @@ read_result read_datagram(int socket, std::uint32_t most, received_datagram* dat
   }
   hand_on(queue.next++, datagram);
   return read_result::datagram;
+}
+
+// The time-out is counted in ticks of the kernel's timer, 10 ms at most, and begins in the middle of one.
+void let_reads_wait(run_state* run) {
+  constexpr timeval short_wait = {.tv_sec = 0, .tv_usec = 10000};
+  const int result = setsockopt(run->data_socket, SOL_SOCKET, SO_RCVTIMEO, &short_wait, sizeof short_wait);
+  run->reads_can_wait = result == 0 ? 1 : 0;
 }
 
 bool has_read_ahead() {

@@ -6,6 +6,8 @@
 
 #include "net/kernel_stamps.h"
 
+struct run_state;
+
 struct received_datagram {
   std::span<std::uint8_t> bytes;  // stays until the next read
   bool failed;                    // the read failed: there are no bytes
@@ -20,10 +22,18 @@ enum class read_result : std::uint8_t {
   no_socket,      // the descriptor is none
 };
 
-// The next datagram that came to `socket`, without waiting. Of those queued up to `most` are taken in one call of
-// recvmmsg(2); the others wait here for the next calls. The clocks are read once behind that call, for all that it
-// brought.
-[[nodiscard]] read_result read_datagram(int socket, std::uint32_t most, received_datagram* datagram);
+enum class read_patience : std::uint8_t {
+  none,     // what is there
+  ten_msec  // waits as long, or up to 30 ms, for the first, once let_reads_wait was called; a signal ends the wait
+};
+
+// The next datagram that came to `socket`. Of those queued up to `most` are taken in one call of recvmmsg(2); the
+// others wait here for the next calls. The clocks are read once behind that call, for all that it brought.
+[[nodiscard]] read_result read_datagram(int socket, std::uint32_t most, read_patience patience,
+                                        received_datagram* datagram);
+
+// Lets reads of the datagram socket run->data_socket wait. Sets run->reads_can_wait where the kernel agreed.
+void let_reads_wait(run_state* run);
 
 // True when a datagram waits here, so that there is nothing to wait for at the socket.
 [[nodiscard]] bool has_read_ahead();

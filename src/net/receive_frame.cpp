@@ -2,11 +2,13 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 
 #include "base/clock.h"
+#include "base/live_output.h"
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "base/signals.h"
@@ -27,6 +29,9 @@ constexpr std::int64_t longest_flush_usec = 10000000;
 
 // Where answers can be queued, as many are read at once as wait for an answer; in partner mode a stream is.
 constexpr std::uint32_t read_at_once = 16;
+
+// What a wait that begins in a read leaves is waited for exactly, so it must be far from its end then.
+constexpr std::int64_t shortest_wait_to_read_in_usec = 50000;
 
 std::uint32_t datagrams_to_expect(const test_settings* settings, const run_state* run) {
   return is_echo_mode(settings) ? run->current_tx__packet - run->oldest_outstanding : read_at_once;
@@ -52,25 +57,56 @@ frame_result handle_datagram(const received_datagram* datagram, test_settings* s
                              &datagram->arrival, settings, stats, run);
 }
 
+// How a datagram is looked for before anything waits for it.
+enum class first_read : std::uint8_t { none, at_once, patient };
+
 // An echo test reads first and waits only when nothing is there: while answers stream in, that saves a call for each.
-// In partner mode that read would find nothing, but for what was read ahead.
+// In partner mode that read would find nothing, but for what was read ahead. A long wait begins in the read itself,
+// which saves the call that only waits; but a line that was printed must be out before.
+first_read plan_first_read(const test_settings* settings, const run_state* run, std::int64_t wait_usec) {
+  if (wait_usec == 0 || has_read_ahead()) return first_read::at_once;
+  if (run->reads_can_wait != 0 && wait_usec >= shortest_wait_to_read_in_usec && !output_is_waiting())
+    return first_read::patient;
+  return is_partner(settings) ? first_read::none : first_read::at_once;
+}
+
+read_result take_datagram(const test_settings* settings, run_state* run, read_patience patience,
+                          received_datagram* datagram) {
+  const std::uint32_t most = datagrams_to_expect(settings, run);
+  const bool was_read_ahead = has_read_ahead();
+  const read_result result = read_datagram(run->data_socket, most, patience, datagram);
+  take_send_stamps(run);
+  if (!was_read_ahead) run->step_time = run->stamps_sends == 0 ? datagram->arrival.reading : 0;
+  return result;
+}
+
+// The same, where the read may wait. *wait_usec becomes what it leaves of the wait.
+read_result take_datagram_patiently(const test_settings* settings, run_state* run, std::int64_t* wait_usec,
+                                    received_datagram* datagram) {
+  answer_progress_request();
+  const std::int64_t began = time_of_step(run);
+  const read_result result = take_datagram(settings, run, read_patience::ten_msec, datagram);
+  if (result == read_result::nothing_there)
+    *wait_usec = std::max<std::int64_t>(*wait_usec - usec_between(began, clock_now()), 0);
+  return result;
+}
+
 frame_result receive_datagram(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {
-  bool read_is_due = !is_partner(settings) || wait_usec == 0 || has_read_ahead();
-  for (;; read_is_due = true) {
-    received_datagram datagram = {};
-    const std::uint32_t most = datagrams_to_expect(settings, run);
-    const bool was_read_ahead = has_read_ahead();
-    const read_result read =
-        read_is_due ? read_datagram(run->data_socket, most, &datagram) : read_result::nothing_there;
-    take_send_stamps(run);
-    if (!was_read_ahead) run->step_time = run->stamps_sends == 0 ? datagram.arrival.reading : 0;
-    if (read == read_result::datagram) return handle_datagram(&datagram, settings, run, stats);
-    if (read == read_result::no_socket) return report_failed_wait(settings);
+  received_datagram datagram = {};
+  read_result read = read_result::nothing_there;
+  const first_read first = plan_first_read(settings, run, wait_usec);
+  if (first == first_read::at_once) read = take_datagram(settings, run, read_patience::none, &datagram);
+  if (first == first_read::patient) read = take_datagram_patiently(settings, run, &wait_usec, &datagram);
+  while (read == read_result::nothing_there) {
     if (wait_usec == 0) return frame_none;
+    run->step_time = 0;
     const wait_result result = wait_on_socket(run->data_socket, socket_event::readable, &wait_usec);
     if (result == wait_result::failed) return report_failed_wait(settings);
     if (result != wait_result::ready) return frame_none;
+    read = take_datagram(settings, run, read_patience::none, &datagram);
   }
+  if (read == read_result::no_socket) return report_failed_wait(settings);
+  return handle_datagram(&datagram, settings, run, stats);
 }
 
 frame_result receive_message(test_settings* settings, run_state* run, test_stats* stats, std::int64_t wait_usec) {

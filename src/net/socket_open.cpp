@@ -12,6 +12,7 @@
 #include "base/run_records.h"
 #include "base/settings.h"
 #include "net/kernel_stamps.h"
+#include "net/receive_datagram.h"
 #include "net/socket_connection.h"
 #include "net/socket_options.h"
 
@@ -92,7 +93,10 @@ void open_test_socket(const test_settings* settings, run_state* run) {
   } else {
     run->data_socket = open_icmp_socket(settings);
   }
-  if (!uses_tcp(settings) && settings->ignore_responses == 0) ask_for_arrival_stamps(run->data_socket);
+  if (!uses_tcp(settings) && settings->ignore_responses == 0) {
+    ask_for_arrival_stamps(run->data_socket);
+    let_reads_wait(run);
+  }
   ask_for_send_stamps(settings, run);
   set_type_of_service(settings, run);
 }

@@ -1,5 +1,7 @@
 #include "net/receive_frame.h"
 
+#include <stdio_ext.h>
+
 #include "base/signals.h"
 #include "support/expect.h"
 
@@ -28,6 +30,40 @@ TEST(Receiver, WaitsForTheRestOfAMessageButNotForEver) {
     EXPECT_EQ(receive_pieces(99999, 1, true), "1 after 99999");
     EXPECT_EQ(receive_pieces(100001, 1, true), "-1 after 100000");
     EXPECT_EQ(receive_pieces(33334, 3, true), "-1 after 100000");
+  });
+}
+
+// A long wait begins in the read. It ends no sooner for a signal that is noted nowhere, and what was printed is out.
+TEST(Receiver, WaitsAsLongInAReadAsElsewhere) {
+  for (const std::int64_t wait : {8000, 49999, 50000, 1000000}) {
+    for (const std::string printed : {"", "a line\n"}) {
+      for (const bool interrupted : {false, true}) {
+        workbench b("-c -s");
+        b.connect(SOCK_DGRAM);
+        b.run.reads_can_wait = 1;
+        world.after(5000, [=] {
+          EXPECT_EQ(__fpending(stdout), 0U);
+          world.interrupted = interrupted;
+        });
+        const std::int64_t start = world.now;
+        const auto receive = [&] { return receive_one_frame(&b.settings, &b.run, &b.stats, wait); };
+        EXPECT_EQ(said(frame_none, [&] { return std::fputs(printed.c_str(), stdout), receive(); }), printed);
+        EXPECT_EQ(world.now - start, wait);
+        world.deliver(7000, message(3, 5, 0, 7, 40));  // ends it at once
+        EXPECT_EQ(receive(), frame_counted);
+        EXPECT_EQ(world.now - start, wait + 7000);
+      }
+    }
+  }
+  apart([] {
+    catch_signals(true);
+    workbench b("-c -s");
+    b.connect(SOCK_DGRAM);
+    b.run.reads_can_wait = 1;
+    world.after(5000, [] { world.interrupted = std::raise(SIGTERM) == 0; });
+    const std::int64_t start = world.now;
+    EXPECT_EQ(receive_one_frame(&b.settings, &b.run, &b.stats, 1000000), frame_none);
+    EXPECT_EQ(world.now - start, 5000);
   });
 }
 
