@@ -11,43 +11,51 @@
 #include "base/clock.h"
 #include "base/run_records.h"
 #include "wire/packet_sizes.h"
+#include "wire/remote_command.h"
 
 namespace {
 
-constexpr std::uint32_t longest_read_run = 16;
-constexpr std::size_t control_bytes =
-    128;  // what comes with a datagram: its stamp, in two formats (net/kernel_stamps.h)
+static_assert(datagram_front_bytes >= sizeof(operation_message));
 
-struct stored_datagram {
-  alignas(cmsghdr) std::array<std::uint8_t, control_bytes> control;
-  sockaddr_in source;
-  std::array<std::uint8_t, message_buffer_bytes> bytes;
-};
+constexpr std::uint32_t most_fronts = 64;  // that one call reads
+constexpr std::uint32_t most_whole = 16;
+constexpr std::size_t control_bytes = 128;  // what comes with a datagram: its stamp, in two formats (kernel_stamps.h)
+
+using control_block = std::array<std::uint8_t, control_bytes>;
 
 // One monitor's frames must not be lost while it executes a command, so they outlive the call that read them.
 struct datagram_queue {
-  std::array<stored_datagram, longest_read_run> store;  // only what was received is ever touched
-  std::array<mmsghdr, longest_read_run> messages;
-  std::array<iovec, longest_read_run> parts;
+  alignas(cmsghdr) std::array<control_block, most_fronts> controls;
+  std::array<sockaddr_in, most_fronts> sources;
+  std::array<std::array<std::uint8_t, datagram_front_bytes>, most_fronts> fronts;
+  std::array<std::array<std::uint8_t, message_buffer_bytes>, most_whole> whole;  // only what came is ever touched
+  std::array<mmsghdr, most_fronts> messages;
+  std::array<iovec, most_fronts> parts;
+  read_extent extent;      // for which the messages are prepared
   std::uint32_t prepared;  // of the messages, those that were ever prepared
-  std::uint32_t stored;    // in the store
+  std::uint32_t stored;    // that the last call read
   std::uint32_t next;      // of these, the first that was not handed on
   clock_reading read_at;   // behind the call that read them
 };
 
 datagram_queue queue;
 
+iovec place_of_bytes(std::uint32_t index) {
+  if (queue.extent == read_extent::front)
+    return {.iov_base = queue.fronts[index].data(), .iov_len = datagram_front_bytes};
+  return {.iov_base = queue.whole[index].data(), .iov_len = message_buffer_bytes};
+}
+
 void prepare_message(std::uint32_t index) {
-  stored_datagram* place = &queue.store[index];
-  queue.parts[index] = {.iov_base = place->bytes.data(), .iov_len = place->bytes.size()};
+  queue.parts[index] = place_of_bytes(index);
   msghdr* message = &queue.messages[index].msg_hdr;
   *message = {};
-  message->msg_name = &place->source;
-  message->msg_namelen = sizeof place->source;
+  message->msg_name = &queue.sources[index];
+  message->msg_namelen = sizeof(sockaddr_in);
   message->msg_iov = &queue.parts[index];
   message->msg_iovlen = 1;
-  message->msg_control = place->control.data();
-  message->msg_controllen = place->control.size();
+  message->msg_control = queue.controls[index].data();
+  message->msg_controllen = control_bytes;
 }
 
 // Of a message that it filled the kernel has changed the lengths.
@@ -58,11 +66,13 @@ void prepare_again(std::uint32_t index) {
 
 // Without patience it does not wait even for a datagram that select announced: that may be gone again, dropped for a
 // wrong checksum (select(2)). A wait that a signal ends brings nothing.
-int read_some(int socket, std::uint32_t most, read_patience patience) {
+int read_some(int socket, std::uint32_t most, read_extent extent, read_patience patience) {
+  if (extent != queue.extent) queue.prepared = 0;
+  queue.extent = extent;
   for (std::uint32_t i = 0; i < queue.stored; ++i) prepare_again(i);
   queue.stored = queue.next = 0;
   for (; queue.prepared < most; ++queue.prepared) prepare_message(queue.prepared);
-  const int flags = patience == read_patience::none ? MSG_DONTWAIT : MSG_WAITFORONE;
+  const int flags = MSG_TRUNC | (patience == read_patience::none ? MSG_DONTWAIT : MSG_WAITFORONE);  // the true lengths
   int got = 0;
   do {
     got = recvmmsg(socket, queue.messages.data(), most, flags, nullptr);
@@ -71,22 +81,26 @@ int read_some(int socket, std::uint32_t most, read_patience patience) {
 }
 
 void hand_on(std::uint32_t index, received_datagram* datagram) {
-  stored_datagram* from = &queue.store[index];
   mmsghdr* message = &queue.messages[index];
-  *datagram = {.bytes = {from->bytes.data(), message->msg_len},
-               .failed = false,
-               .source = from->source.sin_addr.s_addr,
-               .source_port = from->source.sin_port,
-               .arrival = {.stamp = stamp_of(&message->msg_hdr, &queue.read_at), .reading = queue.read_at.now}};
+  const iovec* part = &queue.parts[index];
+  *datagram = {
+      .bytes = {static_cast<std::uint8_t*>(part->iov_base), std::min<std::size_t>(message->msg_len, part->iov_len)},
+      .length = message->msg_len,
+      .failed = false,
+      .source = queue.sources[index].sin_addr.s_addr,
+      .source_port = queue.sources[index].sin_port,
+      .arrival = {.stamp = stamp_of(&message->msg_hdr, &queue.read_at), .reading = queue.read_at.now}};
 }
 
 }  // namespace
 
 // Queued datagrams cost one call together, but are handed on one by one: the loop reports and sends between them as if
 // each had been read by itself.
-read_result read_datagram(int socket, std::uint32_t most, read_patience patience, received_datagram* datagram) {
+read_result read_datagram(int socket, std::uint32_t most, read_extent extent, read_patience patience,
+                          received_datagram* datagram) {
   if (queue.next == queue.stored) {
-    const int got = read_some(socket, std::clamp(most, 1U, longest_read_run), patience);
+    const std::uint32_t largest = extent == read_extent::front ? most_fronts : most_whole;
+    const int got = read_some(socket, std::clamp(most, 1U, largest), extent, patience);
     if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return read_result::nothing_there;
     if (got < 0 && (errno == EBADF || errno == ENOTSOCK)) return read_result::no_socket;
     *datagram = {};

@@ -9,7 +9,8 @@
 struct run_state;
 
 struct received_datagram {
-  std::span<std::uint8_t> bytes;  // stays until the next read
+  std::span<std::uint8_t> bytes;  // what was asked for; stays until the next read
+  std::size_t length;             // of the whole
   bool failed;                    // the read failed: there are no bytes
   std::uint32_t source;           // IPv4, network byte order
   std::uint16_t source_port;      // network byte order
@@ -22,6 +23,13 @@ enum class read_result : std::uint8_t {
   no_socket,      // the descriptor is none
 };
 
+// Copying what nobody looks at costs more than the rest of a read.
+inline constexpr std::size_t datagram_front_bytes = 256;
+enum class read_extent : std::uint8_t {
+  front,  // at most datagram_front_bytes of each
+  whole,
+};
+
 enum class read_patience : std::uint8_t {
   none,     // what is there
   ten_msec  // waits as long, or up to 30 ms, for the first, once let_reads_wait was called; a signal ends the wait
@@ -29,7 +37,7 @@ enum class read_patience : std::uint8_t {
 
 // The next datagram that came to `socket`. Of those queued up to `most` are taken in one call of recvmmsg(2); the
 // others wait here for the next calls. The clocks are read once behind that call, for all that it brought.
-[[nodiscard]] read_result read_datagram(int socket, std::uint32_t most, read_patience patience,
+[[nodiscard]] read_result read_datagram(int socket, std::uint32_t most, read_extent extent, read_patience patience,
                                         received_datagram* datagram);
 
 // Lets reads of the datagram socket run->data_socket wait. Sets run->reads_can_wait where the kernel agreed.

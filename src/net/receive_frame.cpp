@@ -28,7 +28,7 @@ constexpr std::int64_t flush_silence_usec = 20000;
 constexpr std::int64_t longest_flush_usec = 10000000;
 
 // Where answers can be queued, as many are read at once as wait for an answer; in partner mode a stream is.
-constexpr std::uint32_t read_at_once = 16;
+constexpr std::uint32_t read_at_once = 64;
 
 // What a wait that begins in a read leaves is waited for exactly, so it must be far from its end then.
 constexpr std::int64_t shortest_wait_to_read_in_usec = 50000;
@@ -44,7 +44,7 @@ frame_result report_failed_wait(const test_settings* settings) {
 
 frame_result handle_datagram(const received_datagram* datagram, test_settings* settings, run_state* run,
                              test_stats* stats) {
-  const auto length = static_cast<int>(datagram->bytes.size());
+  const auto length = static_cast<int>(datagram->length);
   if (datagram->failed) return frame_none;
   if (length == 0) {
     if (speaks(settings)) std::fprintf(stderr, "Error- zero length recvfrom on an icmp socket\n");
@@ -62,19 +62,22 @@ enum class first_read : std::uint8_t { none, at_once, patient };
 
 // An echo test reads first and waits only when nothing is there: while answers stream in, that saves a call for each.
 // In partner mode that read would find nothing, but for what was read ahead. A long wait begins in the read itself,
-// which saves the call that only waits; but a line that was printed must be out before.
+// which saves the call that only waits; what was printed must be out before, and an echo test gathers its lines.
 first_read plan_first_read(const test_settings* settings, const run_state* run, std::int64_t wait_usec) {
   if (wait_usec == 0 || has_read_ahead()) return first_read::at_once;
-  if (run->reads_can_wait != 0 && wait_usec >= shortest_wait_to_read_in_usec && !output_is_waiting())
-    return first_read::patient;
+  if (run->reads_can_wait != 0 && wait_usec >= shortest_wait_to_read_in_usec) {
+    if (is_partner(settings)) flush_output();
+    if (!output_is_waiting()) return first_read::patient;
+  }
   return is_partner(settings) ? first_read::none : first_read::at_once;
 }
 
 read_result take_datagram(const test_settings* settings, run_state* run, read_patience patience,
                           received_datagram* datagram) {
   const std::uint32_t most = datagrams_to_expect(settings, run);
+  const read_extent extent = uses_udp(settings) ? read_extent::front : read_extent::whole;  // ICMP has a checksum
   const bool was_read_ahead = has_read_ahead();
-  const read_result result = read_datagram(run->data_socket, most, patience, datagram);
+  const read_result result = read_datagram(run->data_socket, most, extent, patience, datagram);
   take_send_stamps(run);
   if (!was_read_ahead) run->step_time = run->stamps_sends == 0 ? datagram->arrival.reading : 0;
   return result;

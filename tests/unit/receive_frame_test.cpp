@@ -67,6 +67,21 @@ TEST(Receiver, WaitsAsLongInAReadAsElsewhere) {
   });
 }
 
+TEST(Receiver, LongDatagramsAreWhole) {
+  workbench udp("-u");
+  udp.connect(SOCK_DGRAM);
+  std::size_t reply_bytes = 0;
+  world.on_send = [&](const byte_vector& reply) { reply_bytes = reply.size(); };
+  world.deliver(0, message(1, 70000, 0, 0, 9000));
+  (void)receive_one_frame(&udp.settings, &udp.run, &udp.stats, 1000);
+  EXPECT_EQ(reply_bytes, 9000U);
+  workbench icmp("-l9000");
+  icmp.connect(SOCK_DGRAM);
+  icmp.request(0);
+  world.deliver(0, datagram(icmp_message(0, 70000, 0, byte_vector(9000, 7))));
+  EXPECT_EQ(receive_one_frame(&icmp.settings, &icmp.run, &icmp.stats, 1000), frame_counted);
+}
+
 TEST(Receiver, FlushesUntilTwentyMillisecondsOfSilence) {
   workbench b;
   b.connect(SOCK_DGRAM);
