@@ -62,13 +62,13 @@ enum class first_read : std::uint8_t { none, at_once, patient };
 
 // An echo test reads first and waits only when nothing is there: while answers stream in, that saves a call for each.
 // In partner mode that read would find nothing, but for what was read ahead. A long wait begins in the read itself,
-// which saves the call that only waits; what was printed must be out before, and an echo test gathers its lines.
+// which saves the call that only waits; but what was printed must be out before. A commander waits first all the same:
+// behind that call more of its stream is there, and one read takes it.
 first_read plan_first_read(const test_settings* settings, const run_state* run, std::int64_t wait_usec) {
   if (wait_usec == 0 || has_read_ahead()) return first_read::at_once;
-  if (run->reads_can_wait != 0 && wait_usec >= shortest_wait_to_read_in_usec) {
-    if (is_partner(settings)) flush_output();
-    if (!output_is_waiting()) return first_read::patient;
-  }
+  if (run->reads_can_wait != 0 && !is_commander(settings) && wait_usec >= shortest_wait_to_read_in_usec &&
+      !output_is_waiting())
+    return first_read::patient;
   return is_partner(settings) ? first_read::none : first_read::at_once;
 }
 

@@ -38,8 +38,9 @@ TEST(Receiver, WaitsAsLongInAReadAsElsewhere) {
   for (const std::int64_t wait : {8000, 49999, 50000, 1000000}) {
     for (const std::string printed : {"", "a line\n"}) {
       for (const bool interrupted : {false, true}) {
-        workbench b("-c -s");
+        workbench b("-u -s");
         b.connect(SOCK_DGRAM);
+        b.settings.partner_mode = 1;
         b.run.reads_can_wait = 1;
         world.after(5000, [=] {
           EXPECT_EQ(__fpending(stdout), 0U);
@@ -57,8 +58,9 @@ TEST(Receiver, WaitsAsLongInAReadAsElsewhere) {
   }
   apart([] {
     catch_signals(true);
-    workbench b("-c -s");
+    workbench b("-u -s");
     b.connect(SOCK_DGRAM);
+    b.settings.partner_mode = 1;
     b.run.reads_can_wait = 1;
     world.after(5000, [] { world.interrupted = std::raise(SIGTERM) == 0; });
     const std::int64_t start = world.now;
