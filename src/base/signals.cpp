@@ -44,7 +44,7 @@ void note_progress_request(int /*signal_number*/) {
 }
 
 // Interrupted calls are restarted, or a write of standard output that waits for a slow pipe would lose its lines;
-// select is never restarted (signal(7)), and it is where the program waits.
+// select and a read with a time-out are never restarted (signal(7)), and they are where the program waits.
 bool catch_unless_ignored(int signal_number, void (*handler)(int)) {
   struct sigaction action = {};
   if (sigaction(signal_number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) return false;

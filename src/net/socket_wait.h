@@ -1,5 +1,6 @@
-// Waiting, the one way this program waits: select(2), cut short by the stop signals and by nothing else. It is also
-// where SIGQUIT is answered, so that whoever waits needs no code for it.
+// Waiting, the one way this program waits to an exact time: select(2), cut short by the stop signals and by nothing
+// else. It is also where SIGQUIT is answered, so that whoever waits needs no code for it. Only a long wait for a
+// datagram begins elsewhere, in the read (net/receive_datagram.h).
 #pragma once
 
 #include <cstdint>
